@@ -1,0 +1,455 @@
+#include "KMem.h"
+
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "Checks.h"
+#include "KDebug.h"
+#include "Numbers.h"
+
+namespace {
+
+constexpr Checks g_Checks("src/api/KMem");
+
+constexpr int kSlotCount = 102400;
+constexpr int kNoSlot = -1;
+
+/// The set of taken slots, as a tree of bit words three levels high, so that the lowest free slot is three looks away.
+class SlotSet {
+ public:
+    int LowestFree() const {
+        const int nGroup = LowestClear(m_nTop);
+        if (nGroup >= kGroups) {
+            return kNoSlot;
+        }
+        const int nWord = nGroup * kBits + LowestClear(m_nGroups[nGroup]);
+        const int nSlot = nWord * kBits + LowestClear(m_nWords[nWord < kWords ? nWord : kWords - 1]);
+        return nWord < kWords && nSlot < kSlotCount ? nSlot : kNoSlot;
+    }
+
+    void Take(int nSlot) {
+        const int nWord = nSlot / kBits;
+        const int nGroup = nWord / kBits;
+        m_nWords[nWord] |= Bit(nSlot);
+        if (m_nWords[nWord] == kFull) {
+            m_nGroups[nGroup] |= Bit(nWord);
+            if (m_nGroups[nGroup] == kFull) {
+                m_nTop |= Bit(nGroup);
+            }
+        }
+    }
+
+    void Release(int nSlot) {
+        const int nWord = nSlot / kBits;
+        const int nGroup = nWord / kBits;
+        m_nWords[nWord] &= ~Bit(nSlot);
+        m_nGroups[nGroup] &= ~Bit(nWord);
+        m_nTop &= ~Bit(nGroup);
+    }
+
+    bool Has(int nSlot) const { return (m_nWords[nSlot / kBits] & Bit(nSlot)) != 0; }
+
+    /// True when none of the 64 slots around this one is taken.
+    bool IsWordEmpty(int nSlot) const { return m_nWords[nSlot / kBits] == 0; }
+
+    static constexpr int kBits = 64;
+
+ private:
+    using Word = std::uint64_t;
+    static constexpr Word kFull = ~Word{0};
+    static constexpr int kWords = kSlotCount / kBits;
+    static constexpr int kGroups = kWords / kBits;
+    static_assert(kGroups * kBits * kBits == kSlotCount, "every word and every group is whole");
+
+    static Word Bit(int nIndex) { return Word{1} << (nIndex % kBits); }
+    static int LowestClear(Word nWord) { return nWord == kFull ? kBits : __builtin_ctzll(~nWord); }
+
+    Word m_nWords[kWords];
+    Word m_nGroups[kGroups];
+    Word m_nTop;
+};
+
+/// Where each registered pointer's slot is: an open hash table with linear probing. Every walk is bounded by the size of
+/// the table, so that programs that register from several threads without a lock may lose an entry but never loop.
+class SlotIndex {
+ public:
+    void Insert(const void* p, int nSlot) {
+        std::uint32_t nCell = Home(p);
+        for (std::uint32_t i = 0; i < kCells && m_nCells[nCell] != 0; ++i) {
+            nCell = Next(nCell);
+        }
+        m_nCells[nCell] = nSlot + 1;
+    }
+
+    /// The lowest slot that holds @p p, or kNoSlot.
+    int Find(const void* const* pSlots, const void* p) const {
+        int nFound = kNoSlot;
+        std::uint32_t nCell = Home(p);
+        for (std::uint32_t i = 0; i < kCells; ++i, nCell = Next(nCell)) {
+            const int nSlot = m_nCells[nCell] - 1;
+            if (nSlot == kNoSlot) {
+                break;
+            }
+            if (pSlots[nSlot] == p && (nFound == kNoSlot || nSlot < nFound)) {
+                nFound = nSlot;
+            }
+        }
+        return nFound;
+    }
+
+    /// Takes the cell of one slot out and moves later cells of the same run up, so that no walk ends too early. The
+    /// slot's pointer must still be in place.
+    void Erase(const void* const* pSlots, int nSlot) {
+        std::uint32_t nHole = Home(pSlots[nSlot]);
+        for (std::uint32_t i = 0; i < kCells && m_nCells[nHole] != nSlot + 1; ++i) {
+            nHole = Next(nHole);
+        }
+        std::uint32_t nCell = Next(nHole);
+        for (std::uint32_t i = 0; i < kCells && m_nCells[nCell] != 0; ++i, nCell = Next(nCell)) {
+            const std::uint32_t nHome = Home(pSlots[m_nCells[nCell] - 1]);
+            if (Distance(nHome, nCell) >= Distance(nHole, nCell)) {
+                m_nCells[nHole] = m_nCells[nCell];
+                nHole = nCell;
+            }
+        }
+        m_nCells[nHole] = 0;
+    }
+
+ private:
+    static constexpr std::uint32_t kCellBits = 18;
+    static constexpr std::uint32_t kCells = 1u << kCellBits;
+    static_assert(kCells > 2 * kSlotCount, "at most four cells in ten are taken");
+
+    static std::uint32_t Home(const void* p) {
+        const std::uint64_t nAddress = reinterpret_cast<std::uintptr_t>(p);
+        return static_cast<std::uint32_t>((nAddress >> 3) * UINT64_C(0x9E3779B97F4A7C15) >> (64 - kCellBits));
+    }
+    static std::uint32_t Next(std::uint32_t nCell) { return (nCell + 1) % kCells; }
+    static std::uint32_t Distance(std::uint32_t nFrom, std::uint32_t nTo) { return (nTo - nFrom) % kCells; }
+
+    std::int32_t m_nCells[kCells];
+};
+
+}  // namespace
+
+/// The registry: the tables the leak report is made of and, behind them, what finds a slot without a search. It comes
+/// zeroed from the system and is touched only where it is used.
+struct KMem::MemInfoContainer {
+    int mnReady;
+    int mnInstanceCount;
+    KMem* m_pObjects[kSlotCount];
+    std::size_t m_nSizes[kSlotCount];
+    void* m_pBlocks[kSlotCount];
+
+    SlotSet m_ObjectSet;
+    SlotSet m_BlockSet;
+    SlotIndex m_ObjectIndex;
+    SlotIndex m_BlockIndex;
+
+    /// Takes the lowest free slot for a pointer, or none for a null pointer. kNoSlot when there is none left.
+    template <typename T>
+    static int Enter(T** pSlots, SlotSet& set, SlotIndex& index, T* p) {
+        const int nSlot = set.LowestFree();
+        if (nSlot != kNoSlot && p != nullptr) {
+            pSlots[nSlot] = p;
+            set.Take(nSlot);
+            index.Insert(p, nSlot);
+        }
+        return nSlot;
+    }
+
+    /// Clears the lowest slot that holds a pointer. A null pointer is held by every free slot.
+    template <typename T>
+    static int Leave(T** pSlots, SlotSet& set, SlotIndex& index, T* p) {
+        if (p == nullptr) {
+            return set.LowestFree();
+        }
+        const void* const* const pPlain = reinterpret_cast<const void* const*>(pSlots);
+        const int nSlot = index.Find(pPlain, p);
+        if (nSlot != kNoSlot) {
+            index.Erase(pPlain, nSlot);
+            set.Release(nSlot);
+            pSlots[nSlot] = nullptr;
+        }
+        return nSlot;
+    }
+
+    static void Report(int nSlot, const void* p, std::size_t nSize) {
+        KDebug::Log("OBJ %08d nonClass:%08x Size:%08d", nSlot, LowWord(p), static_cast<int>(nSize));
+    }
+
+    void ReportSlot(int nSlot) const {
+        if (m_ObjectSet.Has(nSlot)) {
+            Report(nSlot, m_pObjects[nSlot], static_cast<std::size_t>(m_pObjects[nSlot]->m_nSize));
+        }
+        if (m_BlockSet.Has(nSlot)) {
+            Report(nSlot, m_pBlocks[nSlot], m_nSizes[nSlot]);
+        }
+    }
+};
+
+KMem::MemInfoContainer* KMem::g_pMemInfoContainer = nullptr;
+
+// -------------------------------------------------------------------------------------------------------- Registry
+
+bool KMem::Init() {
+    if (g_pMemInfoContainer != nullptr) {
+        return false;
+    }
+    // Straight from the system's zero pages: filling it would touch megabytes that most programs never use.
+    g_pMemInfoContainer = static_cast<MemInfoContainer*>(std::calloc(1, sizeof(MemInfoContainer)));
+    if (g_pMemInfoContainer != nullptr) {
+        g_pMemInfoContainer->mnReady = 1;
+    }
+    return g_pMemInfoContainer != nullptr;
+}
+
+void KMem::Deinit() {
+    const char* const pszSignature = "static void KMem::Deinit()";
+    if (!g_Checks.Hold(g_pMemInfoContainer != nullptr, "g_pMemInfoContainer", pszSignature)) {
+        return;
+    }
+    const MemInfoContainer& registry = *g_pMemInfoContainer;
+    for (int nSlot = 0; nSlot < kSlotCount; ++nSlot) {
+        if (nSlot % SlotSet::kBits == 0 && registry.m_ObjectSet.IsWordEmpty(nSlot) &&
+            registry.m_BlockSet.IsWordEmpty(nSlot)) {
+            nSlot += SlotSet::kBits - 1;
+        } else {
+            registry.ReportSlot(nSlot);
+        }
+    }
+    g_Checks.Hold(registry.mnInstanceCount == 0, "g_pMemInfoContainer->mnInstanceCount == 0", pszSignature);
+    std::free(g_pMemInfoContainer);
+    g_pMemInfoContainer = nullptr;
+}
+
+bool KMem::Add(KMem* pObject) {
+    Init();
+    MemInfoContainer* const pRegistry = g_pMemInfoContainer;
+    if (pRegistry == nullptr || MemInfoContainer::Enter(pRegistry->m_pObjects, pRegistry->m_ObjectSet,
+                                                        pRegistry->m_ObjectIndex, pObject) == kNoSlot) {
+        g_Checks.Fail("static bool KMem::Add(KMem*)");
+        return false;
+    }
+    ++pRegistry->mnInstanceCount;
+    return true;
+}
+
+bool KMem::Remove(KMem* pObject) {
+    MemInfoContainer* const pRegistry = g_pMemInfoContainer;
+    if (pRegistry == nullptr || MemInfoContainer::Leave(pRegistry->m_pObjects, pRegistry->m_ObjectSet,
+                                                        pRegistry->m_ObjectIndex, pObject) == kNoSlot) {
+        g_Checks.Fail("static bool KMem::Remove(KMem*)");
+        return false;
+    }
+    --pRegistry->mnInstanceCount;
+    return true;
+}
+
+bool KMem::AddForNonClass(void* pBlock, std::size_t nSize) {
+    Init();
+    MemInfoContainer* const pRegistry = g_pMemInfoContainer;
+    const int nSlot = pRegistry == nullptr ? kNoSlot
+                                           : MemInfoContainer::Enter(pRegistry->m_pBlocks, pRegistry->m_BlockSet,
+                                                                     pRegistry->m_BlockIndex, pBlock);
+    if (nSlot == kNoSlot) {
+        g_Checks.Fail("static bool KMem::AddForNonClass(void*, size_t)");
+        return false;
+    }
+    pRegistry->m_nSizes[nSlot] = nSize;
+    ++pRegistry->mnInstanceCount;
+    return true;
+}
+
+bool KMem::RemoveForNonClass(void* pBlock) {
+    MemInfoContainer* const pRegistry = g_pMemInfoContainer;
+    const int nSlot = pRegistry == nullptr ? kNoSlot
+                                           : MemInfoContainer::Leave(pRegistry->m_pBlocks, pRegistry->m_BlockSet,
+                                                                     pRegistry->m_BlockIndex, pBlock);
+    if (nSlot == kNoSlot) {
+        g_Checks.Fail("static bool KMem::RemoveForNonClass(void*)");
+        return false;
+    }
+    pRegistry->m_nSizes[nSlot] = 0;
+    --pRegistry->mnInstanceCount;
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------- Raw memory helpers
+
+void* KMem::Malloc(std::size_t nSize) {
+    g_Checks.Hold(nSize > 0, "nSize > 0", "static void* KMem::Malloc(size_t)");
+    void* const pBlock = std::malloc(nSize);
+    AddForNonClass(pBlock, nSize);
+    return pBlock;
+}
+
+void* KMem::Calloc(int nCount, std::size_t nSize) {
+    void* const pBlock = std::calloc(static_cast<std::size_t>(nCount), nSize);
+    AddForNonClass(pBlock, nSize);
+    return pBlock;
+}
+
+void* KMem::Realloc(void* pBlock, std::size_t nSize) {
+    RemoveForNonClass(pBlock);
+    void* const pResult = std::realloc(pBlock, nSize);
+    AddForNonClass(pResult, nSize);
+    return pResult;
+}
+
+void KMem::Free(void** ppBlock) {
+    if (ppBlock != nullptr && *ppBlock != nullptr) {
+        RemoveForNonClass(*ppBlock);
+        std::free(*ppBlock);
+        *ppBlock = nullptr;
+    }
+}
+
+void KMem::Copy(void* pTarget, std::size_t nTargetLen, const void* pSrc, std::size_t nSourceLen) {
+    const char* const pszSignature = "static void KMem::Copy(void*, size_t, const void*, size_t)";
+    const bool fgTarget = g_Checks.Hold(pTarget != nullptr, "pTarget", pszSignature);
+    const bool fgSource = g_Checks.Hold(pSrc != nullptr, "pSrc", pszSignature);
+    const bool fgFits = g_Checks.Hold(nTargetLen >= nSourceLen, "nTargetLen >= nSourceLen", pszSignature);
+    if (fgTarget && fgSource) {
+        std::memcpy(pTarget, pSrc, fgFits ? nSourceLen : nTargetLen);
+    }
+}
+
+int KMem::Cmp(const void* pTarget, const void* pSrc, std::size_t nLen) {
+    const char* const pszSignature = "static int KMem::Cmp(const void*, const void*, size_t)";
+    const bool fgTarget = g_Checks.Hold(pTarget != nullptr, "pTarget", pszSignature);
+    const bool fgSource = g_Checks.Hold(pSrc != nullptr, "pSrc", pszSignature);
+    return fgTarget && fgSource ? std::memcmp(pTarget, pSrc, nLen) : -1;
+}
+
+void KMem::Set(void* pTarget, char ch, std::size_t nLen) {
+    if (pTarget != nullptr) {
+        std::memset(pTarget, ch, nLen);
+    }
+}
+
+// ------------------------------------------------------------------------------------------------------ Byte block
+
+/// Replaces the bytes by a copy of two runs, either of which may be part of the present bytes, or may have no bytes to
+/// copy from (null). Without memory for it, everything stays.
+void KMem::Take(const char* pFirst, int nFirst, const char* pSecond, int nSecond, const char* pszSignature) {
+    const bool fgFits = nSecond <= INT_MAX - nFirst;
+    char* const pBuf = fgFits ? new (std::nothrow) char[static_cast<std::size_t>(nFirst + nSecond)] : nullptr;
+    if (!g_Checks.Hold(pBuf != nullptr, "m_pBuf", pszSignature)) {
+        return;
+    }
+    if (pFirst != nullptr) {
+        std::memcpy(pBuf, pFirst, static_cast<std::size_t>(nFirst));
+    }
+    if (pSecond != nullptr) {
+        std::memcpy(pBuf + nFirst, pSecond, static_cast<std::size_t>(nSecond));
+    }
+    delete[] m_pBuf;
+    m_pBuf = pBuf;
+    m_nSize = nFirst + nSecond;
+}
+
+KMem::KMem() : m_nSize(0), m_pBuf(nullptr) {
+    Add(this);
+}
+
+KMem::KMem(int nSize) : m_nSize(0), m_pBuf(nullptr) {
+    const char* const pszSignature = "KMem::KMem(int)";
+    if (!g_Checks.Hold(nSize >= 0, "nSize >= 0", pszSignature)) {
+        m_nSize = nSize;
+    } else if (nSize >= 1) {
+        Take(nullptr, nSize, nullptr, 0, pszSignature);
+    }
+    Add(this);
+}
+
+KMem::KMem(char* pPoint, int nSize) : m_nSize(0), m_pBuf(nullptr) {
+    const char* const pszSignature = "KMem::KMem(char*, int)";
+    const bool fgPoint = g_Checks.Hold(pPoint != nullptr, "pPoint", pszSignature);
+    g_Checks.Hold(nSize >= 0, "nSize >= 0", pszSignature);
+    if (fgPoint && nSize >= 1) {
+        Take(pPoint, nSize, nullptr, 0, pszSignature);
+    }
+    Add(this);
+}
+
+KMem::KMem(const KMem& other) : m_nSize(0), m_pBuf(nullptr) {
+    if (other.HasBytes()) {
+        Take(other.m_pBuf, other.m_nSize, nullptr, 0, "KMem::KMem(const KMem&)");
+    }
+    Add(this);
+}
+
+KMem::~KMem() {
+    delete[] m_pBuf;
+    m_pBuf = nullptr;
+    Remove(this);
+}
+
+KMem& KMem::operator=(const KMem& other) {
+    if (this == &other) {
+        return *this;
+    }
+    if (other.HasBytes()) {
+        Take(other.m_pBuf, other.m_nSize, nullptr, 0, "KMem& KMem::operator=(const KMem&)");
+    } else {
+        // The old bytes are not freed: programs hold on to them through Pos().
+        m_nSize = 0;
+        m_pBuf = nullptr;
+    }
+    return *this;
+}
+
+KMem& KMem::operator+=(const KMem& other) {
+    if (other.HasBytes()) {
+        Take(m_pBuf, HasBytes() ? m_nSize : 0, other.m_pBuf, other.m_nSize, "KMem& KMem::operator+=(const KMem&)");
+    }
+    return *this;
+}
+
+KMem* KMem::operator+(const KMem& other) const {
+    KMem* const pSum = new (std::nothrow) KMem(*this);
+    if (pSum != nullptr) {
+        *pSum += other;
+    }
+    return pSum;
+}
+
+char* KMem::Pos(int nPosition) {
+    if (nPosition < 0 || nPosition >= m_nSize) {
+        g_Checks.Fail("char* KMem::Pos(int)");
+        return nullptr;
+    }
+    return m_pBuf + nPosition;
+}
+
+int KMem::Size(int nPosition) const {
+    return nPosition < m_nSize ? WrappedDifference(m_nSize, nPosition) : 0;
+}
+
+bool KMem::RemoveLBuffer(int nCount) {
+    if (nCount < 0 || nCount >= m_nSize) {
+        return false;
+    }
+    const int nBefore = m_nSize;
+    Take(m_pBuf + nCount, m_nSize - nCount, nullptr, 0, "bool KMem::RemoveLBuffer(int)");
+    return nCount == 0 || m_nSize != nBefore;
+}
+
+bool KMem::RemoveRBuffer(int nCount) {
+    if (nCount < 0 || nCount >= m_nSize) {
+        return false;
+    }
+    m_nSize -= nCount;
+    return true;
+}
+
+bool KMem::RemoveAll() {
+    delete[] m_pBuf;
+    m_pBuf = nullptr;
+    m_nSize = 0;
+    return true;
+}
