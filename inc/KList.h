@@ -132,6 +132,8 @@ class KALVOREN_API KList {
     };
 
  public:
+    class Appender;
+
     /// Goes through a list from first to last under one lock, which it holds for as long as it lives.
     class Reader {
      public:
@@ -152,14 +154,42 @@ class KALVOREN_API KList {
         KElement* m_pNext;
     };
 
+    /// Where a list ended when an Appender last filled it; at first, nowhere. It belongs to one list, and is good for as
+    /// long as that list only grows: an element removed since may have been the one it stands on.
+    class End {
+     public:
+        End() : m_ppEnd(nullptr) {}
+
+     private:
+        friend class KList::Appender;
+        KElement** m_ppEnd;
+    };
+
     /// Appends elements under one lock, which it holds for as long as it lives, and remembers where the end is.
     class Appender {
      public:
-        explicit Appender(KList& list) : m_Guard(list.m_Mutex), m_List(list), m_ppEnd(&list.m_pHead) {
-            while (*m_ppEnd != nullptr) {
-                m_ppEnd = &(*m_ppEnd)->m_pNext;
+        /// Finds the end by a walk.
+        explicit Appender(KList& list) : m_Guard(list.m_Mutex), m_List(list), m_ppEnd(&list.m_pHead), m_pEnd(nullptr) {
+            FindEnd();
+        }
+
+        /// Starts where @p end says and notes the new end there, for a list that is filled with pauses.
+        Appender(KList& list, End& end)
+            : m_Guard(list.m_Mutex),
+              m_List(list),
+              m_ppEnd(end.m_ppEnd != nullptr ? end.m_ppEnd : &list.m_pHead),
+              m_pEnd(&end) {
+            FindEnd();
+        }
+
+        ~Appender() {
+            if (m_pEnd != nullptr) {
+                m_pEnd->m_ppEnd = m_ppEnd;
             }
         }
+
+        Appender(const Appender&) = delete;
+        Appender& operator=(const Appender&) = delete;
 
         /// Appends a copy of @p value. Returns false only when the memory for the element is lacking.
         bool Add(const T& value) {
@@ -185,9 +215,16 @@ class KALVOREN_API KList {
         }
 
      private:
+        void FindEnd() {
+            while (*m_ppEnd != nullptr) {
+                m_ppEnd = &(*m_ppEnd)->m_pNext;
+            }
+        }
+
         Guard m_Guard;
         KList& m_List;
         KElement** m_ppEnd;
+        End* m_pEnd;
     };
 
  private:

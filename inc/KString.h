@@ -256,6 +256,6 @@ class KALVOREN_API KString {
 KALVOREN_API KString operator+(const KString& left, const KString& right);
 KALVOREN_API KString operator+(const KString& left, const char* right);
 
-extern template class KALVOREN_API KList<KString>;
+extern template class KList<KString>;
 
 #endif  // KALVOREN_KSTRING_H

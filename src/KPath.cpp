@@ -1,0 +1,187 @@
+#include "KPath.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "Checks.h"
+
+template class KList<KPath>;
+
+namespace {
+
+constexpr Checks g_Checks("src/KPath");
+
+constexpr char kSlash = '/';
+constexpr char kBackslash = '\\';
+
+}  // namespace
+
+KPath::KPath() : m_eType(TYPE_NONE) {}
+
+KPath::KPath(const char* pszPath) : m_eType(TYPE_NONE), m_Path(pszPath) {
+    m_Path.Replace(kBackslash, kSlash);
+}
+
+KPath::KPath(const KString& path) : m_eType(TYPE_NONE), m_Path(path) {
+    m_Path.Replace(kBackslash, kSlash);
+}
+
+KPath::KPath(const KPath& other) : m_eType(other.m_eType), m_Path(other.m_Path) {}
+
+KPath::~KPath() = default;
+
+KPath& KPath::operator=(const char* pszPath) {
+    m_Path = pszPath;
+    m_Path.Replace(kBackslash, kSlash);
+    m_eType = TYPE_NONE;
+    return *this;
+}
+
+KPath& KPath::operator=(const KString& path) {
+    m_Path = path;
+    m_Path.Replace(kBackslash, kSlash);
+    m_eType = TYPE_NONE;
+    return *this;
+}
+
+KPath& KPath::operator=(const KPath& other) {
+    if (this != &other) {
+        m_Path = other.m_Path;
+        m_eType = other.m_eType;
+    }
+    return *this;
+}
+
+bool KPath::SetPath(const KString& path) {
+    m_Path = path;
+    return true;
+}
+
+bool KPath::SetType(Type eType) {
+    m_eType = eType;
+    return true;
+}
+
+bool KPath::operator==(const KPath& other) const {
+    return m_Path == other.m_Path;
+}
+
+bool KPath::operator!=(const KPath& other) const {
+    return m_Path != other.m_Path;
+}
+
+/// Appends a text behind a separator. Whether the path ends in one already is not looked at: programs rely on the
+/// doubled slash. The text may be this path's own, so the separator must not be part of it yet.
+void KPath::Join(const KString& text) {
+    if (text[0] == kSlash) {
+        m_Path += text;
+    } else {
+        m_Path += KString("/") + text;
+    }
+}
+
+KPath& KPath::operator+=(const KString& text) {
+    if (m_Path.Length() == 0) {
+        m_Path = text;
+    } else {
+        Join(text);
+    }
+    return *this;
+}
+
+KPath& KPath::operator+=(const char* pszText) {
+    return *this += KString(pszText);
+}
+
+KPath& KPath::operator+=(const KPath& other) {
+    Join(other.m_Path);
+    return *this;
+}
+
+KPath KPath::operator+(const KPath& other) {
+    KPath joined(*this);
+    joined += other;
+    return joined;
+}
+
+KPath KPath::operator+(const KString& text) {
+    return *this + KPath(text);
+}
+
+KPath KPath::operator+(const char* pszText) {
+    return *this + KPath(pszText);
+}
+
+KString KPath::GetRootOnly() const {
+    const int nSlash = m_Path.FindR(kSlash, 0);
+    return nSlash > 0 ? m_Path.Sub(0, nSlash) : KString();
+}
+
+KString KPath::GetNameOnly() const {
+    const int nSlash = m_Path.FindR(kSlash, 0);
+    const int nDot = m_Path.FindR('.', 0);
+    if (nSlash > 0) {
+        return nDot > nSlash ? m_Path.Sub(nSlash + 1, nDot) : m_Path.Sub(nSlash, m_Path.Length());
+    }
+    return nDot > 0 ? m_Path.Sub(0, nDot) : m_Path;
+}
+
+KPath KPath::GetSubPath() const {
+    const int nSlash = m_Path.FindR(kSlash, 0);
+    return nSlash >= 0 ? KPath(m_Path.Sub(nSlash + 1, m_Path.Length())) : KPath();
+}
+
+bool KPath::RemoveSubPath() {
+    const int nSlash = m_Path.FindR(kSlash, 0);
+    if (nSlash >= 0) {
+        m_Path = m_Path.Sub(0, nSlash);
+    }
+    return true;
+}
+
+KString KPath::GetExt() const {
+    for (int i = m_Path.Length() - 1; i > 0 && m_Path[i] != kSlash; --i) {
+        if (m_Path[i] == '.') {
+            return m_Path.Sub(i + 1, m_Path.Length());
+        }
+    }
+    return KString();
+}
+
+bool KPath::SetExt(const KString& ext) {
+    const KString old = GetExt();
+    if (old.Length() == 0) {
+        m_Path += KString(".") + ext;
+    } else {
+        m_Path.Replace(old.GetBuffer(), ext.GetBuffer());
+    }
+    return true;
+}
+
+char* KPath::GetSystemPath(ConvPathTo eConversion) {
+    const char* const pszSignature = "char* KPath::GetSystemPath(KPath::ConvPathTo)";
+    const char chSeparator = eConversion == CONV_BACKSLASH ? kBackslash : kSlash;
+    const int nText = m_Path.Length();
+    // What the last character will be: with backslashes asked for, the text's slashes become separators.
+    const char chLast = nText > 0 && m_Path[nText - 1] == kSlash ? chSeparator : m_Path[nText - 1];
+    const bool fgAppend = m_eType == TYPE_DIRECTORY && chLast != chSeparator;
+    const int nLen = nText + (fgAppend ? 1 : 0);
+    if (!g_Checks.Hold(nLen < kBufferSize, "nLen < 2048", pszSignature)) {
+        // A cut path could name another file.
+        m_szSystemPath[0] = '\0';
+        return m_szSystemPath;
+    }
+    std::memcpy(m_szSystemPath, m_Path.GetBuffer(), static_cast<std::size_t>(nText));
+    if (eConversion == CONV_BACKSLASH) {
+        std::replace(m_szSystemPath, m_szSystemPath + nText, kSlash, kBackslash);
+    }
+    if (fgAppend) {
+        m_szSystemPath[nText] = chSeparator;
+    }
+    m_szSystemPath[nLen] = '\0';
+    // Two terminators are written where they fit, and both must fit.
+    if (g_Checks.Hold(nLen + 1 < kBufferSize, "nLen < 2048", pszSignature)) {
+        m_szSystemPath[nLen + 1] = '\0';
+    }
+    return m_szSystemPath;
+}
