@@ -1,0 +1,61 @@
+# Compiler and linker flags of this project's own targets. None of them reaches a program that uses the library.
+
+# What every target of the project compiles with; link it PRIVATE.
+add_library(kalvoren-private-flags INTERFACE)
+set(KALVOREN_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+if(KALVOREN_WERROR)
+  list(APPEND KALVOREN_WARNINGS -Werror)
+endif()
+target_compile_options(kalvoren-private-flags INTERFACE ${KALVOREN_WARNINGS})
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  # Without it readdir and stat fail on file systems with 64-bit inode numbers. No public header depends on it.
+  target_compile_definitions(kalvoren-private-flags INTERFACE _FILE_OFFSET_BITS=64)
+endif()
+
+# Sanitizers and coverage are for the whole build, the test framework included: a thread sanitizer that sees only half of
+# the program reports what is not there.
+if(KALVOREN_SANITIZE)
+  list(JOIN KALVOREN_SANITIZE "," KALVOREN_SANITIZE_NAMES)
+  set(KALVOREN_SANITIZE_FLAGS -fsanitize=${KALVOREN_SANITIZE_NAMES} -fno-omit-frame-pointer)
+  if("undefined" IN_LIST KALVOREN_SANITIZE)
+    list(APPEND KALVOREN_SANITIZE_FLAGS -fno-sanitize-recover=all)
+  endif()
+  add_compile_options(${KALVOREN_SANITIZE_FLAGS})
+  add_link_options(${KALVOREN_SANITIZE_FLAGS})
+endif()
+if(KALVOREN_COVERAGE)
+  # The counters are updated atomically, or tests with threads lose counts.
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
+endif()
+
+# kalvoren_link_defs(<target>): an undefined symbol is an error when the library is linked, not when it is loaded.
+function(kalvoren_link_defs target)
+  # Clang links its sanitizers' runtime into programs only, so that a shared library has to leave its symbols open.
+  if(KALVOREN_SANITIZE AND CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    return()
+  endif()
+  target_link_options(${target} PRIVATE "LINKER:-z,defs")
+endfunction()
+
+# kalvoren_link_realtime(<target>): shm_open is part of libc since glibc 2.34 and of librt before.
+include(CheckCXXSymbolExists)
+check_cxx_symbol_exists(shm_open "sys/mman.h" KALVOREN_SHM_OPEN_IN_LIBC)
+function(kalvoren_link_realtime target)
+  if(NOT KALVOREN_SHM_OPEN_IN_LIBC)
+    target_link_libraries(${target} PRIVATE rt)
+  endif()
+endfunction()
+
+# Programs compiled for the thread sanitizer of GCC 12 and Clang 14 need the address-space layout of kernels with at most
+# 28 random bits. Where there are more, they are started without randomisation.
+if("thread" IN_LIST KALVOREN_SANITIZE
+   AND NOT CMAKE_CROSSCOMPILING
+   AND EXISTS "/proc/sys/vm/mmap_rnd_bits")
+  file(STRINGS "/proc/sys/vm/mmap_rnd_bits" KALVOREN_RANDOM_BITS LIMIT_COUNT 1)
+  if(KALVOREN_RANDOM_BITS GREATER 28)
+    find_program(KALVOREN_SETARCH setarch REQUIRED)
+    message(STATUS "Starting the tests with 'setarch -R': ${KALVOREN_RANDOM_BITS} random address bits are too many")
+    set(CMAKE_CROSSCOMPILING_EMULATOR "${KALVOREN_SETARCH};-R")
+  endif()
+endif()

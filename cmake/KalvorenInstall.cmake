@@ -1,0 +1,29 @@
+# Installs the library, its headers, and what find_package and pkg-config need to find them.
+include(CMakePackageConfigHelpers)
+
+set(KALVOREN_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/Kalvoren")
+
+install(
+  TARGETS kalvoren-sharedd
+  EXPORT KalvorenTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kalvoren)
+install(
+  EXPORT KalvorenTargets
+  NAMESPACE Kalvoren::
+  DESTINATION ${KALVOREN_CMAKE_DIR})
+
+configure_package_config_file(
+  "${CMAKE_CURRENT_LIST_DIR}/KalvorenConfig.cmake.in" "${CMAKE_CURRENT_BINARY_DIR}/KalvorenConfig.cmake"
+  INSTALL_DESTINATION ${KALVOREN_CMAKE_DIR})
+write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/KalvorenConfigVersion.cmake"
+                                 COMPATIBILITY SameMajorVersion)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/KalvorenConfig.cmake"
+              "${CMAKE_CURRENT_BINARY_DIR}/KalvorenConfigVersion.cmake" DESTINATION ${KALVOREN_CMAKE_DIR})
+
+# The prefix is worked out from where the file lies, so that an installed tree can be moved.
+set(KALVOREN_PC_DIR "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}/${KALVOREN_PC_DIR}"
+           OUTPUT_VARIABLE KALVOREN_PC_PREFIX)
+configure_file("${CMAKE_CURRENT_LIST_DIR}/kalvoren.pc.in" "${CMAKE_CURRENT_BINARY_DIR}/kalvoren.pc" @ONLY)
+install(FILES "${CMAKE_CURRENT_BINARY_DIR}/kalvoren.pc" DESTINATION ${KALVOREN_PC_DIR})

@@ -1,0 +1,69 @@
+# shellcheck shell=bash
+# What the scripts share. To be read by a script, not started.
+
+ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+JOBS=${KALVOREN_JOBS:-$(nproc)}
+# What any build of the library needs.
+BUILD_PACKAGES=(cmake ninja-build g++)
+export ROOT JOBS BUILD_PACKAGES
+
+die() {
+    echo "$(basename "$0"): $*" >&2
+    exit 1
+}
+
+headline() {
+    printf '\n=== %s ===\n' "$*"
+}
+
+is_installed() {
+    [[ $(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null) == installed ]]
+}
+
+as_root() {
+    if [[ $(id -u) -eq 0 ]]; then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo "$@"
+    else
+        die "to install packages, run this as root or install sudo"
+    fi
+}
+
+# Installs the Debian packages that are missing. Touches neither the network nor the system when none is.
+require_packages() {
+    local package missing=()
+    if ! command -v dpkg-query >/dev/null; then
+        echo "This is not a Debian system; going on with the tools that are there." >&2
+        return
+    fi
+    for package in "$@"; do
+        if ! is_installed "${package}" && [[ " ${missing[*]} " != *" ${package} "* ]]; then
+            missing+=("${package}")
+        fi
+    done
+    if [[ ${#missing[@]} -eq 0 ]]; then
+        return
+    fi
+    echo "Installing the Debian packages that are missing: ${missing[*]}"
+    as_root apt-get update -qq || die "the package lists could not be fetched"
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" ||
+        die "these packages could not be installed: ${missing[*]}"
+}
+
+preset_names() {
+    # The names of the build presets, in their order in the file.
+    sed -n '/"buildPresets"/,/\]/s/.*"name": "\([a-z]*\)".*/\1/p' "${ROOT}/CMakePresets.json" | paste -s -d ' '
+}
+
+is_preset() {
+    [[ " $(preset_names) " == *" $1 "* ]]
+}
+
+configure_preset() {
+    (cd "${ROOT}" && cmake --preset "$1" --log-level=WARNING >/dev/null)
+}
+
+build_preset() {
+    (cd "${ROOT}" && cmake --build --preset "$1" --parallel "${JOBS}")
+}
