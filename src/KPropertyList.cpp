@@ -377,7 +377,8 @@ class KPropertyList::Reader {
             return true;
         }
         const KString closing = KString("</") + tag.Text() + ">";
-        const char* const pClosing = strcasestr(pFrom, closing.GetBuffer());
+        const bool fgWhole = static_cast<std::size_t>(closing.Length()) == tag.nLen + 3;
+        const char* const pClosing = fgWhole ? strcasestr(pFrom, closing.GetBuffer()) : nullptr;
         if (pClosing == nullptr) {
             return false;
         }

@@ -3,6 +3,7 @@
 #include <cctype>
 #include <climits>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -158,13 +159,17 @@ void KString::Append(const char* p, int n) {
     if (n < 1 || n >= INT_MAX - m_nLen) {
         return;
     }
-    const std::size_t nOffset = static_cast<std::size_t>(p - m_pszString);
-    const bool fgOwn = m_pszString != nullptr && p >= m_pszString && p <= m_pszString + m_nLen;
+    const std::uintptr_t nOffset = reinterpret_cast<std::uintptr_t>(p) - reinterpret_cast<std::uintptr_t>(m_pszString);
+    if (m_pszString != nullptr && nOffset <= static_cast<std::uintptr_t>(m_nLen)) {
+        const KString copy(p, n);
+        Append(copy.m_pszString, copy.m_nLen);
+        return;
+    }
     tchar* const pszGrown = static_cast<tchar*>(std::realloc(m_pszString, static_cast<std::size_t>(m_nLen + n) + 1));
     if (pszGrown == nullptr) {
         return;
     }
-    std::memcpy(pszGrown + m_nLen, fgOwn ? pszGrown + nOffset : p, static_cast<std::size_t>(n));
+    std::memcpy(pszGrown + m_nLen, p, static_cast<std::size_t>(n));
     m_nLen += n;
     pszGrown[m_nLen] = '\0';
     m_pszString = pszGrown;
