@@ -3,6 +3,8 @@
 #ifndef KALVOREN_KLIST_H
 #define KALVOREN_KLIST_H
 
+#include <cstddef>
+#include <memory>
 #include <new>
 
 #include "KThread.h"
@@ -111,9 +113,37 @@ class KALVOREN_API KList {
         return m_nCount;
     }
 
+    /// Puts the elements in another order under one lock, without copying them. `order(ppFirst, nCount)` gets an array of
+    /// the elements' addresses in list order and rearranges it. Returns false, with nothing changed, when the memory for
+    /// the array is lacking.
+    template <class Order>
+    bool Arrange(Order order) {
+        Guard guard(m_Mutex);
+        const std::size_t nCount = static_cast<std::size_t>(m_nCount);
+        std::unique_ptr<T*[]> ppValues(new (std::nothrow) T*[nCount]);
+        if (ppValues == nullptr) {
+            return false;
+        }
+        std::size_t i = 0;
+        for (KElement* pElement = m_pHead; pElement != nullptr && i < nCount; pElement = pElement->m_pNext) {
+            ppValues[i++] = &pElement->m_Value;
+        }
+        order(ppValues.get(), m_nCount);
+        KElement** ppLink = &m_pHead;
+        for (i = 0; i < nCount; ++i) {
+            *ppLink = KElement::Of(ppValues[i]);
+            ppLink = &(*ppLink)->m_pNext;
+        }
+        *ppLink = nullptr;
+        return true;
+    }
+
  private:
     struct KElement {
         KElement() : m_Value(), m_pNext(nullptr) {}
+
+        /// The element that holds a value: the value stands at its start.
+        static KElement* Of(T* pValue) { return reinterpret_cast<KElement*>(pValue); }
 
         T m_Value;
         KElement* m_pNext;

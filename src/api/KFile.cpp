@@ -214,9 +214,7 @@ bool KFile::Create(KPath& path, bool fgWriteOnly) {
 }
 
 bool KFile::Rename(KPath& from, KPath& to) {
-    // One object cannot render two paths at once; renaming a path to itself asks for that.
-    KPath target(to);
-    if (std::rename(from.GetSystemPath(KPath::CONV_SLASH), target.GetSystemPath(KPath::CONV_SLASH)) == 0) {
+    if (std::rename(from.GetSystemPath(KPath::CONV_SLASH), to.GetSystemPath(KPath::CONV_SLASH)) == 0) {
         return true;
     }
     KDebug::Error("File ReName Error[%s] ot [%s] %d\n", from.GetPath().GetBuffer(), to.GetPath().GetBuffer(), errno);
