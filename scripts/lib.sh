@@ -60,10 +60,11 @@ is_preset() {
     [[ " $(preset_names) " == *" $1 "* ]]
 }
 
+# configure_preset PRESET [CMAKE-OPTION...]
 configure_preset() {
-    (cd "${ROOT}" && cmake --preset "$1" --log-level=WARNING >/dev/null)
+    (cd "${ROOT}" && cmake --preset "$@" --log-level=WARNING >/dev/null)
 }
 
 build_preset() {
-    (cd "${ROOT}" && cmake --build --preset "$1" --parallel "${JOBS}")
+    cmake --build "${ROOT}/build/$1" --parallel "${JOBS}"
 }

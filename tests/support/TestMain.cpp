@@ -12,6 +12,7 @@
 
 // The sanitizers ask the program for its options by these names. Set here, they hold however the program is started; the
 // environment (ASAN_OPTIONS and so on) still has the last word.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 const char* __asan_default_options() {
     return "halt_on_error=1:detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1";
@@ -26,6 +27,7 @@ const char* __tsan_default_options() {
     return "halt_on_error=1:second_deadlock_stack=1" KALVOREN_TSAN_OPTIONS;
 }
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 
