@@ -139,8 +139,9 @@ bool KDirectory::Close() {
     }
     // Gone even where closing fails: the destructor must not close it again.
     pInfo->mHandle = nullptr;
+    const unsigned int nHandle = LowWord(pHandle);
     if (closedir(pHandle) != 0) {
-        KDebug::Error("Directory Close %s, Handle[%x] ", TextOf(m_Path), LowWord(pHandle));
+        KDebug::Error("Directory Close %s, Handle[%x] ", TextOf(m_Path), nHandle);
         return false;
     }
     KDebug::Log("Directory Close %s, Handle[%x] ", TextOf(m_Path), 0u);

@@ -473,7 +473,11 @@ bool KString::Copy(char* pDst, int nDstLen, char* p, int n) {
 }
 
 bool KString::FreeAllocedString(char** pp) {
-    KMem::Free(reinterpret_cast<void**>(pp));
+    if (pp != nullptr) {
+        void* pBlock = *pp;
+        KMem::Free(&pBlock);
+        *pp = nullptr;
+    }
     return true;
 }
 

@@ -1,0 +1,48 @@
+/// @file
+/// Start-up and shut-down.
+#ifndef KALVOREN_KENTRY_H
+#define KALVOREN_KENTRY_H
+
+#include "KTypes.h"
+
+/// Starts the library and shuts it down. A program calls Init() before anything else of the library, and Deinit() last.
+///
+///     int main(int argc, char** argv) {
+///         KEntry::Init(argc, argv);
+///         ...
+///         KEntry::Deinit();
+///     }
+///
+/// Starting and stopping may be repeated any number of times.
+///
+/// Thread-safety: none. Call both from one thread, while no other uses the library.
+///
+/// It cannot be copied: a copy or an assignment fails the check "0"; with the checks off neither does anything.
+class KALVOREN_API KEntry {
+ public:
+    /// Starts the library, unless it is started, and returns the instance. The arguments are not used.
+    ///
+    /// In this order: the locale (English), the checks on, the log, the log line "KEntry Create", the allocation registry,
+    /// the modules for directories, system information and sockets; then system information gathers hardware and operating
+    /// system twice, the user, the disks and the storage paths. A step that fails does not stop the others.
+    static KEntry* Init(int argc, char** argv);
+
+    /// Shuts the library down, if it is started: the modules for sockets, directories and system information, the allocation
+    /// registry, which writes its leak report into the log and checks that nothing is left, the log, and the checks off. The
+    /// locale stays.
+    static void Deinit();
+
+    /// Starts the library; programs call Init().
+    KEntry(int argc, char** argv);
+
+    KEntry(const KEntry&);
+    KEntry& operator=(const KEntry&);
+
+    /// Shuts the library down; programs call Deinit().
+    virtual ~KEntry();
+
+ private:
+    static KEntry* g_pHandle;
+};
+
+#endif  // KALVOREN_KENTRY_H
