@@ -96,14 +96,14 @@ inline std::string ContentOf(const std::string& path) {
 
 /// Expects that with the checks on, a statement ends the process through a failed check with exactly this condition,
 /// source and signature.
-#define EXPECT_CHECK_FAILS(statement, condition, source, signature)                                                  \
-    EXPECT_EXIT(                                                                                                     \
-        {                                                                                                            \
-            KAssert::SetActive(true);                                                                                \
-            statement;                                                                                               \
-        },                                                                                                           \
-        testing::KilledBySignal(SIGABRT),                                                                            \
-        testing::AllOf(testing::ContainsRegex(": " source ":[0-9]+: "),                                              \
+#define EXPECT_CHECK_FAILS(statement, condition, source, signature)     \
+    EXPECT_EXIT(                                                        \
+        {                                                               \
+            KAssert::SetActive(true);                                   \
+            statement;                                                  \
+        },                                                              \
+        testing::KilledBySignal(SIGABRT),                               \
+        testing::AllOf(testing::ContainsRegex(": " source ":[0-9]+: "), \
                        testing::HasSubstr(": " signature ": Assertion `" condition "' failed.")))
 
 #endif  // KALVOREN_TESTS_SUPPORT_H
