@@ -104,12 +104,15 @@ bool KIPC::Deinit(int nIndex) {
 
 // ----------------------------------------------------------------------------------------------- Making and closing
 
+static_assert(sizeof(KIPC::IPCData) == 520, "the record that both sides move");
+
 KIPC::KIPC()
     : m_pInternal(new (std::nothrow) IPCInternal()),
       m_nIndex(0),
       m_fgServer(false),
       m_eType(SHARED_MEMORY),
       m_fgCreated(false) {
+    static_assert(sizeof(void*) != 4 || sizeof(IPCInternal) == 124, "programs on the target know the record's size");
     if (g_Checks.Hold(m_pInternal != nullptr, "m_pInternal", "KIPC::KIPC()")) {
         m_pInternal->nSocket = kNone;
     }

@@ -273,7 +273,9 @@ struct KNet::SocketInfo {
     }
 };
 
-void KNet::Init() {}
+void KNet::Init() {
+    static_assert(sizeof(void*) != 4 || sizeof(SocketInfo) == 296, "programs on the target know the record's size");
+}
 
 void KNet::Deinit() {}
 

@@ -131,6 +131,8 @@ struct KThread::ThreadInfo {
 struct KThread::ThreadState {
     ThreadInfo info;
     bool fgJoined;
+
+    static_assert(sizeof(void*) != 4 || sizeof(ThreadInfo) == 40, "programs on the target know the record's size");
 };
 
 namespace {
