@@ -47,7 +47,7 @@ require_packages() {
     fi
     echo "Installing the Debian packages that are missing: ${missing[*]}"
     as_root apt-get update -qq || die "the package lists could not be fetched"
-    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" ||
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null ||
         die "these packages could not be installed: ${missing[*]}"
 }
 

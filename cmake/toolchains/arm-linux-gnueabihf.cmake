@@ -5,7 +5,8 @@ set(CMAKE_SYSTEM_PROCESSOR armv7l)
 
 set(KALVOREN_ARM_TRIPLE arm-linux-gnueabihf)
 set(CMAKE_CXX_COMPILER ${KALVOREN_ARM_TRIPLE}-g++)
-set(CMAKE_CXX_FLAGS_INIT "-march=armv7-a+fp -mfloat-abi=hard -mthumb")
+# GCC otherwise notes at each use that it passes some arguments otherwise than GCC 7.0 did.
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi -march=armv7-a+fp -mfloat-abi=hard -mthumb")
 set(CMAKE_LIBRARY_ARCHITECTURE ${KALVOREN_ARM_TRIPLE})
 
 set(CMAKE_FIND_ROOT_PATH /usr/${KALVOREN_ARM_TRIPLE})
