@@ -44,16 +44,16 @@ void SetBuffer(tchar*& pBuffer, tchar* pValue) {
 
 /// Makes the buffers if that has not been done, then says whether a message of this grade is to be written.
 bool IsWritten(int nHighestLevel) {
-    if (!HasBuffers()) {
+    if (Buffer(g_pDebugFormat) == nullptr) {
         KDebug::Init();
     }
-    return Level() <= nHighestLevel && HasBuffers();
+    return Level() <= nHighestLevel && Buffer(g_pDebugFormat) != nullptr && Buffer(g_pDebugBuffer) != nullptr;
 }
 
 /// Renders a message and writes it in the line format given, one message at a time.
 void Write(const char* pszLineFormat, const char* pszSignature, const tchar* format, va_list arguments) {
     const ScopedLock lock(g_Mutex);
-    tchar* const pBuffer = __atomic_load_n(&g_pDebugBuffer, __ATOMIC_ACQUIRE);
+    tchar* const pBuffer = Buffer(g_pDebugBuffer);
     if (pBuffer == nullptr) {
         return;
     }
