@@ -34,8 +34,8 @@ int Level() {
     return __atomic_load_n(&g_eDebugLevel, __ATOMIC_RELAXED);
 }
 
-bool HasBuffers() {
-    return __atomic_load_n(&g_pDebugFormat, __ATOMIC_ACQUIRE) != nullptr;
+tchar* Buffer(tchar* const& pBuffer) {
+    return __atomic_load_n(&pBuffer, __ATOMIC_ACQUIRE);
 }
 
 void SetBuffer(tchar*& pBuffer, tchar* pValue) {
