@@ -140,10 +140,10 @@ class KALVOREN_API KList {
 
  private:
     struct KElement {
-        KElement() : m_Value(), m_pNext(nullptr) {}
+        KALVOREN_INLINE KElement() : m_Value(), m_pNext(nullptr) {}
 
         /// The element that holds a value: the value stands at its start.
-        static KElement* Of(T* pValue) { return reinterpret_cast<KElement*>(pValue); }
+        KALVOREN_INLINE static KElement* Of(T* pValue) { return reinterpret_cast<KElement*>(pValue); }
 
         T m_Value;
         KElement* m_pNext;
@@ -152,8 +152,8 @@ class KALVOREN_API KList {
     /// Holds the list's mutex for the length of a block.
     class Guard {
      public:
-        explicit Guard(const KMutex& mutex) : m_Mutex(mutex) { m_Mutex.Lock(); }
-        ~Guard() { m_Mutex.Unlock(); }
+        KALVOREN_INLINE explicit Guard(const KMutex& mutex) : m_Mutex(mutex) { m_Mutex.Lock(); }
+        KALVOREN_INLINE ~Guard() { m_Mutex.Unlock(); }
         Guard(const Guard&) = delete;
         Guard& operator=(const Guard&) = delete;
 
@@ -167,10 +167,10 @@ class KALVOREN_API KList {
     /// Goes through a list from first to last under one lock, which it holds for as long as it lives.
     class Reader {
      public:
-        explicit Reader(const KList& list) : m_Guard(list.m_Mutex), m_pNext(list.m_pHead) {}
+        KALVOREN_INLINE explicit Reader(const KList& list) : m_Guard(list.m_Mutex), m_pNext(list.m_pHead) {}
 
         /// Returns the address of the next element, good for as long as the Reader lives; null after the last.
-        T* Next() {
+        KALVOREN_INLINE T* Next() {
             KElement* const pElement = m_pNext;
             if (pElement == nullptr) {
                 return nullptr;
@@ -188,7 +188,7 @@ class KALVOREN_API KList {
     /// long as that list only grows: an element removed since may have been the one it stands on.
     class End {
      public:
-        End() : m_ppEnd(nullptr) {}
+        KALVOREN_INLINE End() : m_ppEnd(nullptr) {}
 
      private:
         friend class KList::Appender;
@@ -199,12 +199,13 @@ class KALVOREN_API KList {
     class Appender {
      public:
         /// Finds the end by a walk.
-        explicit Appender(KList& list) : m_Guard(list.m_Mutex), m_List(list), m_ppEnd(&list.m_pHead), m_pEnd(nullptr) {
+        KALVOREN_INLINE explicit Appender(KList& list)
+            : m_Guard(list.m_Mutex), m_List(list), m_ppEnd(&list.m_pHead), m_pEnd(nullptr) {
             FindEnd();
         }
 
         /// Starts where @p end says and notes the new end there, for a list that is filled with pauses.
-        Appender(KList& list, End& end)
+        KALVOREN_INLINE Appender(KList& list, End& end)
             : m_Guard(list.m_Mutex),
               m_List(list),
               m_ppEnd(end.m_ppEnd != nullptr ? end.m_ppEnd : &list.m_pHead),
@@ -212,7 +213,7 @@ class KALVOREN_API KList {
             FindEnd();
         }
 
-        ~Appender() {
+        KALVOREN_INLINE ~Appender() {
             if (m_pEnd != nullptr) {
                 m_pEnd->m_ppEnd = m_ppEnd;
             }
@@ -222,7 +223,7 @@ class KALVOREN_API KList {
         Appender& operator=(const Appender&) = delete;
 
         /// Appends a copy of @p value. Returns false only when the memory for the element is lacking.
-        bool Add(const T& value) {
+        KALVOREN_INLINE bool Add(const T& value) {
             T* const pValue = Add();
             if (pValue == nullptr) {
                 return false;
@@ -233,7 +234,7 @@ class KALVOREN_API KList {
 
         /// Appends a default-constructed element and returns its address for the caller to fill in while the Appender
         /// lives; null when the memory for it is lacking.
-        T* Add() {
+        KALVOREN_INLINE T* Add() {
             KElement* const pElement = new (std::nothrow) KElement();
             if (pElement == nullptr) {
                 return nullptr;
@@ -245,7 +246,7 @@ class KALVOREN_API KList {
         }
 
      private:
-        void FindEnd() {
+        KALVOREN_INLINE void FindEnd() {
             while (*m_ppEnd != nullptr) {
                 m_ppEnd = &(*m_ppEnd)->m_pNext;
             }
@@ -259,7 +260,7 @@ class KALVOREN_API KList {
 
  private:
     /// Where the pointer to element @p nIndex is kept; no step for a negative index, and no step past the end.
-    KElement** Find(int nIndex) const {
+    KALVOREN_INLINE KElement** Find(int nIndex) const {
         KElement** ppElement = const_cast<KElement**>(&m_pHead);
         for (int i = 0; i < nIndex && *ppElement != nullptr; ++i) {
             ppElement = &(*ppElement)->m_pNext;
@@ -267,14 +268,14 @@ class KALVOREN_API KList {
         return ppElement;
     }
 
-    void RemoveAt(KElement** ppElement) {
+    KALVOREN_INLINE void RemoveAt(KElement** ppElement) {
         KElement* const pElement = *ppElement;
         *ppElement = pElement->m_pNext;
         --m_nCount;
         delete pElement;
     }
 
-    void Append(const KList& other) {
+    KALVOREN_INLINE void Append(const KList& other) {
         Reader reader(other);
         Appender appender(*this);
         while (const T* pValue = reader.Next()) {
@@ -282,7 +283,7 @@ class KALVOREN_API KList {
         }
     }
 
-    void Swap(KList& other) {
+    KALVOREN_INLINE void Swap(KList& other) {
         Guard guard(m_Mutex);
         KElement* const pHead = m_pHead;
         const int nCount = m_nCount;

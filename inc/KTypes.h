@@ -12,6 +12,10 @@
 /// Marks what the shared library exports; everything else is hidden.
 #define KALVOREN_API __attribute__((visibility("default")))
 
+/// Marks the small parts of a template whose larger operations the shared library exports: they become part of whatever
+/// calls them, in every build, so that no program needs a symbol for them.
+#define KALVOREN_INLINE __attribute__((always_inline, visibility("hidden"))) inline
+
 /// Lets the compiler check the arguments of a printf-like operation. Positions count from 1, and a member's hidden
 /// object argument counts as the first.
 #define KALVOREN_PRINTF(formatPosition, firstArgument) __attribute__((format(printf, formatPosition, firstArgument)))
