@@ -45,6 +45,7 @@ void KPropertyNode::DestroyDoomed() {
         KPropertyNode* pNode = nullptr;
         while (generations[i].Pop(pNode, -1)) {
             if (pNode != nullptr) {
+                // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): Pop() gave another node than the last one.
                 pNode->DetachDoomed(grandchildren);
                 delete pNode;
             }

