@@ -47,9 +47,9 @@ function(kalvoren_link_realtime target)
   endif()
 endfunction()
 
-# Programs compiled for the thread sanitizer of GCC 12 and Clang 14 need the address-space layout of kernels with at most
-# 28 random bits. Where there are more, they are started without randomisation.
-if("thread" IN_LIST KALVOREN_SANITIZE
+# Programs compiled for the sanitizers of GCC 12 and Clang 14 need the address-space layout of kernels with at most 28
+# random bits. Where there are more, the tests are started without randomisation.
+if(KALVOREN_SANITIZE
    AND NOT CMAKE_CROSSCOMPILING
    AND EXISTS "/proc/sys/vm/mmap_rnd_bits")
   file(STRINGS "/proc/sys/vm/mmap_rnd_bits" KALVOREN_RANDOM_BITS LIMIT_COUNT 1)
