@@ -2,7 +2,7 @@
 # check-install.sh BUILD-DIRECTORY SOURCE-DIRECTORY COMPILER [TOOLCHAIN-FILE [EMULATOR...]]
 #
 # Installs the library into a scratch directory, moves it elsewhere, and builds and runs a small program against it out of
-# tree, once by find_package and once by pkg-config.
+# tree, once by find_package and once by pkg-config. Runs the installed tools.
 set -euo pipefail
 
 build=$1
@@ -68,3 +68,9 @@ read -r -a flags <<<"$(pkg --cflags --libs)"
 "${compiler}" -std=c++11 "${source}/tests/project/consumer/consumer.cpp" "${flags[@]}" -o "${scratch}/by-pkg-config" ||
     refuse "a program that uses pkg-config does not build"
 run "${scratch}/by-pkg-config"
+
+# The tools find the library beside them.
+if [[ -x ${build}/tools/kplist ]]; then
+    "${emulator[@]}" "${prefix}/bin/kplist" --version >/dev/null || refuse "the installed kplist does not run"
+    [[ -s ${prefix}/share/man/man1/kplist.1 ]] || refuse "the manual page of kplist is not installed"
+fi
