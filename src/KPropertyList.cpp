@@ -40,12 +40,16 @@ void KPropertyNode::DestroyDoomed() {
         KList<KPropertyNode*>::Appender children(generations[0]);
         DetachDoomed(children);
     }
+    // The lists swap their parts: their locks are never held together, or there would be no order to them.
     for (int i = 0; generations[i].GetCount() > 0; i = 1 - i) {
-        KList<KPropertyNode*>::Appender grandchildren(generations[1 - i]);
+        KList<KPropertyNode*>::End end;
         KPropertyNode* pNode = nullptr;
         while (generations[i].Pop(pNode, -1)) {
             if (pNode != nullptr) {
-                pNode->DetachDoomed(grandchildren);
+                {
+                    KList<KPropertyNode*>::Appender grandchildren(generations[1 - i], end);
+                    pNode->DetachDoomed(grandchildren);
+                }
                 delete pNode;
             }
         }
