@@ -62,8 +62,9 @@ class KALVOREN_API KPropertyNode {
     /// Returns true when the text starts with "TRUE" in any case: for TRUE, true and Truest.
     bool GetBooleanValue();
 
-    /// Returns the time that a text like 2010-05-06T07:08:09Z stands for, in UTC. Any other text gives a time of -86400
-    /// seconds, which is not valid (KTime::IsValid()).
+    /// Returns the time that a text like 2010-05-06T07:08:09Z stands for, in UTC. What follows the seconds is not looked
+    /// at, so that "+09:00" there counts as UTC too; fields outside the calendar add their value. Any other text gives a
+    /// time of -86400 seconds, which is not valid (KTime::IsValid()).
     KTime GetDateValue();
 
     /// Returns the address of the place that holds the child at @p nIndex, or null when the index is negative or not

@@ -40,13 +40,17 @@ void KPropertyNode::DestroyDoomed() {
         KList<KPropertyNode*>::Appender children(generations[0]);
         DetachDoomed(children);
     }
+    // The lists swap their parts: their locks are never held together, or there would be no order to them.
     for (int i = 0; generations[i].GetCount() > 0; i = 1 - i) {
-        KList<KPropertyNode*>::Appender grandchildren(generations[1 - i]);
+        KList<KPropertyNode*>::End end;
         KPropertyNode* pNode = nullptr;
         while (generations[i].Pop(pNode, -1)) {
             if (pNode != nullptr) {
-                // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): Pop() gave another node than the last one.
-                pNode->DetachDoomed(grandchildren);
+                {
+                    KList<KPropertyNode*>::Appender grandchildren(generations[1 - i], end);
+                    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): Pop() gave another node than the last one.
+                    pNode->DetachDoomed(grandchildren);
+                }
                 delete pNode;
             }
         }

@@ -34,8 +34,8 @@ int Level() {
     return __atomic_load_n(&g_eDebugLevel, __ATOMIC_RELAXED);
 }
 
-tchar* Buffer(tchar* const& pBuffer) {
-    return __atomic_load_n(&pBuffer, __ATOMIC_ACQUIRE);
+bool HasBuffers() {
+    return __atomic_load_n(&g_pDebugFormat, __ATOMIC_ACQUIRE) != nullptr;
 }
 
 void SetBuffer(tchar*& pBuffer, tchar* pValue) {
@@ -44,21 +44,23 @@ void SetBuffer(tchar*& pBuffer, tchar* pValue) {
 
 /// Makes the buffers if that has not been done, then says whether a message of this grade is to be written.
 bool IsWritten(int nHighestLevel) {
-    if (Buffer(g_pDebugFormat) == nullptr) {
+    if (!HasBuffers()) {
         KDebug::Init();
     }
-    return Level() <= nHighestLevel && Buffer(g_pDebugFormat) != nullptr && Buffer(g_pDebugBuffer) != nullptr;
+    return Level() <= nHighestLevel && HasBuffers();
 }
 
 /// Renders a message and writes it in the line format given, one message at a time.
 void Write(const char* pszLineFormat, const char* pszSignature, const tchar* format, va_list arguments) {
     const ScopedLock lock(g_Mutex);
-    tchar* const pBuffer = Buffer(g_pDebugBuffer);
+    tchar* const pBuffer = __atomic_load_n(&g_pDebugBuffer, __ATOMIC_ACQUIRE);
     if (pBuffer == nullptr) {
         return;
     }
+    // A message that libc cannot render to its end (a wide character that the locale lacks) is written up to there.
+    *pBuffer = '\0';
     const int nLength = std::vsnprintf(pBuffer, kBufferSize, format, arguments);
-    if (!g_Checks.Hold(nLength < static_cast<int>(kBufferSize), "0", pszSignature) || nLength < 0) {
+    if (!g_Checks.Hold(nLength < static_cast<int>(kBufferSize), "0", pszSignature)) {
         return;
     }
     std::fprintf(stderr, pszLineFormat, pBuffer);
