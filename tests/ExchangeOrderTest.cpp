@@ -48,7 +48,7 @@ Items Exchanged(Items items) {
 
 bool Sort(Items& items) {
     return SortInExchangeOrder(items.data(), static_cast<int>(items.size()),
-                               [](const Item& left, const Item& right) { return left.nRank < right.nRank; });
+                               [](const Item& left, const Item& right) { return left.nRank - right.nRank; });
 }
 
 /// Expects the order of the definition for items of these ranks.
@@ -116,8 +116,8 @@ TEST(ExchangeOrderTest, EverySequenceIsLeftInTheOrderOfTheExchanges) {
         std::size_t nCount;
         int nRanks;
     };
-    for (const Case& sequences :
-         std::initializer_list<Case>{{0, 1}, {1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 6}, {8, 4}, {10, 3}, {16, 2}}) {
+    for (const Case& sequences : std::initializer_list<Case>{
+             {0, 1}, {1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 6}, {8, 4}, {10, 3}, {16, 2}}) {
         std::vector<int> ranks(sequences.nCount, 0);
         do {
             ASSERT_NO_FATAL_FAILURE(ExpectExchangeOrder(ranks));
