@@ -19,90 +19,133 @@ void SortByExchange(T* pItems, int nCount, IsOutOfOrder isOutOfOrder) {
     }
 }
 
-/// Counts entries by position: how many were added below a position. Both take logarithmic time.
-class RunningCount {
+/// A set of places, each with a number of entries in it. Every operation takes logarithmic time.
+class PlaceCounts {
  public:
-    explicit RunningCount(int nSize)
+    /// @p nSize places without entries.
+    explicit PlaceCounts(int nSize)
         : m_nSize(nSize), m_pTree(new (std::nothrow) int[static_cast<unsigned>(nSize) + 1]()) {}
 
     bool IsUsable() const { return m_pTree != nullptr; }
 
-    void Add(int nPosition) {
-        for (int i = nPosition + 1; i <= m_nSize; i += i & -i) {
-            ++m_pTree.get()[i];
+    /// Leaves the first @p nSize places, of those there were, with one entry in each. Takes time in proportion to them.
+    void Fill(int nSize) {
+        m_nSize = nSize;
+        for (int i = 1; i <= nSize; ++i) {
+            Node(i) = Span(i);
         }
     }
 
-    int Below(int nPosition) const {
+    void Add(int nPlace, int nEntries) {
+        for (int i = nPlace + 1; i <= m_nSize; i += Span(i)) {
+            Node(i) += nEntries;
+        }
+    }
+
+    /// The number of entries in the places before this one.
+    int Before(int nPlace) const {
         int nSum = 0;
-        for (int i = nPosition; i > 0; i -= i & -i) {
-            nSum += m_pTree.get()[i];
+        for (int i = nPlace; i > 0; i -= Span(i)) {
+            nSum += Node(i);
         }
         return nSum;
     }
 
+    /// The place of the entry that has @p nBefore entries before it.
+    int Find(int nBefore) const {
+        int nPlace = 0;
+        for (int nStep = HighestBit(m_nSize); nStep > 0; nStep /= 2) {
+            if (nStep <= m_nSize - nPlace && Node(nPlace + nStep) <= nBefore) {
+                nPlace += nStep;
+                nBefore -= Node(nPlace);
+            }
+        }
+        return nPlace;
+    }
+
  private:
+    /// A node holds the entries of this many places, the last of which is its own: the lowest bit of its number.
+    static int Span(int i) { return i & -i; }
+    static int HighestBit(int n) { return n > 0 ? 1 << (31 - __builtin_clz(static_cast<unsigned>(n))) : 0; }
+
+    int& Node(int i) { return m_pTree.get()[i]; }
+    int Node(int i) const { return m_pTree.get()[i]; }
+
     int m_nSize;
     std::unique_ptr<int[]> m_pTree;
 };
 
-/// Gives items the order that SortByExchange() with `isBefore(j's, i's)` would, in n log n, for an `isBefore` that is a
-/// strict weak ordering. Returns false, with the items as they were, when memory is lacking.
+/// An item among others in sorted order.
+template <typename T>
+struct SortedItem {
+    T item;
+    int nArrival;  ///< Where it stood before.
+    int nGroup;    ///< The place of the first of its equals, by which the group of them is named.
+    int nLesser;   ///< The number of lesser items that stood before it.
+};
+
+/// Puts a group of equals, given in order of arrival, into its places. They queued up as they came, and every lesser item
+/// that came moved the first in the queue to its end. How the queue stands in the end is known: in the group's places. So
+/// it is taken apart from there, last arrival first.
+template <typename T>
+void SettleEquals(const SortedItem<T>* pGroup, int nCount, T* pItems, PlaceCounts& ring) {
+    ring.Fill(nCount);
+    // The places of those still queued form a ring; this is the number of them before the place of the first in the queue.
+    int nFront = 0;
+    int nLesser = pGroup->nGroup;
+    for (int nQueued = nCount; nQueued > 0; --nQueued) {
+        const SortedItem<T>& last = pGroup[nQueued - 1];
+        const int nTurns = (nLesser - last.nLesser) % nQueued;
+        nLesser = last.nLesser;
+        const int nBack = (nFront + nQueued - 1 - nTurns) % nQueued;
+        const int nPlace = ring.Find(nBack);
+        ring.Add(nPlace, -1);
+        pItems[nPlace] = last.item;
+        nFront = nBack;
+    }
+}
+
+/// Gives items the order that SortByExchange() with `compare(i's, j's) > 0` would, in n log n, for a `compare` whose result
+/// is negative, 0 or positive as its first argument belongs before, beside or behind its second. Returns false, with the
+/// items as they were, when memory is lacking.
 ///
-/// Compared in another order that changes nothing (each j with all i before it), the exchanges are an insertion sort: the
-/// items before j are sorted; j's goes behind its equals, and pushes the first of each later group of equals behind that
-/// group. So equals queue up in their order of arrival, and every arrival of a lesser item moves the first in the queue to
-/// its end. The lesser items that arrived between two equals are counted, not moved.
-template <typename T, typename IsBefore>
-bool SortInExchangeOrder(T* pItems, int nCount, IsBefore isBefore) {
-    struct Entry {
-        T item;
-        int nArrival;
-    };
+/// Made in another order that changes nothing (each j with all i before it: any two comparisons that share an item keep
+/// their order), the exchanges are an insertion sort. The items before j are sorted; j's goes behind its equals, and pushes
+/// the first of each greater group of equals behind that group. So where an item ends up depends on its equals and on how
+/// many lesser items came between them, which are counted here, not moved.
+template <typename T, typename Compare>
+bool SortInExchangeOrder(T* pItems, int nCount, Compare compare) {
+    using Sorted = SortedItem<T>;
     const std::size_t nSize = static_cast<std::size_t>(nCount);
-    const std::unique_ptr<Entry[]> entries(new (std::nothrow) Entry[nSize]);
-    const std::unique_ptr<int[]> groups(new (std::nothrow) int[nSize]);
-    const std::unique_ptr<int[]> lesser(new (std::nothrow) int[nSize]);
-    Entry* const pEntries = entries.get();
-    int* const pGroups = groups.get();
-    int* const pLesser = lesser.get();
-    RunningCount arrived(nCount);
-    if (pEntries == nullptr || pGroups == nullptr || pLesser == nullptr || !arrived.IsUsable()) {
+    const std::unique_ptr<Sorted[]> sorted(new (std::nothrow) Sorted[nSize]);
+    const std::unique_ptr<Sorted*[]> arrivals(new (std::nothrow) Sorted*[nSize]);
+    PlaceCounts counts(nCount);
+    if (sorted == nullptr || arrivals == nullptr || !counts.IsUsable()) {
         return false;
     }
+    Sorted* const pSorted = sorted.get();
     for (int i = 0; i < nCount; ++i) {
-        pEntries[i] = {pItems[i], i};
+        pSorted[i] = {pItems[i], i, 0, 0};
     }
-    std::sort(pEntries, pEntries + nCount, [&](const Entry& left, const Entry& right) {
-        return isBefore(left.item, right.item) || (!isBefore(right.item, left.item) && left.nArrival < right.nArrival);
+    std::sort(pSorted, pSorted + nCount, [&](const Sorted& left, const Sorted& right) {
+        const int nOrder = compare(left.item, right.item);
+        return nOrder < 0 || (nOrder == 0 && left.nArrival < right.nArrival);
     });
-
-    // A group of equals is named by the place of its first; pGroups is in order of arrival.
-    for (int i = 0, nGroup = 0; i < nCount; ++i) {
-        nGroup = i > 0 && isBefore(pEntries[i - 1].item, pEntries[i].item) ? i : nGroup;
-        pGroups[pEntries[i].nArrival] = nGroup;
+    for (int i = 0; i < nCount; ++i) {
+        const bool fgFirst = i == 0 || compare(pSorted[i - 1].item, pSorted[i].item) < 0;
+        pSorted[i].nGroup = fgFirst ? i : pSorted[i - 1].nGroup;
+        arrivals.get()[pSorted[i].nArrival] = &pSorted[i];
     }
     for (int i = 0; i < nCount; ++i) {
-        pLesser[i] = arrived.Below(pGroups[i]);
-        arrived.Add(pGroups[i]);
+        Sorted& arrival = *arrivals.get()[i];
+        arrival.nLesser = counts.Before(arrival.nGroup);
+        counts.Add(arrival.nGroup, 1);
     }
-
     for (int nFirst = 0, nEnd = 0; nFirst < nCount; nFirst = nEnd) {
-        // The group in its final places, filled one arrival at a time.
-        T* const pQueue = pItems + nFirst;
-        int nQueued = 0;
-        int nSeen = 0;
-        const auto turn = [&](int nLesser) {
-            if (nQueued > 1) {
-                std::rotate(pQueue, pQueue + (nLesser - nSeen) % nQueued, pQueue + nQueued);
-            }
-            nSeen = nLesser;
-        };
-        for (nEnd = nFirst; nEnd < nCount && pGroups[pEntries[nEnd].nArrival] == nFirst; ++nEnd) {
-            turn(pLesser[pEntries[nEnd].nArrival]);
-            pQueue[nQueued++] = pEntries[nEnd].item;
+        while (nEnd < nCount && pSorted[nEnd].nGroup == nFirst) {
+            ++nEnd;
         }
-        turn(nFirst);
+        SettleEquals(pSorted + nFirst, nEnd - nFirst, pItems + nFirst, counts);
     }
     return true;
 }

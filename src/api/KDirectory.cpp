@@ -215,10 +215,8 @@ void SortPaths(KPath** ppPaths, int nCount, const SortOrder& order) {
     // A missing text is neither before nor behind others in a way that any fast sort could work with.
     const bool fgComplete =
         std::all_of(ppPaths, ppPaths + nCount, [](const KPath* pPath) { return pPath->GetPath().Length() != 0; });
-    const auto isBefore = [&order](const KPath* pFirst, const KPath* pSecond) {
-        return order.Compare(pFirst, pSecond) < 0;
-    };
-    if (!fgComplete || !SortInExchangeOrder(ppPaths, nCount, isBefore)) {
+    const auto compare = [&order](const KPath* pFirst, const KPath* pSecond) { return order.Compare(pFirst, pSecond); };
+    if (!fgComplete || !SortInExchangeOrder(ppPaths, nCount, compare)) {
         SortByExchange(ppPaths, nCount, [&order](const KPath* pFirst, const KPath* pSecond) {
             return order.CompareWithMissing(pFirst, pSecond) > 0;
         });

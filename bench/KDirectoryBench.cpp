@@ -1,0 +1,212 @@
+#include "KDirectory.h"
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <random>
+#include <string>
+
+#include "KDebug.h"
+
+namespace {
+
+constexpr int kSilent = 3;
+
+/// A directory of the benchmark's own, gone with everything in it at the end of the block.
+class ScopedDirectory {
+ public:
+    ScopedDirectory() : m_Path(std::filesystem::temp_directory_path() / "kalvoren-bench-XXXXXX") {
+        if (mkdtemp(&m_Path[0]) == nullptr) {
+            std::perror(m_Path.c_str());
+            std::abort();
+        }
+    }
+    ~ScopedDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(m_Path, ignored);
+    }
+    ScopedDirectory(const ScopedDirectory&) = delete;
+    ScopedDirectory& operator=(const ScopedDirectory&) = delete;
+
+    const std::string& Path() const { return m_Path; }
+
+ private:
+    std::string m_Path;
+};
+
+/// Names as a recorder gives them, in no order.
+std::string Name(std::mt19937& random) {
+    char szName[32];
+    std::snprintf(szName, sizeof szName, "Record-%08lx.mp4", static_cast<unsigned long>(random() & 0xFFFFFFFF));
+    return szName;
+}
+
+void MakeFiles(const std::string& directory, int nCount) {
+    std::mt19937 random(1);
+    for (int i = 0; i < nCount; ++i) {
+        close(open((directory + "/" + Name(random)).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    }
+}
+
+/// What a list to be sorted is made of.
+enum Contents : int {
+    kDistinct,      ///< Texts that all differ.
+    kEqualInPairs,  ///< Each text twice, once in capitals.
+    kTwoTexts,      ///< Two texts, in turn at random: half of the list compares equal.
+    kOneMissing     ///< Texts that all differ, and a path without one: sorted by exchange.
+};
+
+KPath MakeEntry(Contents eContents, int nIndex, std::mt19937& random) {
+    switch (eContents) {
+        case kTwoTexts:
+            return KPath(random() % 2 != 0 ? "a" : "b");
+        case kOneMissing:
+            return nIndex == 0 ? KPath() : KPath(Name(random).c_str());
+        case kEqualInPairs: {
+            KString text(Name(random).c_str());
+            text.ToUpper();
+            return KPath(text);
+        }
+        default:
+            return KPath(Name(random).c_str());
+    }
+}
+
+void Fill(KList<KPath>& list, Contents eContents, int nCount) {
+    std::mt19937 random(2);
+    KList<KPath>::Appender appender(list);
+    for (int i = 0; i < nCount; ++i) {
+        if (eContents == kEqualInPairs && i % 2 == 0) {
+            std::mt19937 same(random);
+            appender.Add(MakeEntry(kDistinct, i, same));
+        } else {
+            appender.Add(MakeEntry(eContents, i, random));
+        }
+    }
+}
+
+void Sizes(benchmark::internal::Benchmark* pBenchmark) {
+    pBenchmark->Arg(100)->Arg(1000)->Arg(10000)->Arg(50000)->Complexity()->Unit(benchmark::kMicrosecond);
+}
+
+// ---------------------------------------------------------------------------------------------------------- Reading
+
+/// Opening, sorting and closing, with the memory of the entries.
+void Open(benchmark::State& state) {
+    g_eDebugLevel = kSilent;
+    const ScopedDirectory scratch;
+    MakeFiles(scratch.Path(), static_cast<int>(state.range(0)));
+    KPath path(scratch.Path().c_str());
+    for (auto _ : state) {
+        KDirectory directory;
+        directory.Open(path);
+        benchmark::DoNotOptimize(directory.GetCount());
+        directory.Close();
+    }
+    state.SetComplexityN(state.range(0));
+}
+BENCHMARK(Open)->Apply(Sizes);
+
+/// The same with the lines that it writes for each entry, to nowhere.
+void OpenWithLog(benchmark::State& state) {
+    const ScopedDirectory scratch;
+    MakeFiles(scratch.Path(), static_cast<int>(state.range(0)));
+    KPath path(scratch.Path().c_str());
+    std::fflush(stderr);
+    const int nStderr = dup(STDERR_FILENO);
+    const int nNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(nNull, STDERR_FILENO);
+    g_eDebugLevel = 0;
+    for (auto _ : state) {
+        KDirectory directory;
+        directory.Open(path);
+        directory.Close();
+    }
+    g_eDebugLevel = kSilent;
+    dup2(nStderr, STDERR_FILENO);
+    close(nNull);
+    close(nStderr);
+    state.SetComplexityN(state.range(0));
+}
+BENCHMARK(OpenWithLog)->Apply(Sizes);
+
+class OpenDirectory : public benchmark::Fixture {
+ public:
+    void SetUp(benchmark::State& state) override {
+        g_eDebugLevel = kSilent;
+        const ScopedDirectory scratch;
+        MakeFiles(scratch.Path(), static_cast<int>(state.range(0)));
+        KPath path(scratch.Path().c_str());
+        m_pDirectory = std::make_unique<KDirectory>();
+        m_pDirectory->Open(path);
+    }
+    void TearDown(benchmark::State&) override { m_pDirectory.reset(); }
+
+ protected:
+    std::unique_ptr<KDirectory> m_pDirectory;
+};
+
+BENCHMARK_DEFINE_F(OpenDirectory, ReadLast)(benchmark::State& state) {
+    KPath entry;
+    for (auto _ : state) {
+        m_pDirectory->Read(m_pDirectory->GetCount() - 1, entry);
+    }
+    state.SetComplexityN(state.range(0));
+}
+BENCHMARK_REGISTER_F(OpenDirectory, ReadLast)->Apply(Sizes);
+
+BENCHMARK_DEFINE_F(OpenDirectory, ReadAll)(benchmark::State& state) {
+    for (auto _ : state) {
+        KList<KPath> entries;
+        m_pDirectory->ReadAll(entries);
+    }
+    state.SetComplexityN(state.range(0));
+}
+BENCHMARK_REGISTER_F(OpenDirectory, ReadAll)->Apply(Sizes);
+
+BENCHMARK_DEFINE_F(OpenDirectory, ReadDirectories)(benchmark::State& state) {
+    for (auto _ : state) {
+        KList<KPath> entries;
+        m_pDirectory->ReadDirectories(entries);
+    }
+    state.SetComplexityN(state.range(0));
+}
+BENCHMARK_REGISTER_F(OpenDirectory, ReadDirectories)->Apply(Sizes);
+
+// ---------------------------------------------------------------------------------------------------------- Sorting
+
+void SortList(benchmark::State& state, Contents eContents, KDirectory::SortMethod eMethod) {
+    g_eDebugLevel = kSilent;
+    KList<KPath> original;
+    Fill(original, eContents, static_cast<int>(state.range(0)));
+    for (auto _ : state) {
+        state.PauseTiming();
+        {
+            KList<KPath> list(original);
+            state.ResumeTiming();
+            KDirectory::Sort(list, eMethod);
+            state.PauseTiming();
+        }
+        state.ResumeTiming();
+    }
+    state.SetComplexityN(state.range(0));
+}
+BENCHMARK_CAPTURE(SortList, Ascending, kDistinct, KDirectory::SORT_ASCENDING)->Apply(Sizes);
+BENCHMARK_CAPTURE(SortList, Descending, kDistinct, KDirectory::SORT_DESCENDING)->Apply(Sizes);
+BENCHMARK_CAPTURE(SortList, AscendingNoCase, kDistinct, KDirectory::SORT_ASCENDING_NOCASE)->Apply(Sizes);
+BENCHMARK_CAPTURE(SortList, DescendingNoCase, kDistinct, KDirectory::SORT_DESCENDING_NOCASE)->Apply(Sizes);
+BENCHMARK_CAPTURE(SortList, NoCaseEqualInPairs, kEqualInPairs, KDirectory::SORT_ASCENDING_NOCASE)->Apply(Sizes);
+BENCHMARK_CAPTURE(SortList, NoCaseOfTwoTexts, kTwoTexts, KDirectory::SORT_ASCENDING_NOCASE)->Apply(Sizes);
+BENCHMARK_CAPTURE(SortList, NoCaseWithOneTextMissing, kOneMissing, KDirectory::SORT_ASCENDING_NOCASE)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Complexity()
+    ->Unit(benchmark::kMicrosecond);
+
+}  // namespace
