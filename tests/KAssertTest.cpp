@@ -12,7 +12,7 @@
 #include "KMem.h"
 #include "KThread.h"
 #include "KTime.h"
-#include "support/NextFunction.h"
+#include "support/Interpose.h"
 #include "support/Support.h"
 
 namespace {

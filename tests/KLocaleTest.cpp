@@ -7,7 +7,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "support/NextFunction.h"
+#include "support/Interpose.h"
 #include "support/Support.h"
 
 namespace {
