@@ -57,8 +57,10 @@ void Write(const char* pszLineFormat, const char* pszSignature, const tchar* for
     if (pBuffer == nullptr) {
         return;
     }
+    // A message that libc cannot render to its end (a wide character that the locale lacks) is written up to there.
+    *pBuffer = '\0';
     const int nLength = std::vsnprintf(pBuffer, kBufferSize, format, arguments);
-    if (!g_Checks.Hold(nLength < static_cast<int>(kBufferSize), "0", pszSignature) || nLength < 0) {
+    if (!g_Checks.Hold(nLength < static_cast<int>(kBufferSize), "0", pszSignature)) {
         return;
     }
     std::fprintf(stderr, pszLineFormat, pBuffer);
