@@ -44,7 +44,8 @@ extern KALVOREN_API KMutex g_Mutex;
 /// @b minutes @b ahead of UTC.
 ///
 /// A message has at most 1,048,575 characters. A longer one fails the check "0"; with the checks off it is dropped.
-/// `Log` has written its stamp by then, so that a dropped log message leaves its stamp behind.
+/// `Log` has written its stamp by then, so that a dropped log message leaves its stamp behind. A message that libc cannot
+/// render to its end (`%ls` with a character that the locale lacks) is written up to there.
 ///
 /// The buffers are made by Init() or by the first message. If the memory for them is lacking, messages are dropped. No
 /// operation ever reports a failure: all return true.

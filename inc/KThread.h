@@ -51,8 +51,8 @@ class KALVOREN_API KMutex {
     /// - When the deadline passes, the operation @b unlocks @b the @b mutex @b of @b whoever @b holds @b it and returns
     ///   true although the caller does not hold it: a time-out cannot be told from success. Once the holder unlocks
     ///   too, libc's count of users is wrong, and the destructor's check "nRet == 0" fails.
-    /// - Any other failure (a deadline that libc refuses because "now" was negative at that moment) also unlocks, and
-    ///   returns false.
+    /// - Any other failure also unlocks, and returns false: a deadline of negative microseconds is refused by libc, by
+    ///   newer versions only where its whole seconds are 0. So the result on a held mutex depends on the moment.
     bool LockWithTimeOut(long long nTimeOut);
 
     /// As LockWithTimeOut(), with the deadline counted from a reference moment instead of from now: with @p fgReset
