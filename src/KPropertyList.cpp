@@ -319,8 +319,16 @@ class KPropertyList::Reader {
         }
         if (tag.StartsWith("/")) {
             g_Checks.Fail("bool KPropertyList::Parshing(KString&, KPropertyNode*)");
+            LogOnOuterLevels(tag);
         }
         return false;
+    }
+
+    /// A closing tag that closes nothing stays where it is: each level around meets it again, and ends too.
+    void LogOnOuterLevels(const Span& tag) const {
+        for (const Level* pLevel = m_pLevel->pOuter; pLevel != nullptr; pLevel = pLevel->pOuter) {
+            LogSpan(tag);
+        }
     }
 
     /// The text between the brackets of the tag here, whose closing bracket may be missing; empty when there is none.
