@@ -126,13 +126,17 @@ class KALVOREN_API KPropertyNode {
 ///   tabs.
 /// - The closing tag of a value or key is looked for with the whole text of its opening tag, so these take no attributes.
 ///   Where it is missing the read ends.
-/// - A value's text goes up to the next '<'. Entities are not decoded, data is not decoded, comments are not known.
+/// - A value's text goes up to the next '<', and what stands between that and the closing tag is skipped. Entities are not
+///   decoded, data is not decoded, comments are not known.
+/// - A NUL ends the text.
 /// - @b An @b empty @b value @b takes @b the @b text @b of @b the @b value @b or @b key @b before @b it at the same level;
 ///   the first one of a level is the empty text.
 /// - A value before any key goes to the node its level belongs to.
-/// - The log gets a line for each tag and each text, unless it is too long for one.
+/// - The log gets a line for each tag and each text, unless it is too long for one. A closing tag that ends the read is
+///   logged once for each level that was open.
 ///
-/// Memory and time are proportional to the size of the text, however its tags are nested.
+/// Memory and time are proportional to the size of the text, however its tags are nested (apart from the lines that the
+/// log gets for one closing tag on many levels).
 ///
 /// Thread-safety: Init() and Deinit() belong to start-up and shut-down. Reading the tree: see KPropertyNode.
 ///

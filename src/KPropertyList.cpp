@@ -210,7 +210,11 @@ class KPropertyList::Reader {
  public:
     /// @p fgMakesNodes false goes over the text alone.
     Reader(KString& header, const char* pszText, bool fgMakesNodes)
-        : m_Header(header), m_p(pszText), m_fgMakesNodes(fgMakesNodes), m_pLevel(nullptr) {}
+        : m_Header(header),
+          m_p(pszText),
+          m_pEnd(pszText + std::strlen(pszText)),
+          m_fgMakesNodes(fgMakesNodes),
+          m_pLevel(nullptr) {}
 
     ~Reader() {
         while (m_pLevel != nullptr) {
@@ -280,7 +284,9 @@ class KPropertyList::Reader {
 
     /// Reads one element or tag. False when the read ends here, on every level.
     bool ReadElement() {
-        m_p += std::strspn(m_p, "\r\n\t");
+        while (*m_p == '\r' || *m_p == '\n' || *m_p == '\t') {
+            ++m_p;
+        }
         const Span tag = Tag();
         if (tag.nLen == 0) {
             return false;
@@ -288,11 +294,15 @@ class KPropertyList::Reader {
         LogSpan(tag);
         if (tag.StartsWith("?XML")) {
             m_Header = tag.Text();
-            return SkipBehind("?>");
+            return SkipDeclaration();
         }
         if (tag.StartsWith("!DOCTYPE")) {
             m_Header = tag.Text();
-            return SkipBehind(">");
+            if (!IsClosed(tag)) {
+                return false;
+            }
+            SkipTag(tag);
+            return true;
         }
         if (tag.StartsWith("PLIST") || tag.StartsWith("DICT") || tag.StartsWith("ARRAY")) {
             SkipTag(tag);
@@ -320,8 +330,16 @@ class KPropertyList::Reader {
         }
         if (tag.StartsWith("/")) {
             g_Checks.Fail("bool KPropertyList::Parshing(KString&, KPropertyNode*)");
+            LogOnOuterLevels(tag);
         }
         return false;
+    }
+
+    /// A closing tag that closes nothing stays where it is: each level around meets it again, and ends too.
+    void LogOnOuterLevels(const Span& tag) const {
+        for (const Level* pLevel = m_pLevel->pOuter; pLevel != nullptr; pLevel = pLevel->pOuter) {
+            LogSpan(tag);
+        }
     }
 
     /// The text between the brackets of the tag here, whose closing bracket may be missing; empty when there is none.
@@ -329,35 +347,41 @@ class KPropertyList::Reader {
         if (*m_p != '<') {
             return {m_p, 0};
         }
-        return {m_p + 1, std::strcspn(m_p + 1, ">")};
+        return {m_p + 1, static_cast<std::size_t>(Find('>', m_p + 1) - m_p) - 1};
     }
+
+    /// The first place of a byte at @p pFrom or later, or the end of the text.
+    const char* Find(char ch, const char* pFrom) const {
+        const void* const pFound = std::memchr(pFrom, ch, static_cast<std::size_t>(m_pEnd - pFrom));
+        return pFound != nullptr ? static_cast<const char*>(pFound) : m_pEnd;
+    }
+
+    /// Whether a tag has its closing bracket.
+    bool IsClosed(const Span& tag) const { return tag.p + tag.nLen != m_pEnd; }
 
     /// Goes behind a tag's closing bracket, or to the end where that is missing.
-    void SkipTag(const Span& tag) {
-        m_p = tag.p + tag.nLen;
-        if (*m_p == '>') {
-            ++m_p;
-        }
-    }
+    void SkipTag(const Span& tag) { m_p = tag.p + tag.nLen + (IsClosed(tag) ? 1 : 0); }
 
-    bool SkipBehind(const char* pszMark) {
-        const char* const pMark = std::strstr(m_p, pszMark);
-        if (pMark == nullptr) {
-            return false;
+    /// Goes behind the mark at the end of a declaration; false where that is missing.
+    bool SkipDeclaration() {
+        for (const char* p = Find('>', m_p); p != m_pEnd; p = Find('>', p + 1)) {
+            if (p[-1] == '?') {
+                m_p = p + 1;
+                return true;
+            }
         }
-        m_p = pMark + std::strlen(pszMark);
-        return true;
+        return false;
     }
 
     /// Reads a key or a value.
     bool ReadText(const Span& tag, KPropertyNodeType eType) {
         const char* pText = tag.p + tag.nLen;
-        if (*pText == '>') {
+        if (IsClosed(tag)) {
             ++pText;
-            const std::size_t nText = std::strcspn(pText, "<");
-            if (nText > 0) {
-                m_pLevel->value = {pText, nText};
-                pText += nText;
+            const char* const pTextEnd = Find('<', pText);
+            if (pTextEnd != pText) {
+                m_pLevel->value = {pText, static_cast<std::size_t>(pTextEnd - pText)};
+                pText = pTextEnd;
             }
         }
         LogSpan(m_pLevel->value);
@@ -410,6 +434,7 @@ class KPropertyList::Reader {
 
     KString& m_Header;
     const char* m_p;
+    const char* const m_pEnd;
     const bool m_fgMakesNodes;
     KPropertyNode m_Top;
     Level* m_pLevel;
