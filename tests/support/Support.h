@@ -92,18 +92,23 @@ inline std::string ContentOf(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
+/// Matches what a failed check with exactly this condition, source and signature writes to standard error.
+inline testing::Matcher<const std::string&> ReportOfCheck(const std::string& condition, const std::string& source,
+                                                          const std::string& signature) {
+    return testing::AllOf(testing::ContainsRegex(": " + source + ":[0-9]+: "),
+                          testing::HasSubstr(": " + signature + ": Assertion `" + condition + "' failed."));
+}
+
 }  // namespace support
 
 /// Expects that with the checks on, a statement ends the process through a failed check with exactly this condition,
 /// source and signature.
-#define EXPECT_CHECK_FAILS(statement, condition, source, signature)     \
-    EXPECT_EXIT(                                                        \
-        {                                                               \
-            KAssert::SetActive(true);                                   \
-            statement;                                                  \
-        },                                                              \
-        testing::KilledBySignal(SIGABRT),                               \
-        testing::AllOf(testing::ContainsRegex(": " source ":[0-9]+: "), \
-                       testing::HasSubstr(": " signature ": Assertion `" condition "' failed.")))
+#define EXPECT_CHECK_FAILS(statement, condition, source, signature) \
+    EXPECT_EXIT(                                                    \
+        {                                                           \
+            KAssert::SetActive(true);                               \
+            statement;                                              \
+        },                                                          \
+        testing::KilledBySignal(SIGABRT), support::ReportOfCheck(condition, source, signature))
 
 #endif  // KALVOREN_TESTS_SUPPORT_H

@@ -1,0 +1,71 @@
+// For tests that put functions of their own in front of libc's, to see how they are called or to make them fail. A function
+// that a test program defines is found before the one of a shared library, also by the library under test.
+#ifndef KALVOREN_TESTS_INTERPOSE_H
+#define KALVOREN_TESTS_INTERPOSE_H
+
+#include <dlfcn.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace support {
+
+/// The function that a test's own stands in front of: libc's, or a sanitizer's wrapper round it.
+template <typename Function>
+Function* NextFunction(Function*, const char* pszName) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, pszName));
+}
+
+/// For the length of a block, notes this thread's calls of the functions that stand in front, and answers those it has
+/// an answer for instead of passing them on.
+class ScopedCalls {
+ public:
+    using Answers = std::map<std::string, int>;
+
+    explicit ScopedCalls(Answers answers = {}) : m_Answers(std::move(answers)), m_pBefore(Current()) {
+        Current() = this;
+    }
+    ~ScopedCalls() { Current() = m_pBefore; }
+    ScopedCalls(const ScopedCalls&) = delete;
+    ScopedCalls& operator=(const ScopedCalls&) = delete;
+
+    /// The calls so far, in order, by name.
+    const std::vector<std::string>& Names() const { return m_Names; }
+
+    /// Notes a call; returns the answer if there is one.
+    std::optional<int> Note(const char* pszName) {
+        m_Names.emplace_back(pszName);
+        const auto answer = m_Answers.find(pszName);
+        return answer != m_Answers.end() ? std::optional<int>(answer->second) : std::nullopt;
+    }
+
+    /// The innermost one of this thread, or null.
+    static ScopedCalls*& Current() {
+        static thread_local ScopedCalls* t_pCurrent = nullptr;
+        return t_pCurrent;
+    }
+
+ private:
+    Answers m_Answers;
+    std::vector<std::string> m_Names;
+    ScopedCalls* m_pBefore;
+};
+
+/// The body of a function that stands in front: notes the call, then answers it or passes it on.
+template <auto pOwn, typename... Arguments>
+int NoteAndPassOn(const char* pszName, Arguments... arguments) {
+    static const auto pNext = NextFunction(pOwn, pszName);
+    if (ScopedCalls* const pCalls = ScopedCalls::Current()) {
+        if (const std::optional<int> answer = pCalls->Note(pszName)) {
+            return *answer;
+        }
+    }
+    return pNext(arguments...);
+}
+
+}  // namespace support
+
+#endif  // KALVOREN_TESTS_INTERPOSE_H
