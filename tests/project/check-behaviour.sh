@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# check-behaviour.sh SOURCE-DIRECTORY
+#
+# docs/behaviour.md has a section for every class that has surprises, and every test it names is there.
+set -euo pipefail
+cd "$1"
+
+failures=0
+while read -r name; do
+    suite=${name%%.*}
+    if ! grep -qE "^TEST(_F|_P)?\(${suite}, ${name#*.}\)" tests/*.cpp; then
+        echo "docs/behaviour.md names ${name}, which is no test"
+        failures=$((failures + 1))
+    fi
+done < <(grep -oE '`K[A-Za-z]+Test\.[A-Za-z0-9]+`' docs/behaviour.md | tr -d '`' | sort -u)
+
+while read -r row; do
+    if ! grep -qE '`K[A-Za-z]+Test\.[A-Za-z0-9]+` \|$' <<<"${row}"; then
+        echo "docs/behaviour.md has a row without a test: ${row}"
+        failures=$((failures + 1))
+    fi
+done < <(grep '^| ' docs/behaviour.md | grep -v '^| you would expect ')
+
+[[ ${failures} -eq 0 ]]
