@@ -43,7 +43,7 @@ class KALVOREN_API KAssert {
     static void SetType(KAssertType type);
 
  private:
-    static bool g_fgAssertActive;
+    KALVOREN_LOCAL static bool g_fgAssertActive;
 };
 
 #endif  // KALVOREN_KASSERT_H

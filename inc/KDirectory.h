@@ -140,7 +140,7 @@ class KALVOREN_API KDirectory {
  private:
     struct DirectoryInfo;
 
-    bool ReadSome(KList<KPath>& out, bool (*isWanted)(const KPath&), const char* pszError);
+    KALVOREN_LOCAL bool ReadSome(KList<KPath>& out, bool (*isWanted)(const KPath&), const char* pszError);
 
     DirectoryInfo* pInfo;
     KList<KPath> m_Entries;

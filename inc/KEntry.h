@@ -42,7 +42,7 @@ class KALVOREN_API KEntry {
     virtual ~KEntry();
 
  private:
-    static KEntry* g_pHandle;
+    KALVOREN_LOCAL static KEntry* g_pHandle;
 };
 
 #endif  // KALVOREN_KENTRY_H

@@ -148,12 +148,12 @@ class KALVOREN_API KIPC {
  private:
     struct IPCInternal;
 
-    bool CreateSharedMemory();
-    bool CreateSocket();
-    bool MapSharedMemory();
-    void CloseSharedMemory();
-    void CloseSharedDescriptor();
-    void CloseSocket();
+    KALVOREN_LOCAL bool CreateSharedMemory();
+    KALVOREN_LOCAL bool CreateSocket();
+    KALVOREN_LOCAL bool MapSharedMemory();
+    KALVOREN_LOCAL void CloseSharedMemory();
+    KALVOREN_LOCAL void CloseSharedDescriptor();
+    KALVOREN_LOCAL void CloseSocket();
 
     IPCInternal* m_pInternal;
     int m_nIndex;

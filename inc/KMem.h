@@ -130,11 +130,12 @@ class KALVOREN_API KMem {
     bool RemoveAll();
 
  private:
-    struct MemInfoContainer;
-    static MemInfoContainer* g_pMemInfoContainer;
+    struct KALVOREN_LOCAL MemInfoContainer;
+    KALVOREN_LOCAL static MemInfoContainer* g_pMemInfoContainer;
 
     bool HasBytes() const { return m_nSize >= 1 && m_pBuf != nullptr; }
-    void Take(const char* pFirst, int nFirst, const char* pSecond, int nSecond, const char* pszSignature);
+    KALVOREN_LOCAL void Take(const char* pFirst, int nFirst, const char* pSecond, int nSecond,
+                             const char* pszSignature);
 
     int m_nSize;
     char* m_pBuf;

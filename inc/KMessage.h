@@ -43,7 +43,7 @@ class KALVOREN_API KMessage {
     int GetSize() const { return mSize; }
 
  private:
-    void CopyPayload(const void* pData, int nSize);
+    KALVOREN_LOCAL void CopyPayload(const void* pData, int nSize);
 
     KString mText1;
     KString mText2;
@@ -80,11 +80,11 @@ class KALVOREN_API KMessageHandler {
     ~KMessageHandler() = default;
 
  private:
-    static int Find(const KMessageHandler* pHandler, const KString& name);
+    KALVOREN_LOCAL static int Find(const KMessageHandler* pHandler, const KString& name);
 
-    static KList<KMessageHandler*> g_ObjList;
-    static KList<KString> g_MessageList;
-    static KMutex g_Mutex;
+    KALVOREN_LOCAL static KList<KMessageHandler*> g_ObjList;
+    KALVOREN_LOCAL static KList<KString> g_MessageList;
+    KALVOREN_LOCAL static KMutex g_Mutex;
 };
 
 extern template class KList<KMessageHandler*>;

@@ -266,18 +266,18 @@ class KALVOREN_API KNet {
     void GetLocalIPs(KList<KString>& ips);
 
  private:
-    struct SocketInfo;
+    struct KALVOREN_LOCAL SocketInfo;
 
-    bool HasInfo(const char* pszSignature);
-    bool HasSocket();
-    bool Fail(NetError eError);
-    bool FailAndClose(NetError eError);
-    bool SetTargetAddress();
-    bool JoinGroup();
-    bool PrepareCasting();
-    bool Connect();
-    void SetNonBlocking();
-    int SendTo(const char* pBuffer, int nLen, const struct sockaddr_in& target);
+    KALVOREN_LOCAL bool HasInfo(const char* pszSignature);
+    KALVOREN_LOCAL bool HasSocket();
+    KALVOREN_LOCAL bool Fail(NetError eError);
+    KALVOREN_LOCAL bool FailAndClose(NetError eError);
+    KALVOREN_LOCAL bool SetTargetAddress();
+    KALVOREN_LOCAL bool JoinGroup();
+    KALVOREN_LOCAL bool PrepareCasting();
+    KALVOREN_LOCAL bool Connect();
+    KALVOREN_LOCAL void SetNonBlocking();
+    KALVOREN_LOCAL int SendTo(const char* pBuffer, int nLen, const struct sockaddr_in& target);
 
     NetError m_eError;
     KNetInfo m_ConInfo;

@@ -129,7 +129,7 @@ class KALVOREN_API KPath {
  private:
     static const int kBufferSize = 2048;
 
-    void Join(const KString& text);
+    KALVOREN_LOCAL void Join(const KString& text);
 
     Type m_eType;
     KString m_Path;

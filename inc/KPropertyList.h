@@ -91,8 +91,8 @@ class KALVOREN_API KPropertyNode {
  private:
     friend class KPropertyList;
 
-    void DetachDoomed(KList<KPropertyNode*>::Appender& doomed);
-    void DestroyDoomed();
+    KALVOREN_LOCAL void DetachDoomed(KList<KPropertyNode*>::Appender& doomed);
+    KALVOREN_LOCAL void DestroyDoomed();
 
     KPropertyNodeType m_eType;
     KString m_Text;
@@ -178,15 +178,15 @@ class KALVOREN_API KPropertyList {
     bool Parshing(KString& text, KPropertyNode* pParent);
 
  private:
-    class Reader;
+    class KALVOREN_LOCAL Reader;
 
-    KPropertyList();
+    KALVOREN_LOCAL KPropertyList();
 
     KString m_Header;
     KString m_Reserved[2];
     KPropertyNode m_Root;
 
-    static KPropertyList* g_pHandle;
+    KALVOREN_LOCAL static KPropertyList* g_pHandle;
 };
 
 extern template class KList<KPropertyNode*>;

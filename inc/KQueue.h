@@ -56,7 +56,7 @@ class KALVOREN_API KDynamicDataBuffer {
     unsigned char* GetBuffer() const { return m_pBuf; }
 
  private:
-    bool Grow(unsigned int nNeed);
+    KALVOREN_LOCAL bool Grow(unsigned int nNeed);
 
     unsigned int m_nCapacity;
     unsigned int m_nDataSize;
@@ -135,7 +135,7 @@ class KALVOREN_API KManagedDynamicDataQueue {
     ~KManagedDynamicDataQueue();
 
  private:
-    bool IsWholePool(const KDynamicDataBuffer* pBuffer) const;
+    KALVOREN_LOCAL bool IsWholePool(const KDynamicDataBuffer* pBuffer) const;
 
     KDynamicDataBuffer* m_pBuffers;
     KDynamicDataBuffer** m_ppFree;

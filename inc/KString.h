@@ -244,9 +244,9 @@ class KALVOREN_API KString {
     bool Divide(const char* pszDelimiter, KList<KString>& out) const;
 
  private:
-    void Adopt(tchar* pszString, int nLen);
-    void AssignText(const char* p, std::size_t nLen);
-    void Append(const char* p, int n);
+    KALVOREN_LOCAL void Adopt(tchar* pszString, int nLen);
+    KALVOREN_LOCAL void AssignText(const char* p, std::size_t nLen);
+    KALVOREN_LOCAL void Append(const char* p, int n);
 
     int m_nLen;
     tchar* m_pszString;

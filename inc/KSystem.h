@@ -143,21 +143,21 @@ class KALVOREN_API KSystem {
     bool ReadRegistry(RegistryLevel eLevel, const KString& key, KString& value);
 
  private:
-    KSystem();
+    KALVOREN_LOCAL KSystem();
 
-    bool GatherNothing();
+    KALVOREN_LOCAL bool GatherNothing();
 
     WriteRegistryHook m_WriteRegistry;
     ReadRegistryHook m_ReadRegistry;
 
-    static KSystem* g_pHandle;
-    static OSInformation g_OSInfo;
-    static HardwareInformation g_HWInfo;
-    static UserInformation g_UserInfo;
-    static ApplicationInformation g_AppInfo;
-    static StorageInformation g_StorageInfo;
-    static KList<DiskInformation> g_DiskInfo;
-    static KMutex g_Mutex;
+    KALVOREN_LOCAL static KSystem* g_pHandle;
+    KALVOREN_LOCAL static OSInformation g_OSInfo;
+    KALVOREN_LOCAL static HardwareInformation g_HWInfo;
+    KALVOREN_LOCAL static UserInformation g_UserInfo;
+    KALVOREN_LOCAL static ApplicationInformation g_AppInfo;
+    KALVOREN_LOCAL static StorageInformation g_StorageInfo;
+    KALVOREN_LOCAL static KList<DiskInformation> g_DiskInfo;
+    KALVOREN_LOCAL static KMutex g_Mutex;
 };
 
 extern template class KList<KSystem::DiskInformation>;

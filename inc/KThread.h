@@ -64,7 +64,7 @@ class KALVOREN_API KMutex {
  private:
     struct MutexInfo;
 
-    bool LockUntil(long long nDeadline);
+    KALVOREN_LOCAL bool LockUntil(long long nDeadline);
 
     long long m_nBaseTime;
     MutexInfo* pInfo;
@@ -196,8 +196,8 @@ class KALVOREN_API KThread {
     struct ThreadInfo;
     struct ThreadState;
 
-    static void* Run(void* pArgument);
-    ThreadState* State() const;
+    KALVOREN_LOCAL static void* Run(void* pArgument);
+    KALVOREN_LOCAL ThreadState* State() const;
 
     std::atomic<Status> m_eStatus;
     std::atomic<int> m_nSpeed;

@@ -12,6 +12,9 @@
 /// Marks what the shared library exports; everything else is hidden.
 #define KALVOREN_API __attribute__((visibility("default")))
 
+/// Hides a part of an exported class that no program calls.
+#define KALVOREN_LOCAL __attribute__((visibility("hidden")))
+
 /// Marks the small parts of a template whose larger operations the shared library exports: they become part of whatever
 /// calls them, in every build, so that no program needs a symbol for them.
 #define KALVOREN_INLINE __attribute__((always_inline, visibility("hidden"))) inline
