@@ -21,6 +21,13 @@ write_basic_package_version_file("${CMAKE_CURRENT_BINARY_DIR}/KalvorenConfigVers
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/KalvorenConfig.cmake"
               "${CMAKE_CURRENT_BINARY_DIR}/KalvorenConfigVersion.cmake" DESTINATION ${KALVOREN_CMAKE_DIR})
 
+# gdb loads what lies here by itself when it meets the library of the same path.
+cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_LIBDIR BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}" OUTPUT_VARIABLE KALVOREN_FULL_LIBDIR)
+install(
+  FILES "${PROJECT_SOURCE_DIR}/tools/gdb/kalvoren_gdb.py"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/gdb/auto-load${KALVOREN_FULL_LIBDIR}"
+  RENAME libkalvoren-sharedd.so.${PROJECT_VERSION}-gdb.py)
+
 # The prefix is worked out from where the file lies, so that an installed tree can be moved.
 set(KALVOREN_PC_DIR "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}/${KALVOREN_PC_DIR}"
