@@ -607,7 +607,7 @@ TEST(KListTest, ArrangingAnEmptyListDoesNothing) {
 
 // ------------------------------------------------------------------------------------------------ Lack of memory
 
-TEST(KListTest, WhereMemoryIsLackingAddIsFalseAndTheListStaysAsItIs) {
+TEST(KListTest, WhereMemoryIsLackingAddAndArrangeAreFalseAndTheListStaysAsItIs) {
     KList<int> list;
     Fill(list, {1, 2, 3});
     const int nStep = support::InLittleMemory([&] {
@@ -625,7 +625,10 @@ TEST(KListTest, WhereMemoryIsLackingAddIsFalseAndTheListStaysAsItIs) {
         if (list.Add(4) || list.GetCount() != 3 + nAdded) {
             return 2;
         }
-        return *list[2] == 3 ? 0 : 3;
+        if (list.Arrange([](int** ppFirst, int nCount) { std::reverse(ppFirst, ppFirst + nCount); })) {
+            return 3;
+        }
+        return *list[2] == 3 ? 0 : 4;
     });
     if (nStep == support::kMemoryCannotBeLimited) {
         GTEST_SKIP() << "memory cannot be limited here";
