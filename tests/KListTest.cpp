@@ -13,6 +13,7 @@
 
 #include "KPath.h"
 #include "KString.h"
+#include "support/LittleMemory.h"
 #include "support/Support.h"
 
 namespace {
@@ -602,6 +603,37 @@ TEST(KListTest, ArrangingAnEmptyListDoesNothing) {
     EXPECT_EQ(list.GetCount(), 0);
     list.Add(1);
     EXPECT_EQ(Values(list), std::vector<int>{1});
+}
+
+// ------------------------------------------------------------------------------------------------ Lack of memory
+
+TEST(KListTest, WhereMemoryIsLackingAddAndArrangeAreFalseAndTheListStaysAsItIs) {
+    KList<int> list;
+    Fill(list, {1, 2, 3});
+    const int nStep = support::InLittleMemory([&] {
+        constexpr int kEnough = 100000000;
+        int nAdded = 0;
+        {
+            KList<int>::Appender appender(list);
+            while (nAdded < kEnough && appender.Add(nAdded)) {
+                ++nAdded;
+            }
+            if (nAdded == kEnough || appender.Add() != nullptr) {
+                return 1;
+            }
+        }
+        if (list.Add(4) || list.GetCount() != 3 + nAdded) {
+            return 2;
+        }
+        if (list.Arrange([](int** ppFirst, int nCount) { std::reverse(ppFirst, ppFirst + nCount); })) {
+            return 3;
+        }
+        return *list[2] == 3 ? 0 : 4;
+    });
+    if (nStep == support::kMemoryCannotBeLimited) {
+        GTEST_SKIP() << "memory cannot be limited here";
+    }
+    EXPECT_EQ(nStep, 0);
 }
 
 // ---------------------------------------------------------------------------------------------------- Instantiations

@@ -4,6 +4,7 @@
 #include <climits>
 #include <clocale>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <memory>
@@ -16,6 +17,7 @@
 
 #include "KDebug.h"
 #include "KMem.h"
+#include "support/LittleMemory.h"
 #include "support/Support.h"
 
 using namespace std::string_literals;
@@ -538,14 +540,16 @@ TEST(KStringTest, CopyingAnEmptyTextWritesANul) {
 TEST(KStringTest, CopyingTheTextWithTheChecksOffWritesNoMoreThanTheBufferHolds) {
     const ScopedChecks checks(false);
     for (const CopyingOperation get : kCopyingOperations) {
-        char buffer[4];
+        char buffer[6];
         std::memset(buffer, '#', sizeof(buffer));
         for (const int nLength : {0, -1, INT_MIN}) {
             EXPECT_EQ((KString("hello").*get)(buffer, nLength), 5);
-            EXPECT_EQ(std::string(buffer, sizeof(buffer)), "####") << nLength;
+            EXPECT_EQ(std::string(buffer, sizeof(buffer)), "######") << nLength;
         }
         EXPECT_EQ((KString("hello").*get)(buffer, 3), 5);
-        EXPECT_EQ(std::string(buffer, sizeof(buffer)), "he\0#"s);
+        EXPECT_EQ(std::string(buffer, sizeof(buffer)), "he\0###"s);
+        EXPECT_EQ((KString("hello").*get)(buffer, 5), 5);
+        EXPECT_EQ(std::string(buffer, sizeof(buffer)), "hell\0#"s);
         EXPECT_EQ((KString("hello").*get)(nullptr, 10), 5);
     }
 }
@@ -652,6 +656,24 @@ TEST(KStringTest, FromWideStringConvertsByTheLocale) {
     EXPECT_EQ(Bytes(KString::FromWideString(L"\U0001F600\U0001F601\U0001F602")),
               "\xF0\x9F\x98\x80\xF0\x9F\x98\x81\xF0\x9F\x98\x82")
         << "four bytes for every character";
+}
+
+TEST(KStringTest, FromWideStringHasRoomForWhateverTheLocaleMakesOfACharacter) {
+    const ScopedLocale locale("C.UTF-8");
+    if (!locale.IsSet()) {
+        GTEST_SKIP() << "the locale C.UTF-8 is not installed";
+    }
+    for (const std::uint32_t nCharacter :
+         {0x7Fu, 0x7FFu, 0xD800u, 0xFFFFu, 0x10FFFFu, 0x110000u, 0x3FFFFFFu, 0x7FFFFFFFu}) {
+        const std::wstring text(3, static_cast<wchar_t>(nCharacter));
+        char bytes[MB_LEN_MAX];
+        const int nBytes = std::wctomb(bytes, text[0]);
+        std::string expected;
+        for (int i = 0; i < 3 && nBytes > 0; ++i) {
+            expected.append(bytes, static_cast<std::size_t>(nBytes));
+        }
+        EXPECT_EQ(Bytes(KString::FromWideString(text.c_str())), expected) << std::hex << nCharacter;
+    }
 }
 
 TEST(KStringTest, FromWideStringLeavesOutWhatTheLocaleCannotExpress) {
@@ -862,6 +884,9 @@ TEST(KStringTest, ToDigitReadsHexadecimalBinaryAndDecimalNumbers) {
 
 TEST(KStringTest, IsHexStringIsTrueWhenNoByteIsAHexadecimalDigit) {
     EXPECT_FALSE(KString("12").IsHexString());
+    for (const char ch : "0123456789abcdefABCDEF"s) {
+        EXPECT_FALSE(Of("z"s + ch).IsHexString()) << ch;
+    }
     EXPECT_TRUE(KString("zz").IsHexString());
     EXPECT_TRUE(KString().IsHexString());
     EXPECT_FALSE(KString("zza").IsHexString());
@@ -1703,4 +1728,52 @@ TEST(KStringTest, RandomEditsKeepTheBytesOfAModelAndATerminatingNul) {
         ASSERT_EQ(string.GetBuffer()[string.Length()], '\0');
         ASSERT_EQ(HasBuffer(string), !model.empty());
     }
+}
+
+TEST(KStringTest, WhereMemoryIsLackingResultsAreEmptyAndChangesDoNotHappen) {
+    const ScopedChecks checks(false);
+    const std::string source(support::kMuchMemory, 'x');
+    const std::wstring wide(support::kMuchMemory / 16, L'x');
+    std::string copied = source;
+    const KString much(source.c_str());
+    KString grown(much);
+    KString replaced(much);
+    KString formatted("before");
+    KString assigned("before");
+    KMem::Init();
+    const int nStep = support::InLittleMemory([&] {
+        if (HasBuffer(KString(source.c_str())) || HasBuffer(KString(much))) {
+            return 1;
+        }
+        if (HasBuffer(much.Sub(1, 0)) || HasBuffer(KString::FromUTF8String(source.c_str()))) {
+            return 2;
+        }
+        grown += much;
+        if (grown != much) {
+            return 3;
+        }
+        grown += source.c_str();
+        if (grown != much) {
+            return 4;
+        }
+        if (replaced.Replace("x", "yy") || replaced != much) {
+            return 5;
+        }
+        if (formatted.Sprintf("%s", source.c_str()) != 0 || formatted != "before") {
+            return 6;
+        }
+        assigned = much;
+        if (assigned.Length() != 0 || HasBuffer(assigned)) {
+            return 7;
+        }
+        char* pCopy = &copied[0];
+        if (KString::AllocAndCopy(&pCopy, &copied[0], -1) || pCopy != nullptr) {
+            return 8;
+        }
+        return HasBuffer(KString::FromWideString(wide.c_str())) ? 9 : 0;
+    });
+    if (nStep == support::kMemoryCannotBeLimited) {
+        GTEST_SKIP() << "memory cannot be limited here";
+    }
+    EXPECT_EQ(nStep, 0);
 }

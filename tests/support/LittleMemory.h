@@ -1,0 +1,56 @@
+// Runs code where memory is lacking.
+#ifndef KALVOREN_TESTS_LITTLEMEMORY_H
+#define KALVOREN_TESTS_LITTLEMEMORY_H
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdlib>
+
+// Sanitizers have allocators of their own, which end the program where memory is lacking.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define KALVOREN_TESTS_OWN_ALLOCATOR
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define KALVOREN_TESTS_OWN_ALLOCATOR
+#endif
+#endif
+
+namespace support {
+
+/// More than the heap keeps for itself: an allocation of this size always asks the system.
+constexpr int kMuchMemory = 64 << 20;
+
+/// What running without memory came to, beside the results of the code itself.
+constexpr int kMemoryCannotBeLimited = 77;
+constexpr int kDiedOfLittleMemory = 78;
+
+/// Runs a piece of code in a process of its own that gets no more memory from the system, and returns what the code
+/// returned (0 to 76): 0 where everything was as expected, else the number of the step that was not. Returns
+/// kMemoryCannotBeLimited where the system or a sanitizer does not let a process be limited; skip the test then.
+template <typename Code>
+int InLittleMemory(Code code) {
+#ifdef KALVOREN_TESTS_OWN_ALLOCATOR
+    static_cast<void>(code);
+    return kMemoryCannotBeLimited;
+#else
+    const pid_t nChild = fork();
+    if (nChild == 0) {
+        const rlimit nothingMore = {1, 1};
+        if (setrlimit(RLIMIT_AS, &nothingMore) != 0) {
+            _exit(kMemoryCannotBeLimited);
+        }
+        void* volatile pProbe = std::malloc(static_cast<std::size_t>(kMuchMemory));
+        _exit(pProbe != nullptr ? kMemoryCannotBeLimited : code());
+    }
+    int nStatus = 0;
+    const bool fgExited = waitpid(nChild, &nStatus, 0) == nChild && WIFEXITED(nStatus);
+    return fgExited ? WEXITSTATUS(nStatus) : kDiedOfLittleMemory;
+#endif
+}
+
+}  // namespace support
+
+#endif  // KALVOREN_TESTS_LITTLEMEMORY_H
