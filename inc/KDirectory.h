@@ -97,8 +97,13 @@ class KALVOREN_API KDirectory {
     ///
     /// Texts that compare equal ("a" and "A" without regard to case) come out in the order in which an exchange sort leaves
     /// them: for i from the first, for j from i, entries i and j trade places when they are out of order. That order is
-    /// fixed, but it is not the order they had. An entry without a text compares as equal by bytes, and as lesser than any
-    /// other without regard to case.
+    /// fixed, but it is not the order they had. The time grows with n log n.
+    ///
+    /// A comparison in which a path has no text says "equal" by bytes and "lesser" without regard to case, whichever of the
+    /// two has none: such a path stays where it is, or by SORT_DESCENDING_NOCASE trades places with every other. Then the
+    /// exchanges are really made, and the time grows with n x n. Directories have no such entries.
+    ///
+    /// When memory is lacking the list stays as it is, and the result is false.
     ///
     /// A method that is not listed fails the check "0"; with the checks off the list is left @b empty and the result is
     /// false.
@@ -115,13 +120,17 @@ class KALVOREN_API KDirectory {
     /// Deletes a directory. The path must not be empty: check "path.GetPath().Length() != 0".
     ///
     /// DIR_SINGLE (`rmdir`): @b the @b result @b is @b inverted. When the directory was deleted it logs the error
-    /// "Directory Delete Error %s, ErrorNO:%d" and returns @b false; when it could not be deleted it returns @b true.
+    /// "Directory Delete Error %s, ErrorNO:%d", with whatever `errno` was before, and returns @b false; when it could not be
+    /// deleted it returns @b true.
     ///
     /// DIR_RECURSIVE deletes everything in the directory, then itself (`remove`). Symbolic links in it are deleted, not
-    /// followed. Returns true when the directory itself is gone; otherwise logs the same error and returns false. What
-    /// cannot be deleted inside is passed over. A directory that cannot be read is reported on standard error as
-    /// "Couldn't open the directory" (`perror`); an entry whose status cannot be read logs the error "Directory Delete
-    /// lstat Error %s, ErrorNO:%d" and is deleted as a file would be. Paths in the tree must fit KPath::GetSystemPath().
+    /// followed; but where @p path itself is one, the directory that it leads to is emptied before the link is deleted.
+    /// Returns true when @p path itself is gone; otherwise logs the same error and returns false. What cannot be deleted
+    /// inside is passed over. A directory that cannot be read is reported on standard error as "Couldn't open the directory"
+    /// (`perror`), and deleted if it is empty, or a file; an entry whose status cannot be read logs the error "Directory
+    /// Delete lstat Error %s, ErrorNO:%d" and is deleted as a file would be. Paths in the tree must fit
+    /// KPath::GetSystemPath(); with the checks off, what has a longer path stays. One descriptor is open for each level of
+    /// the tree.
     ///
     /// Any other action fails the check "0"; with the checks off it does nothing and returns true.
     static bool DeleteDir(KPath& path, DirectoryAction eAction);

@@ -16,7 +16,7 @@
 /// no lock and belong to start-up and shut-down.
 ///
 /// It cannot be copied: a copy or an assignment fails the check "0"; with the checks off a copy is a fresh object without
-/// hooks, and an assignment does nothing.
+/// hooks, whose end clears the records like any other, and an assignment does nothing.
 class KALVOREN_API KSystem {
  public:
     /// The operating system.
@@ -84,14 +84,14 @@ class KALVOREN_API KSystem {
     // --------------------------------------------------------------------------------------------- The instance
 
     /// Returns the process's instance, made by the first call. Making it sets the process to ignore SIGPIPE (`signal`),
-    /// so that a write to a closed socket fails instead of ending the process.
+    /// so that a write to a closed socket fails instead of ending the process. No later call does, not even after Deinit().
     static KSystem* Init();
 
     /// Returns the instance. Before the first Init(), the check "0" fails; with the checks off it returns null.
     static KSystem* GetInstance();
 
-    /// Clears the records. The instance stays: GetInstance() and Init() hand it back afterwards, and the Set operations fill
-    /// it again. Nothing happens when there is none.
+    /// Clears the records. The instance stays, with its hooks: GetInstance() and Init() hand it back afterwards, and the Set
+    /// operations fill the records again. Nothing happens when there is none.
     static void Deinit();
 
     KSystem(const KSystem&);
