@@ -22,19 +22,27 @@ class ScopedNoMemory {
     }
 };
 
-/// A new block full of a value that nobody expects, so that nothing is zero by chance.
-inline void* WithContents(void* pBlock, std::size_t nSize) {
-    return std::memset(pBlock, 0xA5, nSize);
+/// A new block full of a value that nobody expects, so that nothing is zero by chance; null where it cannot be had.
+template <typename New>
+void* BlockFrom(New pNew, std::size_t nSize) {
+    if (ScopedNoMemory::IsInForce()) {
+        return nullptr;
+    }
+    try {
+        return std::memset(pNew(nSize), 0xA5, nSize);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 }  // namespace support
 
 void* operator new(std::size_t nSize, const std::nothrow_t&) noexcept {
-    return support::ScopedNoMemory::IsInForce() ? nullptr : support::WithContents(::operator new(nSize), nSize);
+    return support::BlockFrom([](std::size_t n) { return ::operator new(n); }, nSize);
 }
 
 void* operator new[](std::size_t nSize, const std::nothrow_t&) noexcept {
-    return support::ScopedNoMemory::IsInForce() ? nullptr : support::WithContents(::operator new[](nSize), nSize);
+    return support::BlockFrom([](std::size_t n) { return ::operator new[](n); }, nSize);
 }
 
 #endif  // KALVOREN_TESTS_FAILINGNEW_H

@@ -1,0 +1,25 @@
+// Stands in front of libc's locking and unlocking of mutexes, so that support::ScopedCalls shows when the library does
+// either. Replaces functions of the whole program: included by one source of it.
+#ifndef KALVOREN_TESTS_MUTEXCALLS_H
+#define KALVOREN_TESTS_MUTEXCALLS_H
+
+#include <pthread.h>
+
+#include "support/Interpose.h"
+
+namespace support {
+
+constexpr const char* kLock = "pthread_mutex_lock";
+constexpr const char* kUnlock = "pthread_mutex_unlock";
+
+}  // namespace support
+
+extern "C" int pthread_mutex_lock(pthread_mutex_t* pMutex) noexcept {
+    return support::NoteAndPassOn<&pthread_mutex_lock>(support::kLock, pMutex);
+}
+
+extern "C" int pthread_mutex_unlock(pthread_mutex_t* pMutex) noexcept {
+    return support::NoteAndPassOn<&pthread_mutex_unlock>(support::kUnlock, pMutex);
+}
+
+#endif  // KALVOREN_TESTS_MUTEXCALLS_H
