@@ -43,7 +43,7 @@ build() {
 
 configure || refuse "the project does not configure without a forgotten file"
 
-forgotten=(src/KForgotten.cpp src/api/KForgotten.cpp inc/KForgotten.h tests/KForgottenTest.cpp tools/forgotten.cpp
+forgotten=(src/KForgotten.cpp src/api/KForgotten.cpp inc/KForgotten.h tests/KForgottenTest.cpp tools/kplist/forgotten.cpp
     examples/forgotten.cpp)
 if grep -q '^benchmark_DIR:PATH=/' "${scratch}/build/CMakeCache.txt"; then
     forgotten+=(bench/KForgottenBench.cpp)
