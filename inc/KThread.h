@@ -148,8 +148,9 @@ class KALVOREN_API KThread {
     bool Stop();
 
     /// Cancels the body at its next cancellation point (`pthread_cancel`; in the default loop that is the sleep) and
-    /// waits until it has ended. Returns true. Cancelling a thread that was never started, or has been waited for
-    /// already, is a failed cancel: check "nRet == 0".
+    /// waits until it has ended. Returns true; false when the record is missing. Cancelling a thread that was never
+    /// started, or has been waited for already, is a failed cancel: check "nRet == 0". A failed wait fails the check
+    /// "nRet == 0 || nRet == 3".
     virtual bool ForceStop();
 
     /// The body. This default sleeps in steps of GetSpeed() while the thread runs; while it is paused it polls without
@@ -157,7 +158,7 @@ class KALVOREN_API KThread {
     virtual int ThreadMainLoop();
 
     /// Asks the body to pause. Returns false when the thread is stopping or stopped; true otherwise, also when it is
-    /// paused already.
+    /// paused already. A Stop() at the same moment is not undone.
     bool Pause();
 
     /// Returns true on a paused thread, which @b stays @b paused; false on any other. To let a paused body go on, call

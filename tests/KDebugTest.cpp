@@ -17,6 +17,7 @@
 #include "KString.h"
 #include "KTime.h"
 #include "support/Interpose.h"
+#include "support/Sanitizers.h"
 #include "support/Support.h"
 
 namespace {
@@ -65,24 +66,9 @@ std::string StampOf(int nSec, int nUSec) {
 // ----------------------------------------------------------------------------------------------------------- The memory
 
 // How many blocks of the buffers' size malloc still gives. The sanitizers have a malloc of their own.
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define KALVOREN_TEST_SANITIZER_MALLOC
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define KALVOREN_TEST_SANITIZER_MALLOC
-#endif
-
 int g_nBuffersLeft = INT_MAX;
 
-bool CanFailMalloc() {
-#ifdef KALVOREN_TEST_SANITIZER_MALLOC
-    return false;
-#else
-    return true;
-#endif
-}
+constexpr bool kCanFailMalloc = !KALVOREN_WITH_ASAN && !KALVOREN_WITH_TSAN;
 
 class ScopedBuffersLeft {
  public:
@@ -202,7 +188,7 @@ extern "C" int gettimeofday(timeval* __restrict pNow, void* __restrict pZone) no
     return 0;
 }
 
-#ifndef KALVOREN_TEST_SANITIZER_MALLOC
+#if !KALVOREN_WITH_ASAN && !KALVOREN_WITH_TSAN
 extern "C" void* __libc_malloc(std::size_t nSize);
 
 extern "C" void* malloc(std::size_t nSize) noexcept {
@@ -584,7 +570,7 @@ TEST_F(KDebugTest, AfterADroppedMessageTheLockIsFreeAndTheNextOneIsWritten) {
 // -------------------------------------------------------------------------------------------------------- Lack of memory
 
 TEST_F(KDebugTest, WithoutMemoryForTheBuffersMessagesAreDroppedUntilThereIs) {
-    if (!CanFailMalloc()) {
+    if (!kCanFailMalloc) {
         GTEST_SKIP() << "the sanitizer's malloc cannot be replaced";
     }
     for (const Operation& operation : kOperations) {

@@ -262,20 +262,22 @@ int KThread::ThreadMainLoop() {
     return 1;
 }
 
+// The next two replace only the status they saw: a Stop() at the same moment must not be undone, or its join would wait
+// for a body that was told to go on.
+
 bool KThread::Pause() {
-    if (GetStatus() > PAUSED) {
-        return false;
+    Status eSeen = GetStatus();
+    while (eSeen <= PAUSED) {
+        if (m_eStatus.compare_exchange_weak(eSeen, PAUSED, std::memory_order_relaxed)) {
+            return true;
+        }
     }
-    SetStatus(PAUSED);
-    return true;
+    return false;
 }
 
 bool KThread::Resume() {
-    if (GetStatus() != PAUSED) {
-        return false;
-    }
-    SetStatus(PAUSED);
-    return true;
+    Status eSeen = PAUSED;
+    return m_eStatus.compare_exchange_strong(eSeen, PAUSED, std::memory_order_relaxed);
 }
 
 bool KThread::IsPaused() {

@@ -15,7 +15,7 @@ namespace support {
 
 /// The function that a test's own stands in front of: libc's, or a sanitizer's wrapper round it.
 template <typename Function>
-Function* NextFunction(Function*, const char* pszName) {
+__attribute__((no_sanitize("thread"))) Function* NextFunction(Function*, const char* pszName) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, pszName));
 }
 
@@ -43,7 +43,7 @@ class ScopedCalls {
     }
 
     /// The innermost one of this thread, or null.
-    static ScopedCalls*& Current() {
+    __attribute__((no_sanitize("thread"))) static ScopedCalls*& Current() {
         static thread_local ScopedCalls* t_pCurrent = nullptr;
         return t_pCurrent;
     }
@@ -54,16 +54,30 @@ class ScopedCalls {
     ScopedCalls* m_pBefore;
 };
 
-/// The body of a function that stands in front: notes the call, then answers it or passes it on.
+/// What a function stands in front of, once it is known.
+template <auto pOwn>
+inline decltype(pOwn) g_pNext = nullptr;
+
+/// The body of a function that stands in front: notes the call, then answers it or passes it on. Calls that libc or a
+/// sanitizer makes in turn are not noted. The thread sanitizer calls some of these functions itself while it makes a
+/// thread, when code that it instrumented could not run yet.
 template <auto pOwn, typename... Arguments>
-int NoteAndPassOn(const char* pszName, Arguments... arguments) {
-    static const auto pNext = NextFunction(pOwn, pszName);
-    if (ScopedCalls* const pCalls = ScopedCalls::Current()) {
+__attribute__((no_sanitize("thread"))) int NoteAndPassOn(const char* pszName, Arguments... arguments) {
+    ScopedCalls* const pCalls = ScopedCalls::Current();
+    if (pCalls != nullptr) {
         if (const std::optional<int> answer = pCalls->Note(pszName)) {
             return *answer;
         }
     }
-    return pNext(arguments...);
+    auto pNext = __atomic_load_n(&g_pNext<pOwn>, __ATOMIC_RELAXED);
+    if (pNext == nullptr) {
+        pNext = NextFunction(pOwn, pszName);
+        __atomic_store_n(&g_pNext<pOwn>, pNext, __ATOMIC_RELAXED);
+    }
+    ScopedCalls::Current() = nullptr;
+    const int nResult = pNext(arguments...);
+    ScopedCalls::Current() = pCalls;
+    return nResult;
 }
 
 }  // namespace support
