@@ -1,0 +1,461 @@
+#include "KEntry.h"
+
+#include <dlfcn.h>
+
+#include <clocale>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <type_traits>
+
+#include "KAssert.h"
+#include "KDebug.h"
+#include "KDirectory.h"
+#include "KLocale.h"
+#include "KMem.h"
+#include "KNet.h"
+#include "KSystem.h"
+#include "support/FailingNew.h"
+#include "support/LogLines.h"
+#include "support/Support.h"
+
+using support::LogOf;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr const char* kSource = "src/KEntry";
+
+/// Whether the calls of the modules are written to standard error, between the lines of the log.
+bool g_fgTrace = false;
+
+void Trace(const std::string& call) {
+    if (g_fgTrace) {
+        std::fputs((call + "\n").c_str(), stderr);
+    }
+}
+
+/// Writes a call down and makes it: the library's function, by its symbol.
+template <typename Result, typename... Arguments>
+Result TraceAndCall(const std::string& call, const char* pszSymbol, Arguments... arguments) {
+    Trace(call);
+    return reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, pszSymbol))(arguments...);
+}
+
+}  // namespace
+
+// The functions by which start-up and shut-down are seen: those of a program are found before those of a shared library,
+// also by that library.
+
+char* KLocale::Init(LocalSupport eLanguage) {
+    return TraceAndCall<char*>("KLocale::Init " + std::to_string(eLanguage), "_ZN7KLocale4InitENS_12LocalSupportE",
+                               eLanguage);
+}
+void KLocale::Deinit() {
+    TraceAndCall<void>("KLocale::Deinit", "_ZN7KLocale6DeinitEv");
+}
+void KAssert::Init(KAssertType type) {
+    TraceAndCall<void>("KAssert::Init " + std::to_string(type), "_ZN7KAssert4InitENS_11KAssertTypeE", type);
+}
+void KAssert::Deinit() {
+    TraceAndCall<void>("KAssert::Deinit", "_ZN7KAssert6DeinitEv");
+}
+void KDebug::Init() {
+    TraceAndCall<void>("KDebug::Init", "_ZN6KDebug4InitEv");
+}
+void KDebug::Deinit() {
+    TraceAndCall<void>("KDebug::Deinit", "_ZN6KDebug6DeinitEv");
+}
+bool KMem::Init() {
+    return TraceAndCall<bool>("KMem::Init", "_ZN4KMem4InitEv");
+}
+void KMem::Deinit() {
+    TraceAndCall<void>("KMem::Deinit", "_ZN4KMem6DeinitEv");
+}
+void KDirectory::Init() {
+    TraceAndCall<void>("KDirectory::Init", "_ZN10KDirectory4InitEv");
+}
+void KDirectory::Deinit() {
+    TraceAndCall<void>("KDirectory::Deinit", "_ZN10KDirectory6DeinitEv");
+}
+void KNet::Init() {
+    TraceAndCall<void>("KNet::Init", "_ZN4KNet4InitEv");
+}
+void KNet::Deinit() {
+    TraceAndCall<void>("KNet::Deinit", "_ZN4KNet6DeinitEv");
+}
+KSystem* KSystem::Init() {
+    return TraceAndCall<KSystem*>("KSystem::Init", "_ZN7KSystem4InitEv");
+}
+KSystem* KSystem::GetInstance() {
+    return TraceAndCall<KSystem*>("KSystem::GetInstance", "_ZN7KSystem11GetInstanceEv");
+}
+void KSystem::Deinit() {
+    TraceAndCall<void>("KSystem::Deinit", "_ZN7KSystem6DeinitEv");
+}
+bool KSystem::SetHWInfo() {
+    return TraceAndCall<bool>("KSystem::SetHWInfo", "_ZN7KSystem9SetHWInfoEv", this);
+}
+bool KSystem::SetOSInfo() {
+    return TraceAndCall<bool>("KSystem::SetOSInfo", "_ZN7KSystem9SetOSInfoEv", this);
+}
+bool KSystem::SetUserInfo() {
+    return TraceAndCall<bool>("KSystem::SetUserInfo", "_ZN7KSystem11SetUserInfoEv", this);
+}
+bool KSystem::SetDiskInfo() {
+    return TraceAndCall<bool>("KSystem::SetDiskInfo", "_ZN7KSystem11SetDiskInfoEv", this);
+}
+bool KSystem::SetDefaultStoragePathInfo() {
+    return TraceAndCall<bool>("KSystem::SetDefaultStoragePathInfo", "_ZN7KSystem25SetDefaultStoragePathInfoEv", this);
+}
+
+namespace {
+
+constexpr const char* kStartUp =
+    "KLocale::Init 0\n"
+    "KAssert::Init 0\n"
+    "KDebug::Init\n"
+    "Log: KEntry Create\n"
+    "KMem::Init\n"
+    "KDirectory::Init\n"
+    "KSystem::Init\n"
+    "KNet::Init\n"
+    "KSystem::GetInstance\n"
+    "KSystem::SetHWInfo\n"
+    "KSystem::GetInstance\n"
+    "KSystem::SetOSInfo\n"
+    "KSystem::GetInstance\n"
+    "KSystem::SetHWInfo\n"
+    "KSystem::GetInstance\n"
+    "KSystem::SetOSInfo\n"
+    "KSystem::GetInstance\n"
+    "KSystem::SetUserInfo\n"
+    "KSystem::GetInstance\n"
+    "KSystem::SetDiskInfo\n"
+    "KSystem::GetInstance\n"
+    "KSystem::SetDefaultStoragePathInfo\n";
+
+constexpr const char* kShutDown =
+    "KNet::Deinit\n"
+    "KDirectory::Deinit\n"
+    "KSystem::Deinit\n"
+    "KMem::Deinit\n"
+    "KDebug::Deinit\n"
+    "KAssert::Deinit\n";
+
+/// What code writes to the log, with the calls of the modules between.
+template <typename Code>
+std::string TraceOf(Code&& code) {
+    g_fgTrace = true;
+    std::string lines = LogOf(std::forward<Code>(code));
+    g_fgTrace = false;
+    return lines;
+}
+
+KEntry* Start() {
+    return KEntry::Init(0, nullptr);
+}
+
+/// The line of the leak report for an entry of the registry.
+std::string LeakLine(int nSlot, const void* pBlock, int nSize) {
+    char szLine[64];
+    std::snprintf(szLine, sizeof szLine, "Log: OBJ %08d nonClass:%08x Size:%08d\n", nSlot,
+                  static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(pBlock)), nSize);
+    return szLine;
+}
+
+/// The library is not started before and after each test, and everything is logged.
+class KEntryTest : public testing::Test {
+ protected:
+    void SetUp() override {
+        g_eDebugLevel = 0;
+        KDebug::Deinit();  // Blocks that an earlier line allocated would be lost in a start.
+    }
+    void TearDown() override {
+        KEntry::Deinit();
+        KDebug::Deinit();
+        KAssert::SetActive(false);
+        setlocale(LC_ALL, m_LocaleBefore.c_str());
+    }
+
+ private:
+    std::string m_LocaleBefore = setlocale(LC_ALL, nullptr);
+};
+
+}  // namespace
+
+// -------------------------------------------------------------------------------------------------------------- Starting
+
+TEST_F(KEntryTest, HasAVirtualDestructor) {
+    EXPECT_TRUE(std::has_virtual_destructor<KEntry>::value);
+}
+
+TEST_F(KEntryTest, InitStartsTheModulesInOrder) {
+    KEntry* pEntry = nullptr;
+    EXPECT_EQ(TraceOf([&] { pEntry = Start(); }), kStartUp);
+    EXPECT_NE(pEntry, nullptr);
+}
+
+TEST_F(KEntryTest, ASecondInitGivesTheSameInstanceAndStartsNothing) {
+    KEntry* const pEntry = Start();
+    EXPECT_EQ(TraceOf([&] { EXPECT_EQ(Start(), pEntry); }), "");
+}
+
+TEST_F(KEntryTest, TheArgumentsAreNotUsed) {
+    char* argv[] = {nullptr};
+    EXPECT_NE(KEntry::Init(-1, nullptr), nullptr);
+    KEntry::Deinit();
+    EXPECT_NE(KEntry::Init(1000, argv), nullptr);
+}
+
+TEST_F(KEntryTest, AfterInitTheChecksAreOn) {
+    ASSERT_FALSE(KAssert::GetActive());
+    Start();
+    EXPECT_TRUE(KAssert::GetActive());
+}
+
+TEST_F(KEntryTest, AfterInitTheLogHasItsBuffers) {
+    ASSERT_EQ(g_pDebugBuffer, nullptr);
+    Start();
+    EXPECT_NE(g_pDebugFormat, nullptr);
+    EXPECT_NE(g_pDebugBuffer, nullptr);
+}
+
+TEST_F(KEntryTest, AfterInitThereIsARegistryOfAllocations) {
+    Start();
+    EXPECT_FALSE(KMem::Init());
+}
+
+TEST_F(KEntryTest, AfterInitTheOperatingSystemIsKnown) {
+    Start();
+    EXPECT_STREQ(KSystem::GetOSInfo().m_strName.GetBuffer(), "Linux");
+}
+
+TEST_F(KEntryTest, TheFirstInitHasTheProcessIgnoreThePipeSignal) {
+    EXPECT_EXIT(
+        {
+            std::signal(SIGPIPE, SIG_DFL);
+            Start();
+            raise(SIGPIPE);
+            _exit(0);
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+TEST_F(KEntryTest, AfterInitTheLocaleIsEnglishWhereItIsInstalled) {
+    if (setlocale(LC_ALL, "en_US.UTF-8") == nullptr) {
+        GTEST_SKIP() << "the locale en_US.UTF-8 is not installed";
+    }
+    setlocale(LC_ALL, "C");
+    Start();
+    EXPECT_STREQ(KLocale::GetSystemLocale(), "en_US.UTF-8");
+}
+
+TEST_F(KEntryTest, AStepThatFailsDoesNotStopTheOthers) {
+    ASSERT_TRUE(KMem::Init());  // There can be no second registry.
+    EXPECT_EQ(TraceOf([] { Start(); }), kStartUp);
+}
+
+TEST_F(KEntryTest, WithoutMemoryNothingIsStarted) {
+    EXPECT_EQ(TraceOf([] {
+                  const support::ScopedNoMemory noMemory;
+                  EXPECT_EQ(Start(), nullptr);
+              }),
+              "");
+    EXPECT_FALSE(KAssert::GetActive());
+    EXPECT_EQ(TraceOf([] { EXPECT_NE(Start(), nullptr); }), kStartUp);
+}
+
+// ------------------------------------------------------------------------------------------------------------- Stopping
+
+TEST_F(KEntryTest, DeinitShutsTheModulesDownInOrder) {
+    Start();
+    EXPECT_EQ(TraceOf([] { KEntry::Deinit(); }), kShutDown);
+}
+
+TEST_F(KEntryTest, DeinitWithoutInitDoesNothing) {
+    KAssert::SetActive(true);
+    EXPECT_EQ(TraceOf([] { KEntry::Deinit(); }), "");
+    EXPECT_TRUE(KAssert::GetActive());
+}
+
+TEST_F(KEntryTest, ASecondDeinitDoesNothing) {
+    Start();
+    KEntry::Deinit();
+    EXPECT_EQ(TraceOf([] { KEntry::Deinit(); }), "");
+}
+
+TEST_F(KEntryTest, AfterDeinitTheChecksAreOff) {
+    Start();
+    KEntry::Deinit();
+    EXPECT_FALSE(KAssert::GetActive());
+}
+
+TEST_F(KEntryTest, AfterDeinitTheLogHasNoBuffers) {
+    Start();
+    KEntry::Deinit();
+    EXPECT_EQ(g_pDebugFormat, nullptr);
+    EXPECT_EQ(g_pDebugBuffer, nullptr);
+}
+
+TEST_F(KEntryTest, AfterDeinitThereIsNoRegistryOfAllocations) {
+    Start();
+    KEntry::Deinit();
+    EXPECT_TRUE(KMem::Init());
+    KMem::Deinit();
+}
+
+TEST_F(KEntryTest, AfterDeinitTheRecordsOfTheSystemAreEmpty) {
+    Start();
+    KEntry::Deinit();
+    EXPECT_EQ(KSystem::GetOSInfo().m_strName.Length(), 0);
+}
+
+TEST_F(KEntryTest, TheLocaleStaysAfterDeinit) {
+    Start();
+    const std::string started = setlocale(LC_ALL, nullptr);
+    KEntry::Deinit();
+    EXPECT_EQ(setlocale(LC_ALL, nullptr), started);
+}
+
+// ------------------------------------------------------------------------------------------------------- The leak report
+
+TEST_F(KEntryTest, DeinitReportsWhatIsLeftByTheRegistrysSlots) {
+    Start();
+    void* pFirst = KMem::Malloc(10);
+    void* pGone = KMem::Malloc(20);
+    void* pThird = KMem::Calloc(3, 30);
+    const std::unique_ptr<KMem> pObject(new KMem(40));
+    KMem::Free(&pGone);
+    KAssert::SetActive(false);  // Or the shut-down ends here.
+    EXPECT_EQ(TraceOf([] { KEntry::Deinit(); }), "KNet::Deinit\nKDirectory::Deinit\nKSystem::Deinit\nKMem::Deinit\n" +
+                                                     LeakLine(0, pObject.get(), 40) + LeakLine(0, pFirst, 10) +
+                                                     LeakLine(2, pThird, 30) + "KDebug::Deinit\nKAssert::Deinit\n");
+    std::free(pFirst);
+    std::free(pThird);
+}
+
+TEST_F(KEntryTest, WhatWasAllocatedBeforeTheStartIsReportedToo) {
+    void* pBefore = KMem::Malloc(10);
+    Start();
+    KAssert::SetActive(false);
+    EXPECT_THAT(LogOf([] { KEntry::Deinit(); }), LeakLine(0, pBefore, 10));
+    std::free(pBefore);
+}
+
+TEST_F(KEntryTest, WithTheChecksOnWhatIsLeftEndsTheProcessBehindTheReport) {
+    EXPECT_EXIT(
+        {
+            Start();
+            KMem::Malloc(1234);
+            KEntry::Deinit();
+        },
+        testing::KilledBySignal(SIGABRT),
+        testing::AllOf(
+            testing::ContainsRegex("OBJ 00000000 nonClass:[0-9a-f]{8} Size:00001234\n.*src/api/KMem:[0-9]+: "),
+            HasSubstr(": static void KMem::Deinit(): Assertion `g_pMemInfoContainer->mnInstanceCount == 0' "
+                      "failed.")));
+}
+
+TEST_F(KEntryTest, WithoutARegistryTheShutDownFailsTheRegistrysCheck) {
+    EXPECT_CHECK_FAILS(
+        {
+            Start();
+            KMem::Deinit();
+            KEntry::Deinit();
+        },
+        "g_pMemInfoContainer", "src/api/KMem", "static void KMem::Deinit()");
+}
+
+// ------------------------------------------------------------------------------------------------------ Again and again
+
+TEST_F(KEntryTest, ItCanBeStartedAgainWithEveryStep) {
+    Start();
+    KEntry::Deinit();
+    EXPECT_EQ(TraceOf([] { Start(); }), kStartUp);
+    EXPECT_TRUE(KAssert::GetActive());
+    EXPECT_STREQ(KSystem::GetOSInfo().m_strName.GetBuffer(), "Linux");
+    EXPECT_EQ(TraceOf([] { KEntry::Deinit(); }), kShutDown);
+}
+
+namespace {
+
+/// Uses the modules, and leaves nothing behind.
+void Work(KPath& path) {
+    void* pBlock = KMem::Malloc(100);
+    pBlock = KMem::Realloc(pBlock, 200);
+    KMem::Free(&pBlock);
+    KMem block(100);
+    block += KMem(10);
+    KDirectory directory;
+    ASSERT_TRUE(directory.Open(path));
+    ASSERT_EQ(directory.GetCount(), 2);
+    ASSERT_TRUE(KSystem::GetInstance()->SetOSInfo());
+    const KNet net;
+    KDebug::Log("at work");
+}
+
+int CountOf(const std::string& text, const std::string& sought) {
+    int nCount = 0;
+    for (auto n = text.find(sought); n != std::string::npos; n = text.find(sought, n + 1)) {
+        ++nCount;
+    }
+    return nCount;
+}
+
+}  // namespace
+
+TEST_F(KEntryTest, AThousandStartsAndStopsWithWorkBetween) {
+    constexpr int kRounds = 1000;
+    const support::ScopedDirectory scratch;
+    KPath path(scratch.Path().c_str());
+    const std::string lines = LogOf([&] {
+        for (int i = 0; i < kRounds; ++i) {
+            ASSERT_NE(Start(), nullptr);
+            ASSERT_NO_FATAL_FAILURE(Work(path));
+            KEntry::Deinit();
+            ASSERT_FALSE(KAssert::GetActive());
+            ASSERT_EQ(g_pDebugBuffer, nullptr);
+        }
+    });
+    EXPECT_EQ(CountOf(lines, "Log: KEntry Create\nLog: Directory Read "), kRounds);
+    EXPECT_EQ(CountOf(lines, "Log: at work\nLog: Directory Close " + scratch.Path()), kRounds);
+    EXPECT_THAT(lines, testing::Not(HasSubstr("OBJ ")));
+}
+
+// --------------------------------------------------------------------------------------------------------- Other objects
+
+TEST_F(KEntryTest, AnObjectOfTheProgramsOwnStartsAndStopsTheLibraryToo) {
+    EXPECT_EQ(TraceOf([] { const KEntry entry(0, nullptr); }), std::string(kStartUp) + kShutDown);
+}
+
+TEST_F(KEntryTest, CannotBeCopied) {
+    EXPECT_CHECK_FAILS(const KEntry copy(*Start()), "0", kSource, "KEntry::KEntry(const KEntry&)");
+}
+
+TEST_F(KEntryTest, CannotBeAssigned) {
+    EXPECT_CHECK_FAILS(
+        {
+            KEntry& entry = *Start();
+            entry = *Start();
+        },
+        "0", kSource, "KEntry& KEntry::operator=(const KEntry&)");
+}
+
+TEST_F(KEntryTest, AnAssignmentWithTheChecksOffDoesNothing) {
+    KEntry& entry = *Start();
+    KAssert::SetActive(false);
+    EXPECT_EQ(TraceOf([&] { EXPECT_EQ(&(entry = *Start()), &entry); }), "");
+}
+
+TEST_F(KEntryTest, ACopyWithTheChecksOffStartsNothingButItsEndShutsTheLibraryDown) {
+    KEntry& entry = *Start();
+    KAssert::SetActive(false);
+    EXPECT_EQ(TraceOf([&] { const KEntry copy(entry); }), kShutDown);
+    // The instance is still there, and shuts down what is left.
+    EXPECT_EQ(Start(), &entry);
+    EXPECT_EQ(TraceOf([] { KEntry::Deinit(); }), kShutDown);
+}
