@@ -51,7 +51,7 @@ constexpr std::size_t kRecordSize = 520;
 constexpr std::size_t kAddressSize = 110;
 constexpr std::size_t kFileNameSize = 108;
 
-// ------------------------------------------------------------------------------------ What the system's calls were given
+// ---------------------------------------------------------------------------------- What the system's calls were given
 
 struct Given {
     std::string name;
@@ -86,8 +86,8 @@ bool SharedNameExists(int nIndex) {
     return nDescriptor >= 0;
 }
 
-/// A channel number that no other test on this machine uses at the same time, beyond those that the table takes; and its
-/// shared-memory name, free when the block begins and gone when it ends.
+/// A channel number above those of the table that no other test on this machine uses at the same time. The name of its
+/// shared memory is free when the block begins and gone when it ends.
 class ScopedNumber {
  public:
     ScopedNumber() : m_nIndex(kChannels + 1 + getpid() * kPerProcess + s_nNext++ % kPerProcess) { Unlink(); }
@@ -106,8 +106,8 @@ class ScopedNumber {
 };
 int ScopedNumber::s_nNext = 0;
 
-/// Keeps the shared-memory names of the table's channels to this test: their numbers are the same in every process of the
-/// machine. The names are free when the block begins and gone when it ends.
+/// Keeps the shared-memory names of the table's channels, which all processes of the machine share, to this test. They are
+/// free when the block begins and gone when it ends.
 class ScopedTableNames {
  public:
     ScopedTableNames() : m_nLock(open("/dev/shm", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
@@ -138,7 +138,7 @@ int MakeSharedObject(int nIndex, std::size_t nSize) {
     return nDescriptor;
 }
 
-// -------------------------------------------------------------------------------------------------- Channels and records
+// ------------------------------------------------------------------------------------------------ Channels and records
 
 /// A channel with a number of the test's own.
 class Channel : public KIPC {
@@ -264,7 +264,7 @@ void IgnoreBrokenPipes() {
 
 }  // namespace
 
-// ------------------------------------------------------------------------------------- The functions in front of libc's
+// ------------------------------------------------------------------------------------ The functions in front of libc's
 
 extern "C" int shm_open(const char* pszName, int nFlags, mode_t nMode) {
     if (ScopedCalls::Current() != nullptr) {
@@ -334,7 +334,7 @@ extern "C" ssize_t write(int nDescriptor, const void* pBytes, std::size_t nSize)
 
 namespace {
 
-// ------------------------------------------------------------------------------------------------ Objects and accessors
+// ----------------------------------------------------------------------------------------------- Objects and accessors
 
 TEST(KIPCTest, ANewObjectIsASharedMemoryClientOfChannelZeroThatIsNotCreated) {
     KIPC channel;
@@ -758,7 +758,7 @@ TEST(KIPCTest, CreatingSharedMemoryAgainLeavesTheEarlierDescriptorOpen) {
     });
 }
 
-// ------------------------------------------------------------------------------- What was never created, and other types
+// ----------------------------------------------------------------------------- What was never created, and other types
 
 TEST(KIPCTest, ClosingAnObjectThatWasNeverCreatedClosesDescriptorZeroAndRemovesTheNameOfChannelZero) {
     const ScopedTableNames names;
@@ -1321,7 +1321,7 @@ TEST(KIPCTest, AssigningTakesTheRecordAndAllFieldsAndAnObjectIsItsOwnCopy) {
     EXPECT_TRUE(base.Write(RecordOf(1)));
 }
 
-// --------------------------------------------------------------------------------------------- Without a channel record
+// -------------------------------------------------------------------------------------------- Without a channel record
 
 /// Makes an object for which there was no memory.
 class WithoutRecord : public SocketChannel {
