@@ -20,18 +20,3 @@ function(kalvoren_require_listed kind)
       FATAL_ERROR "Every ${kind} must be listed in ${CMAKE_CURRENT_LIST_FILE}; missing there:\n  ${names}\n")
   endif()
 endfunction()
-
-# kalvoren_keep_existing(<list variable>)
-#
-# Drops the files that are not there. TEMPORARY: goes away together with its last caller.
-function(kalvoren_keep_existing variable)
-  set(kept "")
-  foreach(file IN LISTS ${variable})
-    if(EXISTS "${CMAKE_CURRENT_SOURCE_DIR}/${file}")
-      list(APPEND kept "${file}")
-    endif()
-  endforeach()
-  set(${variable}
-      "${kept}"
-      PARENT_SCOPE)
-endfunction()

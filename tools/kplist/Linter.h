@@ -1,25 +1,34 @@
-// What the property-list reader makes of a text, and what it does not.
-#ifndef KALVOREN_TOOLS_KPLIST_LINTER_H
-#define KALVOREN_TOOLS_KPLIST_LINTER_H
+// Says what the library's reader makes of a text, where that is not what it looks like.
+#ifndef KALVOREN_KPLIST_LINTER_H
+#define KALVOREN_KPLIST_LINTER_H
 
 #include <cstddef>
 #include <string>
 #include <vector>
 
-/// Something in a text that the reader does not take as it was meant.
+namespace kplist {
+
+enum class Severity {
+    Warning,  ///< Everything is read, if not as it looks.
+    Error     ///< The reader stops, loses something, or makes something up.
+};
+
 struct Finding {
-    int nLine;         ///< From 1.
-    int nColumn;       ///< From 1, in bytes.
-    bool fgError;      ///< The reader stops, or takes it for something else. Otherwise it is only worth a look.
-    std::string text;  ///< What, and what the reader does about it.
+    std::size_t nLine;    ///< From 1.
+    std::size_t nColumn;  ///< From 1, in bytes.
+    Severity eSeverity;
+    std::string message;
 };
 
-struct LintReport {
-    std::vector<Finding> findings;  ///< In the order of the text.
-    std::size_t nStop;              ///< Where the reader stops: the size of the text when it reads all of it.
+struct Report {
+    std::vector<Finding> findings;  ///< In the order of their places.
+    std::size_t nEnd;               ///< Where the reader stops: the size of the text where it takes the whole.
 };
 
-/// Goes over a text as the reader does. Behind the place where the reader stops it goes on, to find what else is wrong.
-LintReport Lint(const std::string& text);
+/// Goes over a text as KPropertyList does and reports what it stumbles over. Behind the place where the reader stops it goes
+/// on as if that had been mended.
+Report Lint(const std::string& text);
 
-#endif  // KALVOREN_TOOLS_KPLIST_LINTER_H
+}  // namespace kplist
+
+#endif  // KALVOREN_KPLIST_LINTER_H

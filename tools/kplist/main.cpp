@@ -1,157 +1,164 @@
-// kplist: shows what the library reads in a property list, and where it would stop.
+// kplist: prints property lists, looks values up in them, and checks what the library's reader makes of them.
 
-#include <Kalvoren.h>
-#include <unistd.h>
+#include <KDebug.h>
+#include <KEntry.h>
+#include <KPropertyList.h>
 
-#include <climits>
+#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
-#include <vector>
 
+#include "Input.h"
 #include "Linter.h"
-#include "Tree.h"
+#include "Lookup.h"
+#include "Print.h"
 
 namespace {
 
-enum ExitStatus { DONE = 0, FOUND_SOMETHING = 1, NOT_FOUND = 1, UNREADABLE = 2, MISUSED = 2 };
+constexpr int kDone = 0;
+constexpr int kFound = 1;    // by --check
+constexpr int kMissing = 1;  // a key
+constexpr int kFailed = 2;
+
+constexpr int kAllLogLines = 0;
+constexpr int kNoLogLines = 3;
 
 constexpr char kHelp[] =
     "Usage: kplist [--verbose] FILE [KEY...]\n"
     "       kplist [--verbose] --check FILE...\n"
+    "       kplist --help | --version\n"
     "\n"
-    "Shows an XML property list as the Kalvoren library reads it.\n"
+    "Prints the property list in FILE as the Kalvoren library reads it: as a tree,\n"
+    "or the value under a path of KEYs. Where no key has that name, a number stands\n"
+    "for an element, counted from 0.\n"
     "\n"
-    "  FILE           print the tree: one node a line, with its type and text\n"
-    "  FILE KEY...    print the value under a path of keys; a number (from 0) where\n"
-    "                 there is no such key stands for a child of that place\n"
-    "  --check FILE   say where the reader would stop or misread, one finding a line\n"
-    "  --verbose      show the library's own log lines\n"
-    "  --help         print this\n"
-    "  --version      print the version\n"
+    "  --check    report where and why the reader would stop in each FILE, lose\n"
+    "             something, or take it for something else\n"
+    "  --verbose  write the library's log lines to standard error\n"
+    "  --help     print this text\n"
+    "  --version  print the version\n"
     "\n"
-    "Exit status: 0 done, or nothing found by --check; 1 no such value, or findings;\n"
-    "2 a file that cannot be read, or a wrong call.\n";
+    "Exit status: 0 when all went well; 1 when a key is not there, or --check found\n"
+    "something; 2 when a FILE cannot be read or the arguments are wrong.\n"
+    "\n"
+    "Examples: kplist device.plist\n"
+    "          kplist device.plist Network DNS 0\n"
+    "          kplist --check *.plist\n";
 
 struct Options {
     bool fgCheck = false;
     bool fgVerbose = false;
-    std::vector<const char*> arguments;
+    char** ppArguments = nullptr;  ///< Files and keys.
+    int nArguments = 0;
 };
 
-int Misuse(const std::string& text) {
-    std::fprintf(stderr, "kplist: %s\nTry 'kplist --help'.\n", text.c_str());
-    return MISUSED;
+void Complain(const std::string& message) {
+    std::fprintf(stderr, "kplist: %s\n", message.c_str());
 }
 
-/// Reads a whole file. False when it cannot be read, is a directory, or is longer than any text.
-bool ReadFile(const char* pszPath, std::string& content) {
-    constexpr std::size_t kLongestPath = 2046;
-    if (std::strlen(pszPath) > kLongestPath) {
-        return false;
-    }
-    KPath path;
-    path.SetPath(KString(pszPath));  // as it stands: a backslash may be part of a name
-    KFile file;
-    if (!file.Open(path, false)) {
-        return false;
-    }
-    const std::size_t nSize = file.GetSize();
-    bool fgRead = nSize < INT_MAX;
-    if (fgRead) {
-        content.resize(nSize);
-        fgRead = nSize == 0 || file.Read(0, &content[0], nSize);
-    }
-    file.Close();
-    return fgRead;
-}
-
-bool ReadFileOrComplain(const char* pszPath, std::string& content) {
-    const bool fgRead = ReadFile(pszPath, content);
-    if (!fgRead) {
-        std::fprintf(stderr, "kplist: cannot read %s\n", pszPath);
-    }
-    return fgRead;
-}
-
-/// Reads the list with the checks off: a closing tag that closes nothing fails one, and what is in a file must not end the
-/// program. The list stays to the end, for a tree is never freed whole.
-KPropertyList& Parse(const std::string& content) {
-    const bool fgActive = KAssert::GetActive();
-    KAssert::SetActive(false);
-    static KPropertyList* const s_pList = new KPropertyList(KString(content.data(), static_cast<int>(content.size())));
-    KAssert::SetActive(fgActive);
-    return *s_pList;
-}
-
-int ShowTree(KPropertyNode& root) {
-    PrintTree(root, isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr);
-    return DONE;
-}
-
-int ShowValue(KPropertyNode& root, const char* pszFile, int nKeys, const char* const* ppszKeys) {
-    KPropertyNode* const pNode = FindNode(root, nKeys, ppszKeys);
-    const bool fgKey = pNode != nullptr && pNode->GetValueType() == PROPERTY_KEY;
-    if (pNode == nullptr || (fgKey && pNode->GetNodeCount() == 0)) {
-        std::fprintf(stderr, "kplist: %s has no value under", pszFile);
-        for (int i = 0; i < nKeys; ++i) {
-            std::fprintf(stderr, " %s", ppszKeys[i]);
+/// Reads the options. Returns the exit status when the program is done by that, and -1 when it is to go on.
+int ReadOptions(int argc, char** argv, Options& options) {
+    int i = 1;
+    for (; i < argc && argv[i][0] == '-' && argv[i][1] != '\0'; ++i) {
+        const std::string option = argv[i];
+        if (option == "--") {
+            ++i;
+            break;
         }
-        std::fputc('\n', stderr);
-        return NOT_FOUND;
-    }
-    if (!fgKey) {
-        std::printf("%s\n", ValueOf(*pNode).c_str());
-        return DONE;
-    }
-    KPropertyNode& first = **pNode->GetNode(0);
-    if (first.GetValueType() == PROPERTY_KEY) {
-        return ShowTree(*pNode);
-    }
-    for (int i = 0; i < pNode->GetNodeCount(); ++i) {
-        std::printf("%s\n", ValueOf(**pNode->GetNode(i)).c_str());
-    }
-    return DONE;
-}
-
-int Check(const std::vector<const char*>& files) {
-    int nStatus = DONE;
-    for (const char* const pszFile : files) {
-        std::string content;
-        if (!ReadFileOrComplain(pszFile, content)) {
-            nStatus = UNREADABLE;
-            continue;
+        if (option == "--help" || option == "-h") {
+            std::fputs(kHelp, stdout);
+            return kDone;
         }
-        for (const Finding& finding : Lint(content).findings) {
-            std::printf("%s:%d:%d: %s: %s\n", pszFile, finding.nLine, finding.nColumn,
-                        finding.fgError ? "error" : "warning", finding.text.c_str());
-            nStatus = nStatus == DONE ? FOUND_SOMETHING : nStatus;
+        if (option == "--version") {
+            std::puts("kplist " KALVOREN_VERSION);
+            return kDone;
+        }
+        if (option == "--check") {
+            options.fgCheck = true;
+        } else if (option == "--verbose") {
+            options.fgVerbose = true;
+        } else {
+            Complain("unknown option " + option + "; try kplist --help");
+            return kFailed;
         }
     }
-    return nStatus;
-}
-
-int Show(const std::vector<const char*>& arguments) {
-    std::string content;
-    if (!ReadFileOrComplain(arguments[0], content)) {
-        return UNREADABLE;
+    options.ppArguments = argv + i;
+    options.nArguments = argc - i;
+    if (options.nArguments == 0) {
+        Complain("no file given; try kplist --help");
+        return kFailed;
     }
-    KPropertyNode& root = *Parse(content).GetRoot();
-    const int nKeys = static_cast<int>(arguments.size()) - 1;
-    return nKeys == 0 ? ShowTree(root) : ShowValue(root, arguments[0], nKeys, arguments.data() + 1);
+    return -1;
 }
 
-int Run(const Options& options, int argc, char** argv) {
-    // The reader's log lines would drown the output.
-    g_eDebugLevel = options.fgVerbose ? 0 : 3;
-    KEntry::Init(argc, argv);
-    int nStatus = options.fgCheck ? Check(options.arguments) : Show(options.arguments);
+bool ReadFile(const char* pszFile, std::string& text) {
+    std::string reason;
+    if (kplist::ReadText(pszFile, text, reason)) {
+        return true;
+    }
+    Complain(std::string(pszFile) + ": " + reason);
+    return false;
+}
+
+int Check(const char* pszFile) {
+    std::string text;
+    if (!ReadFile(pszFile, text)) {
+        return kFailed;
+    }
+    const kplist::Report report = kplist::Lint(text);
+    for (const kplist::Finding& finding : report.findings) {
+        const char* const pszSeverity = finding.eSeverity == kplist::Severity::Error ? "error" : "warning";
+        std::printf("%s:%zu:%zu: %s: %s\n", pszFile, finding.nLine, finding.nColumn, pszSeverity,
+                    finding.message.c_str());
+    }
+    return report.findings.empty() ? kDone : kFound;
+}
+
+int CheckAll(char** ppFiles, int nFiles) {
+    int nWorst = kDone;
+    for (int i = 0; i < nFiles; ++i) {
+        const int nStatus = Check(ppFiles[i]);
+        nWorst = nStatus > nWorst ? nStatus : nWorst;
+    }
+    return nWorst;
+}
+
+void MentionTheRest(const char* pszFile, const kplist::ReadTree& tree) {
+    if (!tree.fgWhole) {
+        Complain(std::string(pszFile) + ": the reader stopped before the end; kplist --check tells where and why");
+    }
+}
+
+int Show(const char* pszFile, char** ppKeys, int nKeys) {
+    std::string text;
+    if (!ReadFile(pszFile, text)) {
+        return kFailed;
+    }
+    const kplist::ReadTree tree = kplist::ParseText(text);
+    if (nKeys == 0) {
+        kplist::PrintTree(*tree.pRoot, kplist::WantsColour());
+        MentionTheRest(pszFile, tree);
+        return kDone;
+    }
+    int nMissing = 0;
+    KPropertyNode* const pNode = kplist::Find(*tree.pRoot, ppKeys, nKeys, nMissing);
+    if (pNode == nullptr) {
+        const std::string where = nMissing > 0 ? " under \"" + std::string(ppKeys[nMissing - 1]) + "\"" : "";
+        Complain(std::string(pszFile) + ": no \"" + ppKeys[nMissing] + "\"" + where);
+        MentionTheRest(pszFile, tree);
+        return kMissing;
+    }
+    kplist::PrintValue(*pNode, kplist::WantsColour());
+    return kDone;
+}
+
+/// The exit status, once everything is written.
+int Finish(int nStatus) {
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-        std::perror("kplist: standard output");
-        nStatus = UNREADABLE;
+        Complain("standard output cannot be written");
+        return kFailed;
     }
-    KEntry::Deinit();
     return nStatus;
 }
 
@@ -159,27 +166,16 @@ int Run(const Options& options, int argc, char** argv) {
 
 int main(int argc, char** argv) {
     Options options;
-    bool fgOptions = true;
-    for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
-        if (!fgOptions || argument.compare(0, 1, "-") != 0) {
-            options.arguments.push_back(argv[i]);
-            fgOptions = fgOptions && options.fgCheck;  // behind a file, all is keys
-        } else if (argument == "--") {
-            fgOptions = false;
-        } else if (argument == "--check") {
-            options.fgCheck = true;
-        } else if (argument == "--verbose") {
-            options.fgVerbose = true;
-        } else if (argument == "--help") {
-            std::fputs(kHelp, stdout);
-            return DONE;
-        } else if (argument == "--version") {
-            std::puts("kplist (Kalvoren) " KALVOREN_VERSION);
-            return DONE;
-        } else {
-            return Misuse("unknown option " + argument);
-        }
+    const int nDone = ReadOptions(argc, argv, options);
+    if (nDone >= 0) {
+        return Finish(nDone);
     }
-    return options.arguments.empty() ? Misuse("no file given") : Run(options, argc, argv);
+    g_eDebugLevel = options.fgVerbose ? kAllLogLines : kNoLogLines;
+    KEntry::Init(argc, argv);
+    // Start-up makes the process ignore it; a tool ends with the reader of its output.
+    std::signal(SIGPIPE, SIG_DFL);
+    const int nStatus = options.fgCheck ? CheckAll(options.ppArguments, options.nArguments)
+                                        : Show(options.ppArguments[0], options.ppArguments + 1, options.nArguments - 1);
+    KEntry::Deinit();
+    return Finish(nStatus);
 }
