@@ -134,8 +134,8 @@ void Copy(benchmark::State& state) {
     KList<int> list;
     Fill(list, state);
     for (auto _ : state) {
-        const KList<int> copy(list);
-        benchmark::DoNotOptimize(copy.GetCount());
+        KList<int> copy(list);
+        benchmark::DoNotOptimize(copy);
     }
     SetItems(state);
 }

@@ -37,8 +37,8 @@ BENCHMARK(Make)->Range(kShortest, kLongest)->Complexity();
 void Copy(benchmark::State& state) {
     const KPath path(PathFor(state, '/').c_str());
     for (auto _ : state) {
-        const KPath copy(path);
-        benchmark::DoNotOptimize(copy.GetPath().GetBuffer());
+        KPath copy(path);
+        benchmark::DoNotOptimize(copy);
     }
     SetLength(state);
 }
@@ -112,7 +112,7 @@ BENCHMARK(SetExt)->Range(kShortest, kLongest)->Complexity();
 
 void Compare(benchmark::State& state) {
     const KPath path(PathFor(state, '/').c_str());
-    const KPath other(path);
+    const KPath other(PathFor(state, '/').c_str());
     for (auto _ : state) {
         benchmark::DoNotOptimize(path == other);
     }

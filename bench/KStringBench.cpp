@@ -41,8 +41,8 @@ BENCHMARK(MakeFromText)->Range(kShortest, kLongest)->Complexity();
 void Copy(benchmark::State& state) {
     const KString text(TextFor(state).c_str());
     for (auto _ : state) {
-        const KString copy(text);
-        benchmark::DoNotOptimize(copy.GetBuffer());
+        KString copy(text);
+        benchmark::DoNotOptimize(copy);
     }
     SetBytes(state);
 }
@@ -96,7 +96,7 @@ BENCHMARK(Join)->Range(kShortest, kLongest)->Complexity();
 
 void CompareEqual(benchmark::State& state) {
     const KString left(TextFor(state).c_str());
-    const KString right(left);
+    const KString right(TextFor(state).c_str());
     for (auto _ : state) {
         benchmark::DoNotOptimize(left == right);
     }

@@ -712,6 +712,7 @@ constexpr int kPerThread = 200;
 template <typename Code>
 void RunInThreads(Code code) {
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back(code, i);
     }

@@ -5,7 +5,6 @@
 #include <random>
 #include <string>
 #include <type_traits>
-#include <utility>
 
 #include "support/Support.h"
 

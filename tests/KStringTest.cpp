@@ -12,7 +12,6 @@
 #include <random>
 #include <string>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 #include "KDebug.h"
@@ -226,14 +225,14 @@ TEST(KStringTest, ACopyOfAnEmptyStringHasNoBuffer) {
 TEST(KStringTest, AMovedStringIsLeftEmpty) {
     KString text("hello");
     const char* const pszBefore = text.GetBuffer();
-    KString moved(std::move(text));
+    KString moved(static_cast<KString&&>(text));
     EXPECT_EQ(Bytes(moved), "hello");
     EXPECT_EQ(moved.GetBuffer(), pszBefore);
     EXPECT_EQ(text.Length(), 0);
     EXPECT_FALSE(HasBuffer(text));
 
     KString target("old");
-    target = std::move(moved);
+    target = static_cast<KString&&>(moved);
     EXPECT_EQ(Bytes(target), "hello");
     EXPECT_FALSE(HasBuffer(moved));
 }
@@ -241,7 +240,7 @@ TEST(KStringTest, AMovedStringIsLeftEmpty) {
 TEST(KStringTest, AMovedEmptyStringHasNoBufferAsACopyWouldNot) {
     KString buffered = EmptyWithBuffer();
     KString target("old");
-    target = std::move(buffered);
+    target = static_cast<KString&&>(buffered);
     EXPECT_FALSE(HasBuffer(target));
     EXPECT_FALSE(HasBuffer(buffered));
 }
@@ -249,7 +248,7 @@ TEST(KStringTest, AMovedEmptyStringHasNoBufferAsACopyWouldNot) {
 TEST(KStringTest, MovingAStringToItselfKeepsIt) {
     KString text("hello");
     KString& same = text;
-    text = std::move(same);
+    text = static_cast<KString&&>(same);
     EXPECT_EQ(Bytes(text), "hello");
 }
 
@@ -744,7 +743,7 @@ TEST(KStringTest, WhatWasCutByFormattingIsMemoryOfTheString) {
     ASSERT_EQ(cut.Length(), kCutLength);
     ASSERT_EQ(KString::LengthOfString(cut.GetBuffer()), kCutText);
 
-    const KString copy(cut);
+    KString copy(cut);
     EXPECT_TRUE(copy == cut);
     EXPECT_EQ(copy[kCutText - 1], 'x');
     EXPECT_EQ(copy[kCutText], '\0');

@@ -840,8 +840,10 @@ TEST(KTimeTest, ATimeAndItsHumanTimeAreMadeFromEachOther) {
 }
 
 TEST(KTimeTest, ThreadsMayConvertAtOnce) {
+    constexpr int kThreads = 4;
     std::vector<std::thread> threads;
-    for (int nThread = 0; nThread < 4; ++nThread) {
+    threads.reserve(kThreads);
+    for (int nThread = 0; nThread < kThreads; ++nThread) {
         threads.emplace_back([nThread] {
             const int nSec = nThread * 500000000;
             const std::string expected = TextByLibc(nSec, nThread, 0, 0);
@@ -895,7 +897,7 @@ TEST(KTimeTest, MovingPastTheEndOfTimeWraps) {
     EXPECT_EQ(last.sec, INT_MIN + 899);
     KTime first(INT_MIN, 0, 0);
     EXPECT_TRUE(first.MoveDST(static_cast<char>(255)));
-    EXPECT_EQ(first.sec, Low(static_cast<long long>(INT_MIN) - 255 * 900));
+    EXPECT_EQ(first.sec, Low(INT_MIN - 255LL * kQuarterHour));
 }
 
 TEST(KTimeTest, OnlyAFlagOfOneStandsForSixteenQuarterHours) {
