@@ -2,23 +2,28 @@
 #ifndef KALVOREN_TESTS_FAILINGNEW_H
 #define KALVOREN_TESTS_FAILINGNEW_H
 
+#include <climits>
 #include <cstddef>
 #include <cstring>
 #include <new>
 
 namespace support {
 
-/// For the length of a block, every non-throwing `new` of this thread gives null.
+/// For the length of a block, this thread's non-throwing `new` gives null, after a number of times that it still works.
 class ScopedNoMemory {
  public:
-    ScopedNoMemory() { IsInForce() = true; }
-    ~ScopedNoMemory() { IsInForce() = false; }
+    explicit ScopedNoMemory(int nStillWorks = 0) { Left() = nStillWorks; }
+    ~ScopedNoMemory() { Left() = INT_MAX; }
     ScopedNoMemory(const ScopedNoMemory&) = delete;
     ScopedNoMemory& operator=(const ScopedNoMemory&) = delete;
 
-    static bool& IsInForce() {
-        static thread_local bool t_fgInForce = false;
-        return t_fgInForce;
+    /// Whether the next one works; counts it.
+    static bool Take() { return Left() == INT_MAX || Left()-- > 0; }
+
+ private:
+    static int& Left() {
+        static thread_local int t_nLeft = INT_MAX;
+        return t_nLeft;
     }
 };
 
@@ -30,11 +35,11 @@ inline void* WithContents(void* pBlock, std::size_t nSize) {
 }  // namespace support
 
 void* operator new(std::size_t nSize, const std::nothrow_t&) noexcept {
-    return support::ScopedNoMemory::IsInForce() ? nullptr : support::WithContents(::operator new(nSize), nSize);
+    return support::ScopedNoMemory::Take() ? support::WithContents(::operator new(nSize), nSize) : nullptr;
 }
 
 void* operator new[](std::size_t nSize, const std::nothrow_t&) noexcept {
-    return support::ScopedNoMemory::IsInForce() ? nullptr : support::WithContents(::operator new[](nSize), nSize);
+    return support::ScopedNoMemory::Take() ? support::WithContents(::operator new[](nSize), nSize) : nullptr;
 }
 
 #endif  // KALVOREN_TESTS_FAILINGNEW_H
