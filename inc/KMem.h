@@ -21,11 +21,12 @@
 /// A full registry, or an entry that is not found, fails the check "0"; with the checks off the operation returns
 /// false.
 ///
-/// Entering, finding and removing take the same time however many entries there are. The registry's memory is asked
-/// for at once but costs nothing until it is used.
+/// Entering, finding and removing take the same time however many entries there are; only what is not there costs a
+/// look at every place. The registry's memory is asked for at once but costs nothing until it is used.
 ///
 /// @par Thread-safety
-/// The registry has no lock. Use KMem, objects and helpers alike, from one thread or under a lock of your own.
+/// The registry has no lock. Use KMem, objects and helpers alike, from one thread or under a lock of your own: threads
+/// that do not may lose entries and find the count wrong at the end.
 class KALVOREN_API KMem {
  public:
     // ------------------------------------------------------------------------------------------------- Registry
@@ -44,7 +45,8 @@ class KALVOREN_API KMem {
     /// Enters an object. Every constructor does this.
     static bool Add(KMem* pObject);
 
-    /// Removes an object's entry, the lowest if it was entered twice. The destructor does this.
+    /// Removes an object's entry, the lowest if it was entered twice. The destructor does this; an entry that is left
+    /// then is reported with the object's last size.
     static bool Remove(KMem* pObject);
 
     /// Enters a block and its size in bytes.
@@ -64,7 +66,9 @@ class KALVOREN_API KMem {
 
     /// `realloc`, with the old block's entry removed before and the result entered after, even a null one. When the
     /// memory is lacking, the result is null and the old block still lives, without an entry. A null @p pBlock has no
-    /// entry of its own to remove: the count of entries is lowered and raised again.
+    /// entry of its own to remove: the count of entries is lowered and raised again, and @b lies @b one @b too @b low
+    /// once the result is freed. Use Malloc() for a first block. A size of 0 frees the block and raises the count for
+    /// the null result.
     static void* Realloc(void* pBlock, std::size_t nSize);
 
     /// Removes the entry of `*ppBlock`, frees it and sets `*ppBlock` to null. A null `*ppBlock` is left alone.
@@ -86,11 +90,12 @@ class KALVOREN_API KMem {
     KMem();
 
     /// A block of @p nSize bytes, not initialised. Checks "nSize >= 0", and "m_pBuf" when the memory is lacking. With
-    /// the checks off a negative size is kept as the block's size, without any bytes behind it.
+    /// the checks off a negative size is kept as the block's size, without any bytes behind it, and a block that lacks
+    /// its memory is empty.
     explicit KMem(int nSize);
 
     /// A block with a copy of @p nSize bytes from @p pPoint. Checks "pPoint" and "nSize >= 0", and "m_pBuf" when the
-    /// memory is lacking. With the checks off a null pointer or a size below 1 gives an empty block.
+    /// memory is lacking. With the checks off a null pointer, a size below 1 or a lack of memory gives an empty block.
     KMem(char* pPoint, int nSize);
 
     /// A copy of a block. Checks "m_pBuf" when the memory is lacking; with the checks off the copy is then empty.
@@ -99,7 +104,7 @@ class KALVOREN_API KMem {
     virtual ~KMem();
 
     /// Takes a copy of another block's bytes. Assigning an @b empty block @b leaks this block's bytes: call RemoveAll()
-    /// instead. Checks "m_pBuf" when the memory is lacking.
+    /// instead. Without memory for the copy the block stays as it was, after the check "m_pBuf".
     KMem& operator=(const KMem& other);
 
     /// Appends another block's bytes; `a += a` doubles `a`. Without memory for the sum the block stays as it was, after
@@ -107,23 +112,25 @@ class KALVOREN_API KMem {
     KMem& operator+=(const KMem& other);
 
     /// Returns a @b new block with this one's bytes and the other's behind them. The caller deletes it. Null when the
-    /// memory for the object is lacking.
+    /// memory for the object is lacking; bytes that lack theirs are left out, after the check "m_pBuf".
     KMem* operator+(const KMem& other) const;
 
     /// Returns the address of byte @p nPosition. Outside the block: check "0"; with the checks off, null.
     char* Pos(int nPosition);
 
-    /// Returns the number of bytes from @p nPosition to the end, 0 past the end: on 5 bytes, `Size(3)` is 2.
+    /// Returns the number of bytes from @p nPosition to the end, 0 past the end: on 5 bytes, `Size(3)` is 2. A negative
+    /// position counts on beyond the start: `Size(-1)` is 6.
     int Size(int nPosition) const;
 
     /// Returns the number of bytes held.
     int GetSize() const { return m_nSize; }
 
-    /// Cuts @p nCount bytes from the left. Returns false, with nothing changed, unless at least one byte remains.
+    /// Cuts @p nCount bytes from the left; what remains moves to new memory. Returns false, with nothing changed, when
+    /// no byte would remain, when @p nCount is negative, or without memory, after the check "m_pBuf".
     bool RemoveLBuffer(int nCount);
 
     /// Cuts @p nCount bytes from the right; the memory behind the block stays as it is. Returns false, with nothing
-    /// changed, unless at least one byte remains.
+    /// changed, when no byte would remain or when @p nCount is negative.
     bool RemoveRBuffer(int nCount);
 
     /// Frees all bytes. Returns true.
@@ -134,7 +141,7 @@ class KALVOREN_API KMem {
     KALVOREN_LOCAL static MemInfoContainer* g_pMemInfoContainer;
 
     bool HasBytes() const { return m_nSize >= 1 && m_pBuf != nullptr; }
-    KALVOREN_LOCAL void Take(const char* pFirst, int nFirst, const char* pSecond, int nSecond,
+    KALVOREN_LOCAL bool Take(const char* pFirst, int nFirst, const char* pSecond, int nSecond,
                              const char* pszSignature);
 
     int m_nSize;

@@ -1,5 +1,6 @@
 #include "KMem.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
@@ -50,8 +51,6 @@ class SlotSet {
         m_nTop &= ~Bit(nGroup);
     }
 
-    bool Has(int nSlot) const { return (m_nWords[nSlot / kBits] & Bit(nSlot)) != 0; }
-
     /// True when none of the 64 slots around this one is taken.
     bool IsWordEmpty(int nSlot) const { return m_nWords[nSlot / kBits] == 0; }
 
@@ -72,8 +71,8 @@ class SlotSet {
     Word m_nTop;
 };
 
-/// Where each registered pointer's slot is: an open hash table with linear probing. Every walk is bounded by the size of
-/// the table, so that programs that register from several threads without a lock may lose an entry but never loop.
+/// Where each registered pointer's slots are: an open hash table with linear probing. Every walk is bounded by the size of
+/// the table, so that programs that register from several threads without a lock may lose a cell but never loop.
 class SlotIndex {
  public:
     void Insert(const void* p, int nSlot) {
@@ -84,19 +83,29 @@ class SlotIndex {
         m_nCells[nCell] = nSlot + 1;
     }
 
-    /// The lowest slot that holds @p p, or kNoSlot.
-    int Find(const void* const* pSlots, const void* p) const {
-        int nFound = kNoSlot;
+    /// Calls @p visit with each slot that holds @p p.
+    template <typename Visitor>
+    void Visit(const void* const* pSlots, const void* p, Visitor visit) const {
         std::uint32_t nCell = Home(p);
         for (std::uint32_t i = 0; i < kCells; ++i, nCell = Next(nCell)) {
             const int nSlot = m_nCells[nCell] - 1;
             if (nSlot == kNoSlot) {
                 break;
             }
-            if (pSlots[nSlot] == p && (nFound == kNoSlot || nSlot < nFound)) {
-                nFound = nSlot;
+            if (pSlots[nSlot] == p) {
+                visit(nSlot);
             }
         }
+    }
+
+    /// The lowest slot that holds @p p, or kNoSlot.
+    int Find(const void* const* pSlots, const void* p) const {
+        int nFound = kNoSlot;
+        Visit(pSlots, p, [&nFound](int nSlot) {
+            if (nFound == kNoSlot || nSlot < nFound) {
+                nFound = nSlot;
+            }
+        });
         return nFound;
     }
 
@@ -107,11 +116,17 @@ class SlotIndex {
         for (std::uint32_t i = 0; i < kCells && m_nCells[nHole] != nSlot + 1; ++i) {
             nHole = Next(nHole);
         }
+        if (m_nCells[nHole] != nSlot + 1) {
+            return;  // lost in a race
+        }
         std::uint32_t nCell = Next(nHole);
-        for (std::uint32_t i = 0; i < kCells && m_nCells[nCell] != 0; ++i, nCell = Next(nCell)) {
-            const std::uint32_t nHome = Home(pSlots[m_nCells[nCell] - 1]);
-            if (Distance(nHome, nCell) >= Distance(nHole, nCell)) {
-                m_nCells[nHole] = m_nCells[nCell];
+        for (std::uint32_t i = 0; i < kCells; ++i, nCell = Next(nCell)) {
+            const int nLater = m_nCells[nCell] - 1;
+            if (nLater == kNoSlot) {
+                break;
+            }
+            if (Distance(Home(pSlots[nLater]), nCell) >= Distance(nHole, nCell)) {
+                m_nCells[nHole] = nLater + 1;
                 nHole = nCell;
             }
         }
@@ -133,6 +148,65 @@ class SlotIndex {
     std::int32_t m_nCells[kCells];
 };
 
+/// Finds slots in one of the registry's tables of pointers.
+class SlotFinder {
+ public:
+    /// Takes the lowest free slot for a pointer, or none for a null pointer. kNoSlot when there is none left.
+    template <typename T>
+    int Enter(T** pSlots, T* p) {
+        const int nSlot = m_Set.LowestFree();
+        if (nSlot != kNoSlot && p != nullptr) {
+            pSlots[nSlot] = p;
+            m_Set.Take(nSlot);
+            m_Index.Insert(p, nSlot);
+        }
+        return nSlot;
+    }
+
+    /// Clears the lowest slot that holds a pointer. A null pointer is held by every free slot.
+    template <typename T>
+    int Leave(T** pSlots, T* p) {
+        if (p == nullptr) {
+            return m_Set.LowestFree();
+        }
+        int nSlot = m_Index.Find(Plain(pSlots), p);
+        if (nSlot == kNoSlot) {
+            // Threads without a lock may have lost the cell; a slot that outlives its object must not stay behind.
+            nSlot = Search(pSlots, p);
+        }
+        if (nSlot != kNoSlot) {
+            m_Index.Erase(Plain(pSlots), nSlot);
+            pSlots[nSlot] = nullptr;
+            m_Set.Release(nSlot);
+        }
+        return nSlot;
+    }
+
+    template <typename T, typename Visitor>
+    void Visit(T* const* pSlots, const T* p, Visitor visit) const {
+        m_Index.Visit(Plain(pSlots), p, visit);
+    }
+
+    /// True when none of the 64 slots around this one is taken.
+    bool IsWordEmpty(int nSlot) const { return m_Set.IsWordEmpty(nSlot); }
+
+ private:
+    template <typename T>
+    static const void* const* Plain(T* const* pSlots) {
+        return reinterpret_cast<const void* const*>(pSlots);
+    }
+
+    template <typename T>
+    static int Search(T* const* pSlots, const T* p) {
+        T* const* const pEnd = pSlots + kSlotCount;
+        T* const* const pFound = std::find(pSlots, pEnd, p);
+        return pFound == pEnd ? kNoSlot : static_cast<int>(pFound - pSlots);
+    }
+
+    SlotSet m_Set;
+    SlotIndex m_Index;
+};
+
 }  // namespace
 
 /// The registry: the tables the leak report is made of and, behind them, what finds a slot without a search. It comes
@@ -144,37 +218,26 @@ struct KMem::MemInfoContainer {
     std::size_t m_nSizes[kSlotCount];
     void* m_pBlocks[kSlotCount];
 
-    SlotSet m_ObjectSet;
-    SlotSet m_BlockSet;
-    SlotIndex m_ObjectIndex;
-    SlotIndex m_BlockIndex;
+    SlotFinder m_ObjectFinder;
+    SlotFinder m_BlockFinder;
+    // The size of an object that was entered twice and then destroyed: its other entry stays and must not look at it.
+    bool m_fgDestroyed[kSlotCount];
+    int m_nLastSizes[kSlotCount];
 
-    /// Takes the lowest free slot for a pointer, or none for a null pointer. kNoSlot when there is none left.
-    template <typename T>
-    static int Enter(T** pSlots, SlotSet& set, SlotIndex& index, T* p) {
-        const int nSlot = set.LowestFree();
-        if (nSlot != kNoSlot && p != nullptr) {
-            pSlots[nSlot] = p;
-            set.Take(nSlot);
-            index.Insert(p, nSlot);
+    int EnterObject(KMem* pObject) {
+        const int nSlot = m_ObjectFinder.Enter(m_pObjects, pObject);
+        if (nSlot != kNoSlot) {
+            m_fgDestroyed[nSlot] = false;
         }
         return nSlot;
     }
 
-    /// Clears the lowest slot that holds a pointer. A null pointer is held by every free slot.
-    template <typename T>
-    static int Leave(T** pSlots, SlotSet& set, SlotIndex& index, T* p) {
-        if (p == nullptr) {
-            return set.LowestFree();
-        }
-        const void* const* const pPlain = reinterpret_cast<const void* const*>(pSlots);
-        const int nSlot = index.Find(pPlain, p);
-        if (nSlot != kNoSlot) {
-            index.Erase(pPlain, nSlot);
-            set.Release(nSlot);
-            pSlots[nSlot] = nullptr;
-        }
-        return nSlot;
+    /// Remembers the size of an object that is about to go, for the entries it leaves behind.
+    void KeepSize(const KMem* pObject) {
+        m_ObjectFinder.Visit(m_pObjects, pObject, [this, pObject](int nSlot) {
+            m_fgDestroyed[nSlot] = true;
+            m_nLastSizes[nSlot] = pObject->m_nSize;
+        });
     }
 
     static void Report(int nSlot, const void* p, std::size_t nSize) {
@@ -182,13 +245,18 @@ struct KMem::MemInfoContainer {
     }
 
     void ReportSlot(int nSlot) const {
-        if (m_ObjectSet.Has(nSlot)) {
-            Report(nSlot, m_pObjects[nSlot], static_cast<std::size_t>(m_pObjects[nSlot]->m_nSize));
+        const KMem* const pObject = m_pObjects[nSlot];
+        if (pObject != nullptr) {
+            const int nSize = m_fgDestroyed[nSlot] ? m_nLastSizes[nSlot] : pObject->m_nSize;
+            Report(nSlot, pObject, static_cast<std::size_t>(nSize));
         }
-        if (m_BlockSet.Has(nSlot)) {
+        if (m_pBlocks[nSlot] != nullptr) {
             Report(nSlot, m_pBlocks[nSlot], m_nSizes[nSlot]);
         }
     }
+
+    /// True when none of the 64 places around this one is taken.
+    bool IsWordEmpty(int nSlot) const { return m_ObjectFinder.IsWordEmpty(nSlot) && m_BlockFinder.IsWordEmpty(nSlot); }
 };
 
 KMem::MemInfoContainer* KMem::g_pMemInfoContainer = nullptr;
@@ -214,8 +282,7 @@ void KMem::Deinit() {
     }
     const MemInfoContainer& registry = *g_pMemInfoContainer;
     for (int nSlot = 0; nSlot < kSlotCount; ++nSlot) {
-        if (nSlot % SlotSet::kBits == 0 && registry.m_ObjectSet.IsWordEmpty(nSlot) &&
-            registry.m_BlockSet.IsWordEmpty(nSlot)) {
+        if (nSlot % SlotSet::kBits == 0 && registry.IsWordEmpty(nSlot)) {
             nSlot += SlotSet::kBits - 1;
         } else {
             registry.ReportSlot(nSlot);
@@ -229,8 +296,7 @@ void KMem::Deinit() {
 bool KMem::Add(KMem* pObject) {
     Init();
     MemInfoContainer* const pRegistry = g_pMemInfoContainer;
-    if (pRegistry == nullptr || MemInfoContainer::Enter(pRegistry->m_pObjects, pRegistry->m_ObjectSet,
-                                                        pRegistry->m_ObjectIndex, pObject) == kNoSlot) {
+    if (pRegistry == nullptr || pRegistry->EnterObject(pObject) == kNoSlot) {
         g_Checks.Fail("static bool KMem::Add(KMem*)");
         return false;
     }
@@ -240,8 +306,7 @@ bool KMem::Add(KMem* pObject) {
 
 bool KMem::Remove(KMem* pObject) {
     MemInfoContainer* const pRegistry = g_pMemInfoContainer;
-    if (pRegistry == nullptr || MemInfoContainer::Leave(pRegistry->m_pObjects, pRegistry->m_ObjectSet,
-                                                        pRegistry->m_ObjectIndex, pObject) == kNoSlot) {
+    if (pRegistry == nullptr || pRegistry->m_ObjectFinder.Leave(pRegistry->m_pObjects, pObject) == kNoSlot) {
         g_Checks.Fail("static bool KMem::Remove(KMem*)");
         return false;
     }
@@ -252,9 +317,7 @@ bool KMem::Remove(KMem* pObject) {
 bool KMem::AddForNonClass(void* pBlock, std::size_t nSize) {
     Init();
     MemInfoContainer* const pRegistry = g_pMemInfoContainer;
-    const int nSlot = pRegistry == nullptr ? kNoSlot
-                                           : MemInfoContainer::Enter(pRegistry->m_pBlocks, pRegistry->m_BlockSet,
-                                                                     pRegistry->m_BlockIndex, pBlock);
+    const int nSlot = pRegistry == nullptr ? kNoSlot : pRegistry->m_BlockFinder.Enter(pRegistry->m_pBlocks, pBlock);
     if (nSlot == kNoSlot) {
         g_Checks.Fail("static bool KMem::AddForNonClass(void*, size_t)");
         return false;
@@ -266,9 +329,7 @@ bool KMem::AddForNonClass(void* pBlock, std::size_t nSize) {
 
 bool KMem::RemoveForNonClass(void* pBlock) {
     MemInfoContainer* const pRegistry = g_pMemInfoContainer;
-    const int nSlot = pRegistry == nullptr ? kNoSlot
-                                           : MemInfoContainer::Leave(pRegistry->m_pBlocks, pRegistry->m_BlockSet,
-                                                                     pRegistry->m_BlockIndex, pBlock);
+    const int nSlot = pRegistry == nullptr ? kNoSlot : pRegistry->m_BlockFinder.Leave(pRegistry->m_pBlocks, pBlock);
     if (nSlot == kNoSlot) {
         g_Checks.Fail("static bool KMem::RemoveForNonClass(void*)");
         return false;
@@ -334,12 +395,12 @@ void KMem::Set(void* pTarget, char ch, std::size_t nLen) {
 // ------------------------------------------------------------------------------------------------------ Byte block
 
 /// Replaces the bytes by a copy of two runs, either of which may be part of the present bytes, or may have no bytes to
-/// copy from (null). Without memory for it, everything stays.
-void KMem::Take(const char* pFirst, int nFirst, const char* pSecond, int nSecond, const char* pszSignature) {
+/// copy from (null). Returns false, with nothing changed, without memory for it.
+bool KMem::Take(const char* pFirst, int nFirst, const char* pSecond, int nSecond, const char* pszSignature) {
     const bool fgFits = nSecond <= INT_MAX - nFirst;
     char* const pBuf = fgFits ? new (std::nothrow) char[static_cast<std::size_t>(nFirst + nSecond)] : nullptr;
     if (!g_Checks.Hold(pBuf != nullptr, "m_pBuf", pszSignature)) {
-        return;
+        return false;
     }
     if (pFirst != nullptr) {
         std::memcpy(pBuf, pFirst, static_cast<std::size_t>(nFirst));
@@ -350,6 +411,7 @@ void KMem::Take(const char* pFirst, int nFirst, const char* pSecond, int nSecond
     delete[] m_pBuf;
     m_pBuf = pBuf;
     m_nSize = nFirst + nSecond;
+    return true;
 }
 
 KMem::KMem() : m_nSize(0), m_pBuf(nullptr) {
@@ -387,6 +449,9 @@ KMem::~KMem() {
     delete[] m_pBuf;
     m_pBuf = nullptr;
     Remove(this);
+    if (g_pMemInfoContainer != nullptr) {
+        g_pMemInfoContainer->KeepSize(this);
+    }
 }
 
 KMem& KMem::operator=(const KMem& other) {
@@ -434,9 +499,7 @@ bool KMem::RemoveLBuffer(int nCount) {
     if (nCount < 0 || nCount >= m_nSize) {
         return false;
     }
-    const int nBefore = m_nSize;
-    Take(m_pBuf + nCount, m_nSize - nCount, nullptr, 0, "bool KMem::RemoveLBuffer(int)");
-    return nCount == 0 || m_nSize != nBefore;
+    return Take(m_pBuf + nCount, m_nSize - nCount, nullptr, 0, "bool KMem::RemoveLBuffer(int)");
 }
 
 bool KMem::RemoveRBuffer(int nCount) {

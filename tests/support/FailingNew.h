@@ -2,30 +2,35 @@
 #ifndef KALVOREN_TESTS_FAILINGNEW_H
 #define KALVOREN_TESTS_FAILINGNEW_H
 
+#include <climits>
 #include <cstddef>
 #include <cstring>
 #include <new>
 
 namespace support {
 
-/// For the length of a block, every non-throwing `new` of this thread gives null.
+/// For the length of a block, this thread's non-throwing `new` gives null, after a number of times that it still works.
 class ScopedNoMemory {
  public:
-    ScopedNoMemory() { IsInForce() = true; }
-    ~ScopedNoMemory() { IsInForce() = false; }
+    explicit ScopedNoMemory(int nStillWorks = 0) { Left() = nStillWorks; }
+    ~ScopedNoMemory() { Left() = INT_MAX; }
     ScopedNoMemory(const ScopedNoMemory&) = delete;
     ScopedNoMemory& operator=(const ScopedNoMemory&) = delete;
 
-    static bool& IsInForce() {
-        static thread_local bool t_fgInForce = false;
-        return t_fgInForce;
+    /// Whether the next one works; counts it.
+    static bool Take() { return Left() == INT_MAX || Left()-- > 0; }
+
+ private:
+    static int& Left() {
+        static thread_local int t_nLeft = INT_MAX;
+        return t_nLeft;
     }
 };
 
 /// A new block full of a value that nobody expects, so that nothing is zero by chance; null where it cannot be had.
 template <typename New>
 void* BlockFrom(New pNew, std::size_t nSize) {
-    if (ScopedNoMemory::IsInForce()) {
+    if (!ScopedNoMemory::Take()) {
         return nullptr;
     }
     try {

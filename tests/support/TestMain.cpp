@@ -15,7 +15,8 @@
 // NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 const char* __asan_default_options() {
-    return "halt_on_error=1:detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1";
+    return "halt_on_error=1:detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1:"
+           "allocator_may_return_null=1";
 }
 const char* __lsan_default_options() {
     return "print_suppressions=0" KALVOREN_LSAN_OPTIONS;
@@ -24,7 +25,7 @@ const char* __ubsan_default_options() {
     return "halt_on_error=1:print_stacktrace=1";
 }
 const char* __tsan_default_options() {
-    return "halt_on_error=1:second_deadlock_stack=1" KALVOREN_TSAN_OPTIONS;
+    return "halt_on_error=1:second_deadlock_stack=1:allocator_may_return_null=1" KALVOREN_TSAN_OPTIONS;
 }
 }
 // NOLINTEND(bugprone-reserved-identifier)
