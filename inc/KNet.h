@@ -134,14 +134,17 @@ class KALVOREN_API KNet {
     /// No socket, and the description and time-out given.
     KNet(KNetInfo& info, int nTimeOut);
 
-    /// Both share one socket and host entry afterwards.
+    /// Both share one socket and host entry afterwards. An assignment overwrites this object's descriptor without closing
+    /// it and its description as SetConnectionInfo() does.
     KNet(const KNet& other);
     KNet& operator=(const KNet& other);
 
     /// Does not close the socket.
     virtual ~KNet();
 
-    /// Stores the description and a time-out in milliseconds, which no operation of this class looks at. Returns true.
+    /// Stores the description and a time-out in milliseconds, which no operation of this class looks at. Returns true. The
+    /// socket, the host entry and the error stay. @b Beware: after a look-up the old description's raw address leaks, as with
+    /// every assignment of a KNetInfo; an object for each host avoids that.
     bool SetConnectionInfo(const KNetInfo& info, int nTimeOut);
 
     /// Return what is stored.
@@ -157,7 +160,8 @@ class KALVOREN_API KNet {
     // ------------------------------------------------------------------------------------------ Making a socket
 
     /// Looks up the description's host (`gethostbyname`) and keeps its first address and family for the connects and for
-    /// multicast. On failure sets HOST_NOT_FOUND, keeps none, and returns false.
+    /// multicast. Waits for as long as the system's resolver does. On failure sets HOST_NOT_FOUND, keeps none, and returns
+    /// false.
     bool GetHostName();
 
     /// Makes the socket (`socket`) in the host entry's family, or else in the description's, and for multicast or broadcast
@@ -178,7 +182,8 @@ class KALVOREN_API KNet {
     // ------------------------------------------------------------------------------------------------- Serving
 
     /// Binds the socket to the description's port on all addresses, with the port free for reuse, joins the host entry's
-    /// group for multicast, and listens with a backlog of 1000 (`setsockopt`, `bind`, `listen`).
+    /// group for multicast, and listens with a backlog of 1000 (`setsockopt`, `bind`, `listen`). Of a port, here and
+    /// everywhere, the low 16 bits count: the -1 that means "not set" is port 65535. Port 0 lets the system choose.
     ///
     /// Returns false with NO_SOCKET without a socket. Any failure closes the socket and gives BIND_FAILED and false. @b A
     /// @b datagram @b socket @b cannot @b listen, so Bind() fails for UDP.
@@ -191,11 +196,15 @@ class KALVOREN_API KNet {
     /// peer's address in it. What @p client held is overwritten, not closed.
     ///
     /// Returns false with NO_SOCKET when this socket does not listen. When the system's call fails, @b this @b socket @b is
-    /// @b closed: BIND_FAILED, false. A peer without an IPv4 address gives PEER_NOT_IPV4 and @b true; its socket is lost,
-    /// and @p client holds this one.
+    /// @b closed: BIND_FAILED, false. A peer without an IPv4 address gives PEER_NOT_IPV4 and @b true; its socket is lost.
+    /// In all three cases @p client is left with this object's description and descriptor, in the second with one that is
+    /// closed: do not use it.
     bool Accept(KNet& client);
 
     // ---------------------------------------------------------------------------------------------- Connecting
+    //
+    // Each of the three ways stores the host entry's address and the description's port. Multicast and broadcast need that:
+    // it is where Write() sends to, and SyncConnectWithTimedBlock() does nothing else for them.
 
     /// Connects and waits for as long as the system does (`connect`). Returns false with NO_SOCKET without a socket. A
     /// failure closes the socket: CONNECT_FAILED, false.
@@ -204,29 +213,36 @@ class KALVOREN_API KNet {
     /// Connects and waits for at most @p nMilliseconds / 1000 seconds and @p nMilliseconds % 1000 @b microseconds
     /// (`connect`, `select`): 1500 waits for 1.0005 seconds.
     ///
-    /// Returns true at once, without connecting, for anything but unicast TCP. @b Beware: whether the connection was refused
-    /// is not looked at, so a refused one is @b true as well: the first Read() or Write() tells. A connection made at once
-    /// leaves the socket non-blocking. A time-out, or a descriptor that `select` cannot take (1024 and above), closes the
-    /// socket: CONNECT_FAILED, false.
+    /// Returns true at once, with the address stored but without connecting, for anything but unicast TCP. @b Beware: whether
+    /// the connection was made is not looked at, so that a refused one, or a network that cannot be reached, is @b true as
+    /// well: the first Read() or Write() tells. A connection made at once leaves the socket non-blocking.
+    ///
+    /// Returns false with NO_SOCKET without a socket. A time-out, a negative one, or a descriptor that `select` cannot take
+    /// (1024 and above) closes the socket: CONNECT_FAILED, false.
     bool SyncConnectWithTimedBlock(int nMilliseconds);
 
-    /// Starts connecting without waiting (`fcntl`, `connect`). Returns 0 when connected at once, 1 when on the way, which is
-    /// also the result of any failure, and -1 when not started: without a socket, a host entry or a descriptor that `select`
-    /// can take, and for anything but unicast. The socket is non-blocking from here on.
+    /// Starts connecting without waiting (`fcntl`, `connect`). Returns 0 when connected at once (as a datagram socket is), 1
+    /// when on the way, which is also the result of any failure, and -1 when not started: without a socket, a host entry or
+    /// a descriptor that `select` can take, and for anything but unicast. With a socket and a host entry the socket is
+    /// non-blocking from here on, whatever the result. Sets no error.
     int ASyncConnectionCheckStart();
 
     /// Waits for a started connect for at most @p nMilliseconds, counted as by SyncConnectWithTimedBlock() (`select`). Returns
-    /// 1 when it is still on the way, 0 when the socket is ready, and -1 when it is neither, or `select` cannot take the
-    /// descriptor. May be repeated.
+    /// 1 when it is still on the way or the wait failed (a negative time), 0 when the socket is ready, connected or refused,
+    /// and -1 when it is neither, or `select` cannot take the descriptor. May be repeated. Sets no error.
     int ASyncConnectionChecking(int nMilliseconds);
 
     /// Ends a started connect: puts the socket's flags back when it is connected, else closes it and sets CONNECT_FAILED.
     /// Returns true.
     bool ASyncConnectionCheckDone(bool fgConnected);
 
-    /// Tells whether the described host can be connected to, and leaves no socket open. Waits without limit when
-    /// @p nMilliseconds is below 1, else as SyncConnectWithTimedBlock() does, with the same caveat: a refused connection
-    /// counts as made. True without a test for RAW and UDP, and for anything but unicast once the socket could be made.
+    /// Tells whether the described host can be connected to (GetHostName(), CreateSocket(), a connect, DeleteSocket()), and
+    /// leaves no socket open. Waits without limit when @p nMilliseconds is below 1, else as SyncConnectWithTimedBlock() does,
+    /// with the same caveat: a refused connection counts as made. False, with the error of the step that failed, when it
+    /// cannot. True without a test for RAW and UDP, whose socket is closed.
+    ///
+    /// @b Beware: any other protocol with multicast or broadcast is false with CASTING_NEEDS_UDP, and @b that @b socket
+    /// @b stays @b open.
     bool ConnectionTest(int nMilliseconds);
 
     /// Returns true, always.
@@ -236,6 +252,8 @@ class KALVOREN_API KNet {
 
     /// Waits until @p nLen bytes have come (`recv` with MSG_WAITALL, and MSG_PEEK when @p fgPeek). @b Returns @b -1 @b when
     /// @b all @b have. Anything else, also fewer bytes before the peer closed, gives 0 and RECEIVE_FAILED, or NO_SOCKET.
+    /// On a datagram socket it takes one datagram, whose rest is lost when it is longer. A length of 0 waits for something
+    /// to read, or for the end, and is complete then.
     int Read(char* pBuffer, int nLen, bool fgPeek);
 
     /// Takes what has come, without waiting (`recvfrom` with MSG_DONTWAIT, and MSG_PEEK when @p fgPeek), and the sender's
@@ -243,9 +261,10 @@ class KALVOREN_API KNet {
     /// RECEIVE_FAILED, or NO_SOCKET, on failure. On a stream socket the address is "0.0.0.0" and the port 0.
     int ReadWithClientInfo(char* pBuffer, int nLen, KString& ip, int& nPort, bool fgPeek);
 
-    /// Sends @p nLen bytes: to the peer (`send`), or for multicast and broadcast to the stored address (`sendto`). Returns
-    /// the number of bytes sent or -1; a failed `send` writes the log line "KNet Write Error: %d" with `errno`. Without a
-    /// socket: NO_SOCKET, 0. Without a record: NO_SOCKET, -1. Unknown delivery: check "0"; else NO_SOCKET, -1.
+    /// Sends @p nLen bytes: to the peer (`send`), or for multicast and broadcast to the address that one of the ways to
+    /// connect, or Bind(), stored last (`sendto`). Returns the number of bytes sent or -1; a failed `send` writes the log line
+    /// "KNet Write Error: %d" with `errno`. Without a socket: NO_SOCKET, 0. Without a record: NO_SOCKET, -1. Unknown
+    /// delivery: check "0"; else NO_SOCKET, -1.
     int Write(const char* pBuffer, int nLen);
 
     /// Broadcasts @p nLen bytes to 255.255.255.255 at a port. Returns the number of bytes sent or -1. Only for broadcast:
@@ -253,12 +272,14 @@ class KALVOREN_API KNet {
     int WriteWithOtherPort(const char* pBuffer, int nLen, int nPort);
 
     /// Sends @p nLen bytes to a host (`gethostbyname`, `sendto`). Returns the number of bytes sent, or -1, also for a host that
-    /// is not found or longer than 2047 characters. Only for UDP: anything else fails the check "0"; else -1. Without a
-    /// socket: NO_SOCKET, 0.
+    /// is not found or longer than 2047 characters; with the checks on, a longer one fails KString::GetUTF8String()'s. Only
+    /// for UDP: anything else fails the check "0"; else -1. Without a socket: NO_SOCKET, 0.
     int WriteWithClientInfo(const char* pBuffer, int nLen, const KString& host, int nPort);
 
-    /// Waits for at most 10 seconds (`poll`) and returns the number of bytes that can be read (`ioctl`): 0 when none came or
-    /// the peer closed, and without a socket (NO_SOCKET); -1 with RECEIVE_FAILED when waiting fails.
+    /// Waits for at most 10 seconds (`poll`) and returns the number of bytes that can be read (`ioctl`), of datagrams those of
+    /// the next one: 0 when none came or the peer closed, and without a socket (NO_SOCKET); -1 with RECEIVE_FAILED when
+    /// waiting fails, and -1 without an error when counting does. What is waited for is the descriptor that CreateSocket()
+    /// or Accept() made last with success.
     int GetReceivedSize();
 
     /// Appends the addresses of this host's name as texts to a list (`gethostname`, `gethostbyname`). Appends nothing when the
