@@ -3,11 +3,12 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <random>
 #include <string>
 
@@ -90,8 +91,10 @@ void Fill(KList<KPath>& list, Contents eContents, int nCount) {
     }
 }
 
+/// From what fits a page of a program to what fills a recorder's disk, with the growth that is expected.
+template <benchmark::BigO Growth>
 void Sizes(benchmark::internal::Benchmark* pBenchmark) {
-    pBenchmark->Arg(100)->Arg(1000)->Arg(10000)->Arg(50000)->Complexity()->Unit(benchmark::kMicrosecond);
+    pBenchmark->Arg(100)->Arg(1000)->Arg(10000)->Arg(50000)->Complexity(Growth)->Unit(benchmark::kMicrosecond);
 }
 
 // ---------------------------------------------------------------------------------------------------------- Reading
@@ -110,7 +113,7 @@ void Open(benchmark::State& state) {
     }
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK(Open)->Apply(Sizes);
+BENCHMARK(Open)->Apply(Sizes<benchmark::oNLogN>);
 
 /// The same with the lines that it writes for each entry, to nowhere.
 void OpenWithLog(benchmark::State& state) {
@@ -133,7 +136,7 @@ void OpenWithLog(benchmark::State& state) {
     close(nStderr);
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK(OpenWithLog)->Apply(Sizes);
+BENCHMARK(OpenWithLog)->Apply(Sizes<benchmark::oNLogN>);
 
 class OpenDirectory : public benchmark::Fixture {
  public:
@@ -158,7 +161,7 @@ BENCHMARK_DEFINE_F(OpenDirectory, ReadLast)(benchmark::State& state) {
     }
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK_REGISTER_F(OpenDirectory, ReadLast)->Apply(Sizes);
+BENCHMARK_REGISTER_F(OpenDirectory, ReadLast)->Apply(Sizes<benchmark::oN>);
 
 BENCHMARK_DEFINE_F(OpenDirectory, ReadAll)(benchmark::State& state) {
     for (auto _ : state) {
@@ -167,7 +170,7 @@ BENCHMARK_DEFINE_F(OpenDirectory, ReadAll)(benchmark::State& state) {
     }
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK_REGISTER_F(OpenDirectory, ReadAll)->Apply(Sizes);
+BENCHMARK_REGISTER_F(OpenDirectory, ReadAll)->Apply(Sizes<benchmark::oN>);
 
 BENCHMARK_DEFINE_F(OpenDirectory, ReadDirectories)(benchmark::State& state) {
     for (auto _ : state) {
@@ -176,7 +179,7 @@ BENCHMARK_DEFINE_F(OpenDirectory, ReadDirectories)(benchmark::State& state) {
     }
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK_REGISTER_F(OpenDirectory, ReadDirectories)->Apply(Sizes);
+BENCHMARK_REGISTER_F(OpenDirectory, ReadDirectories)->Apply(Sizes<benchmark::oN>);
 
 // ---------------------------------------------------------------------------------------------------------- Sorting
 
@@ -196,17 +199,65 @@ void SortList(benchmark::State& state, Contents eContents, KDirectory::SortMetho
     }
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK_CAPTURE(SortList, Ascending, kDistinct, KDirectory::SORT_ASCENDING)->Apply(Sizes);
-BENCHMARK_CAPTURE(SortList, Descending, kDistinct, KDirectory::SORT_DESCENDING)->Apply(Sizes);
-BENCHMARK_CAPTURE(SortList, AscendingNoCase, kDistinct, KDirectory::SORT_ASCENDING_NOCASE)->Apply(Sizes);
-BENCHMARK_CAPTURE(SortList, DescendingNoCase, kDistinct, KDirectory::SORT_DESCENDING_NOCASE)->Apply(Sizes);
-BENCHMARK_CAPTURE(SortList, NoCaseEqualInPairs, kEqualInPairs, KDirectory::SORT_ASCENDING_NOCASE)->Apply(Sizes);
-BENCHMARK_CAPTURE(SortList, NoCaseOfTwoTexts, kTwoTexts, KDirectory::SORT_ASCENDING_NOCASE)->Apply(Sizes);
+BENCHMARK_CAPTURE(SortList, Ascending, kDistinct, KDirectory::SORT_ASCENDING)->Apply(Sizes<benchmark::oNLogN>);
+BENCHMARK_CAPTURE(SortList, Descending, kDistinct, KDirectory::SORT_DESCENDING)->Apply(Sizes<benchmark::oNLogN>);
+BENCHMARK_CAPTURE(SortList, AscendingNoCase, kDistinct, KDirectory::SORT_ASCENDING_NOCASE)
+    ->Apply(Sizes<benchmark::oNLogN>);
+BENCHMARK_CAPTURE(SortList, DescendingNoCase, kDistinct, KDirectory::SORT_DESCENDING_NOCASE)
+    ->Apply(Sizes<benchmark::oNLogN>);
+BENCHMARK_CAPTURE(SortList, NoCaseEqualInPairs, kEqualInPairs, KDirectory::SORT_ASCENDING_NOCASE)
+    ->Apply(Sizes<benchmark::oNLogN>);
+BENCHMARK_CAPTURE(SortList, NoCaseOfTwoTexts, kTwoTexts, KDirectory::SORT_ASCENDING_NOCASE)
+    ->Apply(Sizes<benchmark::oNLogN>);
 BENCHMARK_CAPTURE(SortList, NoCaseWithOneTextMissing, kOneMissing, KDirectory::SORT_ASCENDING_NOCASE)
     ->Arg(100)
     ->Arg(1000)
     ->Arg(10000)
-    ->Complexity()
+    ->Complexity(benchmark::oNSquared)
     ->Unit(benchmark::kMicrosecond);
+
+// --------------------------------------------------------------------------------------------- Directories by path
+
+void CanHandle(benchmark::State& state) {
+    g_eDebugLevel = kSilent;
+    const ScopedDirectory scratch;
+    KPath path(scratch.Path().c_str());
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(KDirectory::CanHandle(path, true, true));
+    }
+}
+BENCHMARK(CanHandle);
+
+/// A path of so many directories that are there already.
+void CreateWhatExists(benchmark::State& state) {
+    g_eDebugLevel = kSilent;
+    const ScopedDirectory scratch;
+    std::string deep = scratch.Path();
+    for (int i = 0; i < state.range(0); ++i) {
+        deep += "/d";
+    }
+    KPath path(deep.c_str());
+    for (auto _ : state) {
+        KDirectory::CreateDir(path, KDirectory::DIR_RECURSIVE);
+    }
+    state.SetComplexityN(state.range(0));
+}
+BENCHMARK(CreateWhatExists)->Arg(1)->Arg(10)->Arg(100)->Complexity();
+
+/// A directory with so many files.
+void DeleteTree(benchmark::State& state) {
+    g_eDebugLevel = kSilent;
+    const ScopedDirectory scratch;
+    KPath path((scratch.Path() + "/tree").c_str());
+    for (auto _ : state) {
+        state.PauseTiming();
+        KDirectory::CreateDir(path, KDirectory::DIR_SINGLE);
+        MakeFiles(scratch.Path() + "/tree", static_cast<int>(state.range(0)));
+        state.ResumeTiming();
+        KDirectory::DeleteDir(path, KDirectory::DIR_RECURSIVE);
+    }
+    state.SetComplexityN(state.range(0));
+}
+BENCHMARK(DeleteTree)->Arg(10)->Arg(100)->Arg(1000)->Complexity(benchmark::oN)->Unit(benchmark::kMicrosecond);
 
 }  // namespace

@@ -20,8 +20,8 @@
 
 namespace support {
 
-/// More than the heap keeps for itself: an allocation of this size always asks the system.
-constexpr int kMuchMemory = 64 << 20;
+/// More than the heap ever keeps for itself (32 MiB): an allocation of this size always asks the system.
+constexpr int kMuchMemory = 33 << 20;
 
 /// What running without memory came to, beside the results of the code itself.
 constexpr int kMemoryCannotBeLimited = 77;
