@@ -14,17 +14,17 @@
 ///
 /// @par Shared memory
 /// Both sides call `Init(n, isServer, KIPC::SHARED_MEMORY, KPath())` and use GetSharedMemory(). The object's name is
-/// "KALVOREN_IPC_" and the number. The memory has no lock; the processes agree on how they use it. Whichever side closes
-/// the channel removes the name, and the next server makes a new object.
+/// "KALVOREN_IPC_" and the number. The memory has no lock; the processes agree on how they use it. Whichever side
+/// closes the channel removes the name, and the next server makes a new object.
 ///
 /// @par Local socket
 /// The socket file's name is the path, "_" and the number.
-/// - The server calls `Init(n, true, KIPC::LOCAL_SOCKET, path)` and WaitForConnectToMe() with another KIPC as the peer, on
-///   which it then reads and writes. Prepare the peer before: `peer.SetType(KIPC::LOCAL_SOCKET)`, or closing it acts on
-///   shared memory (see Close()).
+/// - The server calls `Init(n, true, KIPC::LOCAL_SOCKET, path)` and WaitForConnectToMe() with another KIPC as the peer,
+///   on which it then reads and writes. Prepare the peer before: `peer.SetType(KIPC::LOCAL_SOCKET)`, or closing it acts
+///   on shared memory (see Close()).
 /// - The client makes a KIPC, calls SetPath() and SetIndex() with the server's, then @b CreateClient() and
-///   ConnectToServer(). @b Beware: Create() and Init() do the same for a client as for a server, so a client made through
-///   them takes the socket file away from the server and cannot connect.
+///   ConnectToServer(). @b Beware: Create() and Init() do the same for a client as for a server, so a client made
+///   through them takes the socket file away from the server and cannot connect.
 ///
 /// Operations that need the channel record check "m_pInternal"; with the checks off and without a record, they are true
 /// with nothing done, unless stated otherwise.
@@ -49,21 +49,21 @@ class KALVOREN_API KIPC {
 
     // ------------------------------------------------------------------------------------------------ The table
 
-    /// Makes channel @p nIndex, unless it is there, with its number and path, and creates it. Returns whether the channel is
-    /// in the table; an existing one is true whatever its type. When Create() fails the result is false, and the channel
-    /// stays in the table. Checks "nIndex >= 0 && nIndex < (1000)"; with the checks off false outside 0 to 1000: number 1000
-    /// is let through.
+    /// Makes channel @p nIndex, unless it is there, with its number and path, and creates it. Returns whether the
+    /// channel is in the table; an existing one is true whatever its type. When Create() fails the result is false, and
+    /// the channel stays in the table. Checks "nIndex >= 0 && nIndex < (1000)"; with the checks off false outside 0 to
+    /// 1000: number 1000 is let through.
     static bool Init(int nIndex, bool fgServer, KIPCType eType, const KPath& path);
 
-    /// Returns channel @p nIndex. Checks "nIndex >= 0 && nIndex < (1000)", and "0" when there is none; with the checks off it
-    /// returns null.
+    /// Returns channel @p nIndex. Checks "nIndex >= 0 && nIndex < (1000)", and "0" when there is none; with the checks
+    /// off it returns null.
     static KIPC* GetInstance(int nIndex);
 
     /// Removes a channel. Returns true. Checks "nIndex >= 0 && nIndex < (1000)".
     ///
-    /// @b Beware: if channel @p nIndex is there, it is channel @b 0 that is closed and deleted, whatever @p nIndex is, and
-    /// only when IsCreated() is false for it, as it is for shared memory: a local-socket channel is never removed. To end
-    /// a channel, call Close() on its instance.
+    /// @b Beware: if channel @p nIndex is there, it is channel @b 0 that is closed and deleted, whatever @p nIndex is,
+    /// and only when IsCreated() is false for it, as it is for shared memory: a local-socket channel is never removed.
+    /// To end a channel, call Close() on its instance.
     static bool Deinit(int nIndex);
 
     // ------------------------------------------------------------------------------------------ Making and closing
@@ -71,63 +71,68 @@ class KALVOREN_API KIPC {
     /// A shared-memory client for channel 0 that is not created. Checks "m_pInternal" when memory is lacking.
     KIPC();
 
-    /// Both share the descriptors and the mapping afterwards.
+    /// Both share the descriptors and the mapping afterwards. @b Beware: closing or destroying one closes them for
+    /// both, and the other then closes whatever the system has given the same numbers to. Pass references instead.
     KIPC(const KIPC& other);
     KIPC& operator=(const KIPC& other);
 
     /// Calls Close(). The channel record is never freed.
     virtual ~KIPC();
 
-    /// Creates the channel as server or client and returns true when that succeeded. Type and side are stored in any case.
+    /// Creates the channel as server or client and returns true when that succeeded. Type and side are stored in any
+    /// case.
     ///
-    /// SHARED_MEMORY (`shm_open`, `ftruncate`, `mmap`): the server makes the object, or opens an existing one; the client
-    /// opens it for reading, and false is returned when it is not there. When the memory cannot be mapped, or an existing
-    /// object is shorter than 520 bytes, the result is @b true and GetSharedMemory() is null.
+    /// SHARED_MEMORY (`shm_open`, `ftruncate`, `mmap`): the server makes the object, or opens an existing one; the
+    /// client opens it for reading, and false is returned when it is not there. When the memory cannot be mapped, or an
+    /// existing object is shorter than 520 bytes, the result is @b true and GetSharedMemory() is null. A client may
+    /// find it so in the moment before the server gives the object its size, and calls Create() again. Memory that is
+    /// open already is not closed first: call Close() before.
     ///
-    /// LOCAL_SOCKET (`socket`, `unlink`, `bind`, `listen` with a backlog of 1000), on @b both sides: removes the socket file,
-    /// makes a new one and listens. True at once when this object has a socket. Logs "Create IPC %d" with the descriptor, or
-    /// the error "IPC Socket Create Failed". When binding or listening fails the socket stays open.
+    /// LOCAL_SOCKET (`socket`, `unlink`, `bind`, `listen` with a backlog of 1000), on @b both sides: removes the socket
+    /// file, makes a new one and listens. True at once when this object has a socket. Logs "Create IPC %d" with the
+    /// descriptor, or the error "IPC Socket Create Failed". When binding or listening fails the socket stays open.
     ///
     /// Anything else: check "0"; with the checks off true, with nothing made.
     bool Create(bool fgServer, KIPCType eType);
 
-    /// Makes the client's side of a local socket: a socket and the server's address, from this object's path and number.
-    /// Leaves the socket file alone, so that ConnectToServer() reaches the server that listens there. Returns true, at once
-    /// when this object has a socket; false, with the error "IPC Socket Create Failed", when the system has none. Logs
-    /// "Create IPC %d". The object is a LOCAL_SOCKET client afterwards and IsCreated().
+    /// Makes the client's side of a local socket: a socket and the server's address, from this object's path and
+    /// number. Leaves the socket file alone, so that ConnectToServer() reaches the server that listens there. Returns
+    /// true, at once when this object has a socket; false, with the error "IPC Socket Create Failed", when the system
+    /// has none. Logs "Create IPC %d". The object is a LOCAL_SOCKET client afterwards and IsCreated().
     bool CreateClient();
 
     /// Closes the channel. Returns true; IsCreated() is false afterwards.
     ///
     /// LOCAL_SOCKET: logs "Close IPC %d" and closes the socket, if there is one. The socket file stays.
     ///
-    /// SHARED_MEMORY: unmaps the memory, closes the descriptor, and removes the object's name, on either side. @b Beware: an
-    /// object that was never created holds descriptor 0, which is closed (the standard input, usually), and removes channel
-    /// 0's name unless it has another number. Destroying such an object does the same. An accepted peer is such an object
-    /// unless SetType() was called on it before.
+    /// SHARED_MEMORY: unmaps the memory, closes the descriptor, and removes the object's name, on either side.
+    /// @b Beware: an object that was never created holds descriptor 0, which is closed (the standard input, usually),
+    /// and removes channel 0's name unless it has another number. Destroying such an object does the same. An accepted
+    /// peer is such an object unless SetType() was called on it before.
     ///
     /// UNSUPPORTED: nothing. Anything else: check "0".
     bool Close();
 
     // ------------------------------------------------------------------------------------------------- Connecting
 
-    /// Connects a client to its server (`connect`). Returns false on the server's side, without a socket, or when the server
-    /// is not there.
+    /// Connects a client to its server (`connect`). Returns false on the server's side, without a socket, or when the
+    /// server is not there.
     bool ConnectToServer();
 
-    /// Waits for a client (`accept`) and hands its socket to @p client, of which nothing else changes. Returns false unless
-    /// this is a server with a socket, and when the system's call fails. Checks "pCInfo": the record of @p client.
+    /// Waits for a client (`accept`) and hands its socket to @p client, of which nothing else changes; a socket that it
+    /// had is not closed. Returns false unless this is a server with a socket, and when the system's call fails:
+    /// @p client then has no socket. Checks "pCInfo": the record of @p client.
     bool WaitForConnectToMe(KIPC& client);
 
     // ------------------------------------------------------------------------------------------ Reading and writing
 
-    /// Read or write one record over the socket, in one call (`read`, `write`). Return true only when all 520 bytes moved in
-    /// that call: what moved otherwise is lost, and the stream is out of step. False without a socket.
+    /// Read or write one record over the socket, in one call (`read`, `write`). Return true only when all 520 bytes
+    /// moved in that call: what moved otherwise is lost, and the stream is out of step. False without a socket.
     bool Read(IPCData& data);
     bool Write(const IPCData& data);
 
-    /// Returns the address of the shared memory, 520 bytes, for reading only on a client; null when nothing is mapped. Good
-    /// until Close().
+    /// Returns the address of the shared memory, 520 bytes, for reading only on a client; null when nothing is mapped.
+    /// Good until Close().
     void* GetSharedMemory() const;
 
     // ------------------------------------------------------------------------------------------------- Accessors

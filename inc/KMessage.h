@@ -18,8 +18,8 @@ class KALVOREN_API KMessage {
     /// Empty texts and no payload.
     KMessage();
 
-    /// Copies of two texts and of @p nSize bytes; no payload for a size below 1, or when memory is lacking. A null @p pData
-    /// fails KMem::Copy's check "pSrc"; with the checks off the payload is zeros.
+    /// Copies of two texts and of @p nSize bytes; no payload for a size below 1, or when memory is lacking. A null
+    /// @p pData fails KMem::Copy's check "pSrc"; with the checks off the payload is zeros.
     KMessage(KString& text1, KString& text2, void* pData, int nSize);
 
     /// A copy with a payload of its own.
@@ -56,23 +56,23 @@ class KALVOREN_API KMessage {
 /// Messages are handed over on the sending thread, to each handler in the order of registration. An @b empty @b name
 /// matches nothing, not even itself: a registration under it is never found again.
 ///
-/// Thread-safety: one mutex is held for every registration, removal, and the whole of a dispatch. It is not recursive: @b a
-/// @b handler @b must @b not @b register, @b unregister @b or @b send from inside HandleMessage(); it would block for
-/// good. A handler must not wait for a thread that does one of these either.
+/// Thread-safety: one mutex is held for every registration, removal, and the whole of a dispatch. It is not recursive:
+/// @b a @b handler @b must @b not @b register, @b unregister @b or @b send from inside HandleMessage(); it would block
+/// for good. A handler must not wait for a thread that does one of these either.
 class KALVOREN_API KMessageHandler {
  public:
     /// Receives a message. It belongs to the sender and is good until the return. The result is ignored.
     virtual int HandleMessage(const KMessage& message) = 0;
 
-    /// Registers a handler under a name, unless it is already registered under it. It is not owned: unregister it before it is
-    /// destroyed. Returns true.
+    /// Registers a handler under a name, unless it is already registered under it. It is not owned: unregister it
+    /// before it is destroyed. Returns true.
     static bool Register(KMessageHandler* pHandler, KString& name);
 
     /// Removes a handler's registration under a name. Returns false when there is none.
     static bool Unregister(KMessageHandler* pHandler, KString& name);
 
-    /// Hands a message to every handler that is registered under a name. Returns 0. The time is proportional to the number
-    /// of registrations.
+    /// Hands a message to every handler that is registered under a name. Returns 0. The time is proportional to the
+    /// number of registrations.
     static int SendMessage(const KString& name, const KMessage& message);
 
  protected:

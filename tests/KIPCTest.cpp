@@ -106,8 +106,8 @@ class ScopedNumber {
 };
 int ScopedNumber::s_nNext = 0;
 
-/// Keeps the shared-memory names of the table's channels, which all processes of the machine share, to this test. They are
-/// free when the block begins and gone when it ends.
+/// Keeps the shared-memory names of the table's channels, which all processes of the machine share, to this test. They
+/// are free when the block begins and gone when it ends.
 class ScopedTableNames {
  public:
     ScopedTableNames() : m_nLock(open("/dev/shm", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
@@ -1146,6 +1146,26 @@ TEST(KIPCTest, AcceptingChangesNothingOfThePeerButItsSocket) {
     EXPECT_EQ(peer.GetType(), KIPC::LOCAL_SOCKET);
     EXPECT_TRUE(client.Write(RecordOf(1)));
     EXPECT_TRUE(ReadsRecord(peer, 1));
+}
+
+TEST(KIPCTest, APeerThatHasASocketForgetsItWithoutClosingIt) {
+    const ScopedDirectory directory;
+    SocketChannel server(directory);
+    SocketChannel first(directory);
+    SocketChannel second(directory);
+    SocketChannel peer(directory);
+    EXPECT_TRUE(server.Create(true, KIPC::LOCAL_SOCKET));
+    EXPECT_TRUE(first.CreateClient());
+    EXPECT_TRUE(first.ConnectToServer());
+    EXPECT_TRUE(second.CreateClient());
+    EXPECT_TRUE(second.ConnectToServer());
+    const int nForgotten = NextDescriptor();
+    EXPECT_TRUE(server.WaitForConnectToMe(peer));
+    EXPECT_TRUE(server.WaitForConnectToMe(peer));
+    EXPECT_TRUE(peer.Write(RecordOf(2)));
+    EXPECT_TRUE(ReadsRecord(second, 2));
+    EXPECT_TRUE(IsOpen(nForgotten));
+    close(nForgotten);
 }
 
 TEST(KIPCTest, WhenAcceptingFailsThePeerHasNoSocket) {
