@@ -138,7 +138,7 @@ class KALVOREN_API KMem {
 
  private:
     struct KALVOREN_LOCAL MemInfoContainer;
-    KALVOREN_LOCAL static MemInfoContainer* g_pMemInfoContainer;
+    static MemInfoContainer* g_pMemInfoContainer;
 
     bool HasBytes() const { return m_nSize >= 1 && m_pBuf != nullptr; }
     KALVOREN_LOCAL bool Take(const char* pFirst, int nFirst, const char* pSecond, int nSecond,
