@@ -89,9 +89,16 @@ Layout LayoutOf(const KThread& thread) {
     return layout;
 }
 
+/// The record alone: the status next to it may be changing at this moment.
+void* InfoOf(const KThread& thread) {
+    void* pInfo = nullptr;
+    std::memcpy(&pInfo, reinterpret_cast<const char*>(&thread) + offsetof(Layout, pInfo), sizeof pInfo);
+    return pInfo;
+}
+
 pthread_t HandleOf(const KThread& thread) {
     pthread_t handle;
-    std::memcpy(&handle, LayoutOf(thread).pInfo, sizeof handle);
+    std::memcpy(&handle, InfoOf(thread), sizeof handle);
     return handle;
 }
 
@@ -99,7 +106,7 @@ pthread_t HandleOf(const KThread& thread) {
 class ScopedWithoutRecord {
  public:
     explicit ScopedWithoutRecord(KThread& thread)
-        : m_pField(reinterpret_cast<char*>(&thread) + offsetof(Layout, pInfo)), m_pInfo(LayoutOf(thread).pInfo) {
+        : m_pField(reinterpret_cast<char*>(&thread) + offsetof(Layout, pInfo)), m_pInfo(InfoOf(thread)) {
         Set(nullptr);
     }
     ~ScopedWithoutRecord() { Set(m_pInfo); }
@@ -443,7 +450,7 @@ TEST(KThreadTest, StartMakesAJoinableThreadWithTheObjectAsArgument) {
                             "pthread_attr_setschedparam", "pthread_create"));
     EXPECT_EQ(t_Given.nDetachState, PTHREAD_CREATE_JOINABLE);
     EXPECT_EQ(t_Given.pArgument, static_cast<KThread*>(&thread));
-    EXPECT_EQ(t_Given.pHandle, LayoutOf(thread).pInfo);
+    EXPECT_EQ(t_Given.pHandle, InfoOf(thread));
 }
 
 TEST(KThreadTest, AStackSizeOtherThanMinusOneIsSetBeforeTheThreadIsMade) {
