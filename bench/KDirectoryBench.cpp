@@ -5,9 +5,11 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -52,6 +54,30 @@ void MakeFiles(const std::string& directory, int nCount) {
     for (int i = 0; i < nCount; ++i) {
         close(open((directory + "/" + Name(random)).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     }
+}
+
+/// The path of a directory with so many files, made when it is first asked for and kept to the end.
+KPath Filled(int nCount) {
+    static std::map<int, ScopedDirectory> directories;
+    const bool fgMade = directories.count(nCount) != 0;
+    const ScopedDirectory& directory = directories[nCount];
+    if (!fgMade) {
+        MakeFiles(directory.Path(), nCount);
+    }
+    return KPath(directory.Path().c_str());
+}
+
+/// That directory, read. The last one is kept.
+KDirectory& Read(int nCount) {
+    static std::unique_ptr<KDirectory> pDirectory;
+    static int nRead = -1;
+    if (nRead != nCount) {
+        pDirectory = std::make_unique<KDirectory>();
+        KPath path = Filled(nCount);
+        pDirectory->Open(path);
+        nRead = nCount;
+    }
+    return *pDirectory;
 }
 
 /// What a list to be sorted is made of.
@@ -102,13 +128,10 @@ void Sizes(benchmark::internal::Benchmark* pBenchmark) {
 /// Opening, sorting and closing, with the memory of the entries.
 void Open(benchmark::State& state) {
     g_eDebugLevel = kSilent;
-    const ScopedDirectory scratch;
-    MakeFiles(scratch.Path(), static_cast<int>(state.range(0)));
-    KPath path(scratch.Path().c_str());
+    KPath path = Filled(static_cast<int>(state.range(0)));
     for (auto _ : state) {
         KDirectory directory;
         directory.Open(path);
-        benchmark::DoNotOptimize(directory.GetCount());
         directory.Close();
     }
     state.SetComplexityN(state.range(0));
@@ -117,9 +140,7 @@ BENCHMARK(Open)->Apply(Sizes<benchmark::oNLogN>);
 
 /// The same with the lines that it writes for each entry, to nowhere.
 void OpenWithLog(benchmark::State& state) {
-    const ScopedDirectory scratch;
-    MakeFiles(scratch.Path(), static_cast<int>(state.range(0)));
-    KPath path(scratch.Path().c_str());
+    KPath path = Filled(static_cast<int>(state.range(0)));
     std::fflush(stderr);
     const int nStderr = dup(STDERR_FILENO);
     const int nNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -138,64 +159,52 @@ void OpenWithLog(benchmark::State& state) {
 }
 BENCHMARK(OpenWithLog)->Apply(Sizes<benchmark::oNLogN>);
 
-class OpenDirectory : public benchmark::Fixture {
- public:
-    void SetUp(benchmark::State& state) override {
-        g_eDebugLevel = kSilent;
-        const ScopedDirectory scratch;
-        MakeFiles(scratch.Path(), static_cast<int>(state.range(0)));
-        KPath path(scratch.Path().c_str());
-        m_pDirectory = std::make_unique<KDirectory>();
-        m_pDirectory->Open(path);
-    }
-    void TearDown(benchmark::State&) override { m_pDirectory.reset(); }
-
- protected:
-    std::unique_ptr<KDirectory> m_pDirectory;
-};
-
-BENCHMARK_DEFINE_F(OpenDirectory, ReadLast)(benchmark::State& state) {
+void ReadLast(benchmark::State& state) {
+    g_eDebugLevel = kSilent;
+    KDirectory& directory = Read(static_cast<int>(state.range(0)));
     KPath entry;
     for (auto _ : state) {
-        m_pDirectory->Read(m_pDirectory->GetCount() - 1, entry);
+        directory.Read(directory.GetCount() - 1, entry);
     }
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK_REGISTER_F(OpenDirectory, ReadLast)->Apply(Sizes<benchmark::oN>);
+BENCHMARK(ReadLast)->Apply(Sizes<benchmark::oN>);
 
-BENCHMARK_DEFINE_F(OpenDirectory, ReadAll)(benchmark::State& state) {
+void ReadAll(benchmark::State& state) {
+    g_eDebugLevel = kSilent;
+    KDirectory& directory = Read(static_cast<int>(state.range(0)));
     for (auto _ : state) {
         KList<KPath> entries;
-        m_pDirectory->ReadAll(entries);
+        directory.ReadAll(entries);
     }
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK_REGISTER_F(OpenDirectory, ReadAll)->Apply(Sizes<benchmark::oN>);
+BENCHMARK(ReadAll)->Apply(Sizes<benchmark::oN>);
 
-BENCHMARK_DEFINE_F(OpenDirectory, ReadDirectories)(benchmark::State& state) {
+/// There are two: "." and "..".
+void ReadDirectories(benchmark::State& state) {
+    g_eDebugLevel = kSilent;
+    KDirectory& directory = Read(static_cast<int>(state.range(0)));
     for (auto _ : state) {
         KList<KPath> entries;
-        m_pDirectory->ReadDirectories(entries);
+        directory.ReadDirectories(entries);
     }
     state.SetComplexityN(state.range(0));
 }
-BENCHMARK_REGISTER_F(OpenDirectory, ReadDirectories)->Apply(Sizes<benchmark::oN>);
+BENCHMARK(ReadDirectories)->Apply(Sizes<benchmark::oN>);
 
 // ---------------------------------------------------------------------------------------------------------- Sorting
 
 void SortList(benchmark::State& state, Contents eContents, KDirectory::SortMethod eMethod) {
     g_eDebugLevel = kSilent;
-    KList<KPath> original;
-    Fill(original, eContents, static_cast<int>(state.range(0)));
+    KList<KPath> list;
+    Fill(list, eContents, static_cast<int>(state.range(0)));
+    std::mt19937 random(3);
     for (auto _ : state) {
         state.PauseTiming();
-        {
-            KList<KPath> list(original);
-            state.ResumeTiming();
-            KDirectory::Sort(list, eMethod);
-            state.PauseTiming();
-        }
+        list.Arrange([&](KPath** ppFirst, int nCount) { std::shuffle(ppFirst, ppFirst + nCount, random); });
         state.ResumeTiming();
+        KDirectory::Sort(list, eMethod);
     }
     state.SetComplexityN(state.range(0));
 }
