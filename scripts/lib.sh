@@ -53,7 +53,7 @@ require_packages() {
 
 preset_names() {
     # The names of the build presets, in their order in the file.
-    sed -n '/"buildPresets"/,/\]/s/.*"name": "\([a-z]*\)".*/\1/p' "${ROOT}/CMakePresets.json" | paste -s -d ' '
+    sed -n '/"buildPresets"/,/\]/s/.*"name": "\([a-z-]*\)".*/\1/p' "${ROOT}/CMakePresets.json" | paste -s -d ' '
 }
 
 is_preset() {

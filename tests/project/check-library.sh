@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # check-library.sh LIBRARY READELF NM
 #
-# The shared library has the name, the needs and the exports that it should have.
+# The shared library has the name, the needs, the exports and the hardening that it should have.
 set -euo pipefail
 
 library=$1
@@ -33,4 +33,14 @@ symbols=$("${nm}" --dynamic --defined-only --format=posix "${library}" | cut -d 
 while read -r symbol; do
     refuse "exports $(c++filt "${symbol}"), which is not its own"
 done < <(grep -E '^_Z(T[VIST])?(N?K?(St|S[absiod]|9__gnu_cxx)|GVN?)' <<<"${symbols}")
+# Hardening: canaries, libc's checked calls, everything resolved and made read-only before the program starts, no
+# executable stack, nothing both writable and executable.
+imports=$("${nm}" --dynamic --undefined-only --format=posix "${library}" | cut -d ' ' -f 1 | sed 's/@.*//')
+grep -qx '__stack_chk_fail' <<<"${imports}" || refuse "is compiled without stack protection"
+grep -qx '__vsnprintf_chk' <<<"${imports}" || refuse "is compiled without checked calls"
+grep -qE '\(FLAGS\).*BIND_NOW|\(FLAGS_1\).*NOW' <<<"${dynamic}" || refuse "binds its calls late"
+segments=$("${readelf}" --program-headers --wide "${library}")
+grep -q 'GNU_RELRO' <<<"${segments}" || refuse "leaves its tables writable"
+grep -qE 'GNU_STACK.* RW ' <<<"${segments}" || refuse "asks for an executable stack"
+grep -qE 'LOAD.* RWE ' <<<"${segments}" && refuse "has memory that is writable and executable"
 exit "${status}"
