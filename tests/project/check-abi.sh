@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# check-abi.sh SOURCE-DIRECTORY LIBRARY READELF ARCHITECTURE
+#
+# The library's classes, tables of virtual operations and exported operations are those of the baseline in abi/.
+set -euo pipefail
+
+source=$1
+library=$2
+readelf=$3
+architecture=$4
+
+skip() {
+    echo "$*: the layout is not compared"
+    exit 77
+}
+[[ -s ${source}/abi/${architecture}.xml ]] || skip "there is no baseline for ${architecture}"
+command -v abidiff >/dev/null || skip "abidiff is not installed"
+"${readelf}" --sections --wide "${library}" | grep -q ' \.debug_info ' || skip "there is no debug information"
+
+# Whatever abidiff reports counts: it cannot tell which change is harmless to programs, and none is expected.
+if ! abidiff --leaf-changes-only --harmless --no-show-locs "${source}/abi/${architecture}.xml" "${library}"; then
+    echo "the binary interface is not that of abi/${architecture}.xml; scripts/abi --help tells more"
+    exit 1
+fi
