@@ -35,6 +35,8 @@ for link in libkalvoren-sharedd.so.1 libkalvoren-sharedd.so; do
     [[ -L ${prefix}/lib/${link} ]] || refuse "lib/${link} is not a link"
     [[ $(realpath "${prefix}/lib/${link}") == */libkalvoren-sharedd.so.1.0.0 ]] || refuse "lib/${link} leads elsewhere"
 done
+[[ -s ${prefix}/share/doc/kalvoren/kalvoren.spdx.json ]] || refuse "the bill of materials is not installed"
+[[ ! -e ${prefix}/share/doc/libkalvoren1 ]] || refuse "what only the Debian packages have is installed"
 if grep -rlF -e "${source}" -e "${scratch}/first" "${prefix}/lib/cmake" "${prefix}/lib/pkgconfig"; then
     refuse "the files above name directories of the machine they were built on"
 fi
