@@ -1,15 +1,19 @@
 #!/usr/bin/env bash
-# check-gdb.sh SOURCE-DIRECTORY INCLUDE-DIRECTORY LIBRARY-DIRECTORY COMPILER
+# check-gdb.sh SOURCE-DIRECTORY INCLUDE-DIRECTORY LIBRARY-DIRECTORY COMPILER [EMULATOR...]
 #
-# The pretty-printers show live objects, and the same objects in a core file, as what they mean.
+# The pretty-printers show live objects, and the same objects in a core file, as what they mean. With an EMULATOR, the
+# objects of a program in it, through its stub for remote debuggers.
 set -euo pipefail
 
 source=$1
 include=$2
 library=$3
 compiler=$4
-if ! command -v gdb >/dev/null; then
-    echo "gdb is not installed"
+emulator=("${@:5}")
+gdb=gdb
+[[ ${#emulator[@]} -eq 0 ]] || gdb="gdb-multiarch"
+if ! command -v "${gdb}" >/dev/null; then
+    echo "${gdb} is not installed"
     exit 77
 fi
 scratch=$(mktemp -d)
@@ -35,7 +39,7 @@ for name in text empty path fields time block endpoint message node; do
     commands+=(-ex "print ${name}")
 done
 debug() {
-    LD_LIBRARY_PATH="${library}" gdb -nx -q -batch -ex "source ${source}/tools/gdb/kalvoren_gdb.py" "$@" 2>&1 || true
+    LD_LIBRARY_PATH="${library}" "${gdb}" -nx -q -batch -ex "source ${source}/tools/gdb/kalvoren_gdb.py" "$@" 2>&1 || true
 }
 compare() {
     if ! diff "${scratch}/expected" <(grep '^\$[0-9]' "${scratch}/$1"); then
@@ -44,6 +48,23 @@ compare() {
         exit 1
     fi
 }
+
+if [[ ${#emulator[@]} -gt 0 ]]; then
+    LD_LIBRARY_PATH="${library}" "${emulator[@]}" -g "${scratch}/stub" "${scratch}/printed" >"${scratch}/output" 2>&1 &
+    stub=$!
+    trap 'kill "${stub}" 2>/dev/null || true; rm -rf "${scratch}"' EXIT
+    for ((attempt = 0; attempt < 300; ++attempt)); do
+        [[ ! -S ${scratch}/stub ]] || break
+        kill -0 "${stub}" 2>/dev/null || { cat "${scratch}/output"; echo "the emulator did not start"; exit 1; }
+        sleep 0.1
+    done
+    # Without the sysroot option gdb would fetch each library through the stub.
+    debug "${scratch}/printed" -ex "set sysroot ${emulator[*]: -1}" -ex "set solib-search-path ${library}" \
+        -ex "target remote ${scratch}/stub" -ex "set breakpoint pending on" -ex "break KDebug::Time" -ex continue -ex up \
+        "${commands[@]}" -ex kill >"${scratch}/remote"
+    compare remote "objects in the emulator"
+    exit 0
+fi
 
 debug "${scratch}/printed" -ex "break KDebug::Time" -ex run -ex up "${commands[@]}" \
     -ex "generate-core-file ${scratch}/core" >"${scratch}/live"

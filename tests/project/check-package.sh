@@ -90,6 +90,17 @@ for relation in bill["relationships"]:
     assert {relation["spdxElementId"], relation["relatedSpdxElement"]} <= identifiers, relation
 END
 
+# gdb loads the printers by itself with the library of that path. Here the path begins with the root of their own.
+debugger=gdb
+[[ -z ${toolchain} ]] || debugger=gdb-multiarch
+if command -v "${debugger}" >/dev/null; then
+    mkdir -p "${scratch}/auto-load$(dirname "${root}")"
+    ln -s "${root}/usr/share/gdb/auto-load" "${scratch}/auto-load${root}"
+    "${debugger}" -nx -batch -iex "set auto-load scripts-directory ${scratch}/auto-load" -iex "set auto-load safe-path /" \
+        "${libraries}/libkalvoren-sharedd.so.1.0.0" -ex "info pretty-printer" >"${scratch}/log" 2>&1
+    grep -q '^ *kalvoren' "${scratch}/log" || { cat "${scratch}/log"; refuse "gdb does not load the printers by itself"; }
+fi
+
 # run PROGRAM: with the library of the packages, natively or in the emulator.
 run() {
     local output
