@@ -58,8 +58,11 @@ extern KALVOREN_API KMutex g_Mutex;
 class KALVOREN_API KDebug {
  public:
     KDebug();
+
+    /// Copying fails the check "0". With the checks off, a copy is a new object and an assignment does nothing.
     KDebug(const KDebug&);
     KDebug& operator=(const KDebug&);
+
     virtual ~KDebug();
 
     /// Makes both blocks (`malloc`). Called twice without Deinit() between, it leaks the first pair.

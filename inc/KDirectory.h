@@ -49,6 +49,7 @@ class KALVOREN_API KDirectory {
     /// A closed directory without entries.
     KDirectory();
 
+    /// Copying fails the check "0". With the checks off, a copy is a new object and an assignment does nothing.
     KDirectory(const KDirectory&);
     KDirectory& operator=(const KDirectory&);
 

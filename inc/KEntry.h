@@ -7,11 +7,13 @@
 
 /// Starts the library and shuts it down. A program calls Init() before anything else of the library, and Deinit() last.
 ///
-///     int main(int argc, char** argv) {
-///         KEntry::Init(argc, argv);
-///         ...
-///         KEntry::Deinit();
-///     }
+/// @code
+/// int main(int argc, char** argv) {
+///     KEntry::Init(argc, argv);
+///     // the program
+///     KEntry::Deinit();
+/// }
+/// @endcode
 ///
 /// Starting and stopping may be repeated any number of times.
 ///
@@ -35,6 +37,7 @@ class KALVOREN_API KEntry {
     /// Starts the library; programs call Init().
     KEntry(int argc, char** argv);
 
+    /// Copying fails the check "0". With the checks off, a copy is a new object and an assignment does nothing.
     KEntry(const KEntry&);
     KEntry& operator=(const KEntry&);
 

@@ -51,6 +51,7 @@ class KALVOREN_API KFile {
     /// The same from a text, whose backslashes become '/'.
     KFile(const char* pszPath, bool bWrite);
 
+    /// Copying fails the check "0". With the checks off, a copy is a new object and an assignment does nothing.
     KFile(const KFile&);
     KFile& operator=(const KFile&);
 

@@ -44,7 +44,7 @@ class KALVOREN_API KIPC {
 
     /// One record. What is in it is up to the programs that exchange it.
     struct IPCData {
-        unsigned char bytes[520];
+        unsigned char bytes[520];  ///< What is exchanged.
     };
 
     // ------------------------------------------------------------------------------------------------ The table

@@ -20,6 +20,7 @@ class KALVOREN_API KLib {
     /// Nothing loaded.
     KLib();
 
+    /// Copying fails the check "0". With the checks off, a copy is a new object and an assignment does nothing.
     KLib(const KLib&);
     KLib& operator=(const KLib&);
 

@@ -20,10 +20,14 @@
 /// or to fill one with many elements, use a Reader or an Appender: one lock for the whole walk, and the same short time
 /// for every element.
 ///
+/// @code
+/// void Print(const KList<KString>& fields) {
 ///     KList<KString>::Reader reader(fields);
 ///     while (const KString* pField = reader.Next()) {
-///         Use(*pField);
+///         std::puts(pField->GetBuffer());
 ///     }
+/// }
+/// @endcode
 ///
 /// Thread-safety: every operation holds the list's mutex from its start to its end. The mutex is not recursive: an
 /// element's assignment must not touch the list it is in, and the thread that holds a Reader or an Appender must not
@@ -167,6 +171,7 @@ class KALVOREN_API KList {
     /// Goes through a list from first to last under one lock, which it holds for as long as it lives.
     class Reader {
      public:
+        /// Takes the list's lock.
         KALVOREN_INLINE explicit Reader(const KList& list) : m_Guard(list.m_Mutex), m_pNext(list.m_pHead) {}
 
         /// Returns the address of the next element, good for as long as the Reader lives; null after the last.

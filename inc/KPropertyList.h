@@ -160,8 +160,10 @@ class KALVOREN_API KPropertyList {
     /// Reads a text.
     explicit KPropertyList(const KString& text);
 
+    /// Copying fails the check "0". With the checks off, a copy is a new object and an assignment does nothing.
     KPropertyList(const KPropertyList&);
     KPropertyList& operator=(const KPropertyList&);
+
     virtual ~KPropertyList();
 
     /// Returns the root, a node of PROPERTY_NONE whose children are the top-level keys. It belongs to the property list.

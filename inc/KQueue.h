@@ -70,14 +70,33 @@ class KALVOREN_API KDynamicDataBuffer {
 /// A fixed pool of buffers that a producer fills and a consumer empties, without copying. Queues are numbered 0 to 99
 /// and kept in a table.
 ///
-///     // The producer                                          // The consumer
-///     KDynamicDataBuffer* p = queue->PopWrite();               KDynamicDataBuffer* p = queue->PopRead();
-///     if (p != nullptr) {                                      if (p != nullptr) {
-///         std::memcpy(p->LockWriteBuffer(n, 0), data, n);          Use(p->LockReadBuffer(0), p->GetDataSize());
-///         p->SetDataSize(n);                                       p->UnlockReadBuffer();
-///         p->UnlockWriteBuffer();                                  queue->PushRead(p);
-///         queue->PushWrite(p);                                 }
+/// @code
+/// bool Produce(KManagedDynamicDataQueue& queue, const void* pData, unsigned int nSize) {
+///     KDynamicDataBuffer* const pBuffer = queue.PopWrite();
+///     if (pBuffer == nullptr) {
+///         return false;
 ///     }
+///     void* const pTarget = pBuffer->LockWriteBuffer(nSize, 0);
+///     if (pTarget != nullptr) {
+///         std::memcpy(pTarget, pData, nSize);
+///         pBuffer->SetDataSize(nSize);
+///     }
+///     pBuffer->UnlockWriteBuffer();
+///     queue.PushWrite(pBuffer);
+///     return true;
+/// }
+///
+/// bool Consume(KManagedDynamicDataQueue& queue, std::FILE* pOutput) {
+///     KDynamicDataBuffer* const pBuffer = queue.PopRead();
+///     if (pBuffer == nullptr) {
+///         return false;
+///     }
+///     std::fwrite(pBuffer->LockReadBuffer(0), 1, pBuffer->GetDataSize(), pOutput);
+///     pBuffer->UnlockReadBuffer();
+///     queue.PushRead(pBuffer);
+///     return true;
+/// }
+/// @endcode
 ///
 /// Nothing waits: an empty pool or an empty queue gives null at once.
 ///

@@ -33,6 +33,7 @@ class KALVOREN_API KString {
     /// A copy of a text up to its NUL. A null @p p gives an empty string.
     KString(const char* p);
 
+    /// A copy of another string.
     KString(const KString& other);
 
     /// Takes over the other string's buffer and leaves it empty.
@@ -40,7 +41,10 @@ class KALVOREN_API KString {
 
     virtual ~KString();
 
+    /// Takes a copy of the other string's text.
     KString& operator=(const KString& other);
+
+    /// Takes over the other string's text.
     KString& operator=(KString&& other) noexcept;
 
     /// Takes a copy of a text, which may be part of this string's own. A null @p p empties the string.

@@ -31,6 +31,7 @@ class KALVOREN_API KSystem {
     struct KALVOREN_API HardwareInformation {
         HardwareInformation() : m_nValue(0) {}
 
+        /// Not filled by the library.
         KString m_strName;
         KString m_strVersion;
         int m_nValue;
@@ -40,6 +41,7 @@ class KALVOREN_API KSystem {
     struct KALVOREN_API UserInformation {
         UserInformation() : m_nValue(0) {}
 
+        /// Not filled by the library.
         KString m_strName;
         KPath m_Path;
         int m_nValue;
@@ -47,6 +49,7 @@ class KALVOREN_API KSystem {
 
     /// The program. Never filled.
     struct KALVOREN_API ApplicationInformation {
+        /// Not filled by the library.
         KPath m_Path;
         KPath m_ConfigPath;
         KList<KString> m_Arguments;
@@ -55,6 +58,7 @@ class KALVOREN_API KSystem {
 
     /// The default storage paths. Never filled.
     struct KALVOREN_API StorageInformation {
+        /// Not filled by the library.
         KPath m_Path1;
         KPath m_Path2;
         KPath m_Path3;
@@ -64,6 +68,7 @@ class KALVOREN_API KSystem {
     struct KALVOREN_API DiskInformation {
         DiskInformation() : m_nType(0), m_nTotalSize(0), m_nFreeSize(0) {}
 
+        /// Not filled by the library.
         int m_nType;
         long long m_nTotalSize;
         long long m_nFreeSize;
@@ -94,6 +99,7 @@ class KALVOREN_API KSystem {
     /// operations fill the records again. Nothing happens when there is none.
     static void Deinit();
 
+    /// Copying fails the check "0". With the checks off, a copy is a new object and an assignment does nothing.
     KSystem(const KSystem&);
     KSystem& operator=(const KSystem&);
 

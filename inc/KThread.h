@@ -74,14 +74,22 @@ class KALVOREN_API KMutex {
 ///
 /// Derive from KThread, override ThreadMainLoop(), and poll IsRunning() in it:
 ///
-///     class Sampler : public KThread {
-///      public:
-///         ~Sampler() override { Stop(); }  // before the derived part is gone
-///         int ThreadMainLoop() override {
-///             while (IsRunning()) { Sample(); Sleep(GetSpeed()); }
-///             return 0;
+/// @code
+/// class Sampler : public KThread {
+///  public:
+///     ~Sampler() override { Stop(); }  // before the derived part is gone
+///
+///     int ThreadMainLoop() override {
+///         while (IsRunning()) {
+///             m_nSamples.fetch_add(1);
+///             Sleep(GetSpeed());
 ///         }
-///     };
+///         return 0;
+///     }
+///
+///     std::atomic<int> m_nSamples{0};
+/// };
+/// @endcode
 ///
 /// The owner and the loop speak through one status word only: the loop polls it, Stop() and ForceStop() write it. A
 /// loop that never looks at it makes Stop(), and so the destructor, wait for ever. A derived class must call Stop() in
@@ -123,6 +131,7 @@ class KALVOREN_API KThread {
     /// Calls Stop(), and so waits for a running body to end.
     virtual ~KThread();
 
+    /// Copying fails the check "0". With the checks off, a copy is a new object and an assignment does nothing.
     KThread(const KThread&);
     KThread& operator=(const KThread&);
 

@@ -13,12 +13,12 @@ struct KALVOREN_API KUnixTime {
     /// Zeroes the reserved bytes and leaves the rest undefined.
     KUnixTime() : reserved1(0), reserved2(0) {}
 
-    int sec;                 ///< Seconds since 1970-01-01 00:00:00 UTC.
-    int usec;                ///< Microseconds; normally 0 to 999999, but nothing enforces it.
-    unsigned char gmt15Min;  ///< Offset from GMT in quarter-hours, eastward: 36 is UTC+9:00.
-    unsigned char dst15Min;  ///< Daylight-saving offset in quarter-hours.
-    unsigned char reserved1;
-    unsigned char reserved2;
+    int sec;                  ///< Seconds since 1970-01-01 00:00:00 UTC.
+    int usec;                 ///< Microseconds; normally 0 to 999999, but nothing enforces it.
+    unsigned char gmt15Min;   ///< Offset from GMT in quarter-hours, eastward: 36 is UTC+9:00.
+    unsigned char dst15Min;   ///< Daylight-saving offset in quarter-hours.
+    unsigned char reserved1;  ///< Not used.
+    unsigned char reserved2;  ///< Not used.
 };
 
 /// The calendar fields of an instant, shown in a zone.
@@ -26,18 +26,18 @@ struct KALVOREN_API KHumanTime {
     /// Zeroes the reserved bytes and leaves the rest undefined.
     KHumanTime() : reserved1(0), reserved2(0) {}
 
-    int year;                ///< The full year, for example 2024.
-    int month;               ///< 1 to 12.
-    int day;                 ///< 1 to 31.
-    int weekDay;             ///< 0 (Sunday) to 6. Written by conversions and never read back.
-    int hour;                ///< 0 to 23.
-    int minute;              ///< 0 to 59.
-    int second;              ///< 0 to 59.
-    int usec;                ///< Microseconds.
-    unsigned char gmt15Min;  ///< Offset from GMT in quarter-hours.
-    unsigned char dst15Min;  ///< Daylight-saving offset in quarter-hours.
-    unsigned char reserved1;
-    unsigned char reserved2;
+    int year;                 ///< The full year, for example 2024.
+    int month;                ///< 1 to 12.
+    int day;                  ///< 1 to 31.
+    int weekDay;              ///< 0 (Sunday) to 6. Written by conversions and never read back.
+    int hour;                 ///< 0 to 23.
+    int minute;               ///< 0 to 59.
+    int second;               ///< 0 to 59.
+    int usec;                 ///< Microseconds.
+    unsigned char gmt15Min;   ///< Offset from GMT in quarter-hours.
+    unsigned char dst15Min;   ///< Daylight-saving offset in quarter-hours.
+    unsigned char reserved1;  ///< Not used.
+    unsigned char reserved2;  ///< Not used.
 };
 
 /// An amount of microseconds.
@@ -93,6 +93,7 @@ class KALVOREN_API KTime : public KUnixTime {
     /// The low 32 bits of @p nSec, and @p nUSec microseconds as they are: not normalised.
     KTime(long long nSec, int nUSec, char gmt, char dst);
 
+    /// The same instant and zone.
     KTime(const KTime& time);
 
     /// The instant at which a clock in the given zone shows these fields (see MakeUnixTime()); @p nUSec is stored as
@@ -104,6 +105,7 @@ class KALVOREN_API KTime : public KUnixTime {
 
     virtual ~KTime();
 
+    /// Takes over instant and zone.
     KTime& operator=(const KTime& time);
     KTime& operator=(const KUnixTime& time);
 

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # check-programs.sh SOURCE-DIRECTORY INCLUDE-DIRECTORY LIBRARY-DIRECTORY COMPILER DOCUMENT
 #
-# Every program in a document (a block of cpp with a main function) compiles without a warning, runs, and prints what the
-# next block (of text) says. Each runs in an empty directory of its own that has the examples in it.
+# Every block of cpp in a document is a program that compiles without a warning, runs, and prints what the next block
+# (of text) says. Each runs in an empty directory of its own that has the examples in it.
 set -euo pipefail
 
 source=$1
@@ -34,9 +34,9 @@ fail() {
 
 programs=0
 for program in "${scratch}"/*.cpp; do
-    grep -q 'int main(' "${program}" || continue
     programs=$((programs + 1))
     number=$(basename "${program}" .cpp)
+    grep -q 'int main(' "${program}" || fail "${number}" "has no main function, so that it cannot be tried"
     mkdir "${scratch}/${number}"
     ln -s "${source}/examples" "${scratch}/${number}/examples"
     if ! "${compiler}" -std=c++11 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -I "${include}" \
