@@ -2,6 +2,8 @@
 # check-behaviour.sh SOURCE-DIRECTORY
 #
 # docs/behaviour.md has a section for every class that has surprises, and every test it names is there.
+# The backquotes in the patterns are those of the document.
+# shellcheck disable=SC2016
 set -euo pipefail
 cd "$1"
 

@@ -11,6 +11,7 @@ emulated=$2
 native=${3:-}
 
 listed() {
+    # shellcheck disable=SC2016
     sed -n '/^## What does not run in the emulator/,/^## /s/^| `\([A-Za-z]*\.[A-Za-z0-9]*\)` | .*/\1/p' \
         "${source}/CONTRIBUTING.md" | LC_ALL=C sort -u
 }
