@@ -74,7 +74,8 @@ macro(needed id name licence)
   string(
     APPEND
     contained
-    ",\n    { \"spdxElementId\": \"SPDXRef-Kalvoren\", \"relationshipType\": \"DYNAMIC_LINK\", \"relatedSpdxElement\": \"SPDXRef-${id}\" }")
+    ",\n    { \"spdxElementId\": \"SPDXRef-Kalvoren\", \"relationshipType\": \"DYNAMIC_LINK\", "
+    "\"relatedSpdxElement\": \"SPDXRef-${id}\" }")
 endmacro()
 needed(glibc glibc LGPL-2.1-or-later)
 needed(libstdcxx "libstdc++" "GPL-3.0-or-later WITH GCC-exception-3.1")
