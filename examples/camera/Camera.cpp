@@ -47,6 +47,7 @@ Camera::Camera(const Settings& settings)
 
 Camera::~Camera() {
     if (m_fgServing) {
+        m_Status.Publish(StatusRecord());  // Whoever is watching still has the memory.
         m_Status.Remove();
     }
 }

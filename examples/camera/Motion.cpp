@@ -19,7 +19,7 @@ int Motion::Look(const unsigned char* pRgb) {
 }
 
 Motion::Grid Motion::Measure(const unsigned char* pRgb) const {
-    constexpr int kStride = 4;  // One point of sixteen is enough for a mean.
+    constexpr int kStride = 2;  // One point of four is enough for a mean.
     Grid sums = {};
     Grid counts = {};
     for (int nY = 0; nY < m_nHeight; nY += kStride) {
