@@ -1,7 +1,7 @@
 #include "Control.h"
 
 #include <KFile.h>
-#include <pthread.h>
+#include <signal.h>
 
 #include "Clock.h"
 #include "Command.h"
@@ -11,30 +11,20 @@ namespace camera {
 namespace {
 
 constexpr int kSilenceMs = 2000;
+constexpr int kRetryMs = 100;
+constexpr int kInterruptMs = 5;  // from one signal to the next
 
-/// Lets KThread::ForceStop() end this thread for the length of a block.
-class ScopedCancellation {
- public:
-    ScopedCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr); }
-    ~ScopedCancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); }
-    ScopedCancellation(const ScopedCancellation&) = delete;
-    ScopedCancellation& operator=(const ScopedCancellation&) = delete;
-};
-
-bool WaitForClient(KIPC& listener, KIPC& peer) {
-    const ScopedCancellation cancellation;
-    return listener.WaitForConnectToMe(peer);
-}
-
-bool WaitForCommand(KIPC& peer, KIPC::IPCData& record) {
-    const ScopedCancellation cancellation;
-    return peer.Read(record);
+/// Makes SIGUSR1 a signal that does nothing but end waits.
+void PrepareSignal() {
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};  // And no SA_RESTART, which would let the wait go on.
+    sigaction(SIGUSR1, &action, nullptr);
 }
 
 }  // namespace
 
 Control::Control(const Settings& settings, const Answerer& answerer)
-    : m_Answerer(answerer), m_fgStarted(false), m_nWaitingSince(0) {
+    : m_Answerer(answerer), m_Thread(0), m_fgActive(false), m_nWaitingSince(0) {
     KString file;
     file.Sprintf("%s_%d", settings.socket.GetBuffer(), settings.nChannel);
     m_File = file;
@@ -60,44 +50,53 @@ bool Control::Serve() {
         m_Listener.Close();  // A socket that could not be bound stays open.
         return false;
     }
+    PrepareSignal();
+    m_fgActive = true;
     Start(0, NORMAL, -1, nullptr);
-    m_fgStarted = true;
     return true;
 }
 
 void Control::Tick() {
     const long long nSince = m_nWaitingSince;
     if (nSince != 0 && NowMs() - nSince > kSilenceMs) {
-        End();
-        Serve();
+        Interrupt();
+    }
+}
+
+void Control::Interrupt() {
+    const pthread_t thread = m_Thread;
+    if (thread != 0) {
+        pthread_kill(thread, SIGUSR1);
     }
 }
 
 void Control::End() {
-    if (m_fgStarted) {
-        ForceStop();
-        m_fgStarted = false;
+    SetStatus(STOPPING);
+    // A signal that comes just before the wait is lost on it, so there is another one until the thread has seen its status.
+    while (m_fgActive) {
+        Interrupt();
+        Sleep(kInterruptMs);
     }
-    m_Peer.Close();
-    m_nWaitingSince = 0;
+    Stop();
 }
 
 int Control::ThreadMainLoop() {
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    m_Thread = pthread_self();
     while (IsRunning()) {
-        if (!WaitForClient(m_Listener, m_Peer)) {
-            Sleep(kSilenceMs / 10);
+        if (!m_Listener.WaitForConnectToMe(m_Peer)) {
+            Sleep(kRetryMs);
             continue;
         }
         m_nWaitingSince = NowMs();
         KIPC::IPCData record;
-        if (WaitForCommand(m_Peer, record)) {
-            m_nWaitingSince = 0;
+        const bool fgCame = m_Peer.Read(record);
+        m_nWaitingSince = 0;
+        if (fgCame) {
             m_Peer.Write(RecordOf(m_Answerer(TextOf(record))));
         }
-        m_nWaitingSince = 0;
         m_Peer.Close();
     }
+    m_fgActive = false;
     return 0;
 }
 

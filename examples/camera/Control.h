@@ -4,6 +4,7 @@
 
 #include <KIPC.h>
 #include <KThread.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <functional>
@@ -15,8 +16,8 @@ namespace camera {
 /// Accepts clients one after the other: each sends a record with a command, gets one with the answer, and is closed.
 ///
 /// A KIPC waits for clients and records without a time limit, and does not tell its descriptor, so that one cannot ask
-/// first. What ends such a wait is KThread::ForceStop(), which cancels the thread. So that this never happens in the middle
-/// of a command, the thread can be cancelled while it waits and at no other time.
+/// first. What ends such a wait is a signal to the thread, SIGUSR1, whose handler does nothing: the system's call fails, and
+/// with it the operation. (KThread::ForceStop() would end it too, by cancelling the thread with all it holds.)
 class Control : public KThread {
  public:
     /// Answers a command, on the channel's thread.
@@ -34,13 +35,15 @@ class Control : public KThread {
     int ThreadMainLoop() override;
 
  private:
+    void Interrupt();
     void End();
 
     const Answerer m_Answerer;
     KPath m_File;
     KIPC m_Listener;
     KIPC m_Peer;  ///< Used for all clients: the record of a KIPC is never freed, so that one for each would pile up.
-    bool m_fgStarted;
+    std::atomic<pthread_t> m_Thread;         ///< 0 before the thread's first step.
+    std::atomic<bool> m_fgActive;            ///< From the start of the thread to its last step.
     std::atomic<long long> m_nWaitingSince;  ///< For the client's command; 0 while there is no client.
 };
 
