@@ -5,7 +5,9 @@ ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 JOBS=${KALVOREN_JOBS:-$(nproc)}
 # What any build of the library needs.
 BUILD_PACKAGES=(cmake ninja-build g++)
-export ROOT JOBS BUILD_PACKAGES
+# What the example camera's plug-in needs; without it the camera is built all the same.
+CAMERA_PACKAGES=(libturbojpeg0-dev)
+export ROOT JOBS BUILD_PACKAGES CAMERA_PACKAGES
 
 die() {
     echo "$(basename "$0"): $*" >&2
@@ -63,6 +65,11 @@ is_preset() {
 # configure_preset PRESET [CMAKE-OPTION...]
 configure_preset() {
     (cd "${ROOT}" && cmake --preset "$@" --log-level=WARNING >/dev/null)
+}
+
+# Configures build/demo: what is shown, in a directory of its own, so that it needs nothing that only tests and benchmarks do.
+configure_demo() {
+    configure_preset release -B build/demo -DKALVOREN_BUILD_TESTS=OFF -DKALVOREN_BUILD_BENCHMARKS=OFF
 }
 
 build_preset() {

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <system_error>
+#include <vector>
 
 namespace kplist {
 
@@ -77,9 +78,10 @@ bool ReadText(const char* pszFile, std::string& text, std::string& reason) {
 
 ReadTree ParseText(const std::string& text) {
     const ScopedTolerance tolerance;
-    // Destroying a tree leaves half of its nodes, so that it is kept.
-    static KPropertyList* pList = nullptr;
-    pList = new KPropertyList(KString());
+    // Destroying a tree leaves half of its nodes, so that each is kept.
+    static std::vector<KPropertyList*>& trees = *new std::vector<KPropertyList*>;
+    KPropertyList* const pList = new KPropertyList(KString());
+    trees.push_back(pList);
     KString rest(text.data(), static_cast<int>(text.size()));
     pList->Parshing(rest, pList->GetRoot());
     const bool fgBlank = std::strspn(rest.GetBuffer(), " \t\r\n") == std::strlen(rest.GetBuffer());

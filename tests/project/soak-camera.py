@@ -1,0 +1,232 @@
+#!/usr/bin/env python3
+"""soak-camera.py PROGRAMS CONFIGURATION MINUTES SUPPRESSIONS
+
+Runs the camera from the directory PROGRAMS for MINUTES with clients that come and go; see scripts/soak.
+"""
+import http.client
+import json
+import os
+import random
+import re
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+CLIENTS = 8
+WARM_UP = 120  # seconds until what the camera has is what it needs
+LONGEST_VISIT = 6.0  # seconds
+
+
+def fail(message):
+    sys.exit(f"soak-camera: {message}")
+
+
+class Tally:
+    """What the clients count, all together."""
+
+    def __init__(self):
+        self.lock = threading.Lock()
+        self.counts = {}
+
+    def add(self, what, number=1):
+        with self.lock:
+            self.counts[what] = self.counts.get(what, 0) + number
+
+    def __getitem__(self, what):
+        return self.counts.get(what, 0)
+
+
+class Soak:
+    def __init__(self, programs, configuration, suppressions):
+        self.programs, self.tally, self.ending = os.path.abspath(programs), Tally(), threading.Event()
+        self.directory = tempfile.TemporaryDirectory()
+        with open(configuration, encoding="utf-8") as file:
+            text = file.read()
+        text = re.sub(r"(<key>Channel</key>\s*<integer>)\d+", rf"\g<1>{100 + os.getpid() % 800}", text)
+        text = re.sub(r"(<key>SegmentSeconds</key>\s*<integer>)\d+", r"\g<1>10", text)
+        text = re.sub(r"(<key>LimitKilobytes</key>\s*<integer>)\d+", r"\g<1>20000", text)
+        with open(os.path.join(self.directory.name, "camera.plist"), "w", encoding="utf-8") as file:
+            file.write(text)
+        suppressions = os.path.abspath(suppressions)
+        self.environment = dict(os.environ,
+                                LSAN_OPTIONS=f"print_suppressions=0:suppressions={suppressions}/lsan.supp",
+                                TSAN_OPTIONS=f"suppressions={suppressions}/tsan.supp")
+        self.log = open(os.path.join(self.directory.name, "log"), "w+", encoding="utf-8", errors="replace")
+        self.camera = self.start("camera", "--port", "0", stdout=subprocess.PIPE, stderr=self.log, text=True)
+        line = self.camera.stdout.readline()
+        if not line.startswith("camera: http"):
+            fail("the camera does not start: " + self.read_log())
+        self.port = int(line.rstrip("/\n").rsplit(":", 1)[1])
+
+    def start(self, program, *arguments, **options):
+        return subprocess.Popen([os.path.join(self.programs, program), *arguments], cwd=self.directory.name,
+                                env=self.environment, **options)
+
+    def read_log(self):
+        self.log.flush()
+        with open(self.log.name, encoding="utf-8", errors="replace") as file:
+            return file.read()
+
+    def control(self, *words):
+        """Sends a command as camera-ctl does. Returns its answer; one that is missing counts."""
+        self.tally.add("commands sent")
+        process = self.start("camera-ctl", *words, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        answer = process.communicate()[0].strip()
+        if process.returncode == 0:
+            self.tally.add("commands answered")
+        else:
+            print(f"camera-ctl {' '.join(words)}: status {process.returncode}, {answer}")
+        return answer
+
+    def get(self, path):
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
+        try:
+            connection.request("GET", path)
+            response = connection.getresponse()
+            body = response.read()
+            self.tally.add("requests answered" if response.status == 200 else f"status {response.status}")
+            return body
+        finally:
+            connection.close()
+
+    def watch(self):
+        """A client of the stream: joins, reads for a while, slowly at times, and leaves."""
+        chance = random.Random(threading.get_ident())
+        while not self.ending.is_set():
+            with socket.create_connection(("127.0.0.1", self.port), timeout=30) as connection:
+                connection.sendall(b"GET /stream.mjpg HTTP/1.1\r\n\r\n")
+                self.tally.add("visits")
+                end = time.monotonic() + chance.uniform(0, LONGEST_VISIT)
+                slow = chance.random() < 0.25
+                while time.monotonic() < end and not self.ending.is_set():
+                    data = connection.recv(65536)
+                    if not data:
+                        self.tally.add("streams that ended")
+                        break
+                    self.tally.add("bytes", len(data))
+                    self.tally.add("pictures", data.count(b"--picture\r\n"))
+                    if slow:
+                        time.sleep(0.2)
+            time.sleep(chance.uniform(0, 1))
+
+    def command(self):
+        chance = random.Random(1)
+        while not self.ending.is_set():
+            self.control(*chance.choice([("snapshot",), ("rotate",), ("loglevel", "1"), ("loglevel", "2")]))
+            time.sleep(chance.uniform(0, 1))
+
+    def browse(self):
+        while not self.ending.is_set():
+            for path in ("/", "/status.json", "/snapshot.jpg"):
+                self.get(path)
+            time.sleep(1)
+
+    def guarded(self, work):
+        def run():
+            try:
+                work()
+            except Exception as error:  # pylint: disable=broad-except
+                if not self.ending.is_set():
+                    self.tally.add("broken clients")
+                    print(f"{work.__name__}: {error!r}")
+        return run
+
+    def usage(self):
+        """Resident memory in KB, descriptors, threads."""
+        with open(f"/proc/{self.camera.pid}/status", encoding="ascii") as file:
+            status = dict(line.split(":", 1) for line in file)
+        return int(status["VmRSS"].split()[0]), len(os.listdir(f"/proc/{self.camera.pid}/fd")), int(status["Threads"])
+
+
+def run(soak, seconds):
+    threads = [threading.Thread(target=soak.guarded(work)) for work in [soak.watch] * CLIENTS + [soak.command, soak.browse]]
+    for thread in threads:
+        thread.start()
+    samples = []
+    began = time.monotonic()
+    while time.monotonic() - began < seconds and soak.camera.poll() is None:
+        time.sleep(1)
+        if soak.camera.poll() is None:
+            samples.append((time.monotonic() - began, *soak.usage()))
+        if len(samples) % 60 == 0 and samples:
+            _, rss, descriptors, running = samples[-1]
+            print(f"{len(samples) // 60:3} min  {rss} KB resident  {descriptors} descriptors  {running} threads  "
+                  f"{soak.tally['visits']} visits  {soak.tally['commands answered']} commands", flush=True)
+    status = json.loads(soak.get("/status.json")) if soak.camera.poll() is None else None
+    soak.ending.set()
+    for thread in threads:
+        thread.join()
+    if status is None:
+        fail(f"the camera ended with {soak.camera.returncode}: {soak.read_log()}")
+    # When all have left, their descriptors are closed.
+    end = time.monotonic() + 30
+    while json.loads(soak.get("/status.json"))["clients"] != 0 and time.monotonic() < end:
+        time.sleep(0.2)
+    time.sleep(1)
+    rest = soak.usage()
+    final = json.loads(soak.get("/status.json"))
+    soak.control("stop")
+    return samples, status, rest, final, soak.camera.wait(60)
+
+
+def mean(values):
+    return sum(values) / len(values)
+
+
+def growth(samples, column):
+    """The means of a column in the minute behind the warm-up and in the last one."""
+    end = samples[-1][0]
+    early = [s[column] for s in samples if WARM_UP <= s[0] < WARM_UP + 60]
+    late = [s[column] for s in samples if s[0] >= end - 60]
+    return mean(early), mean(late)
+
+
+def main():
+    if len(sys.argv) != 5:
+        fail("wrong arguments")
+    minutes = float(sys.argv[3])
+    soak = Soak(sys.argv[1], sys.argv[2], sys.argv[4])
+    samples, status, rest, final, code = run(soak, minutes * 60)
+    tally, faults = soak.tally, []
+
+    print(f"\npictures        {status['frames']}, {status['frames'] / (minutes * 60):.2f} a second; {status['drops']} dropped, "
+          f"{status['notRecorded']} not recorded")
+    print(f"visits          {tally['visits']}; {tally['pictures']} pictures, {tally['bytes'] // 1000000} MB; "
+          f"{status['skipped']} skipped for slow clients")
+    print(f"requests        {tally['requests answered']} answered; {status['refused']} connections refused")
+    print(f"commands        {tally['commands answered']} answered of {tally['commands sent']}")
+    print(f"segments        {status['segments']}; {status['recordedKilobytes']} KB kept of at most 20000")
+    print(f"resident        {max(s[1] for s in samples)} KB at most")
+    print(f"descriptors     {max(s[2] for s in samples)} at most, {rest[1]} without clients")
+    print(f"threads         {max(s[3] for s in samples)} at most, {rest[2]} without clients")
+
+    if minutes >= 4:
+        early, late = growth(samples, 1)
+        print(f"growth          {early:.0f} KB in minute 3, {late:.0f} KB in the last ({(late / early - 1) * 100:+.1f} %)")
+        # A tenth is what allocators breathe.
+        if late > early * 1.1 and late - early > 1024:
+            faults.append("resident memory grows")
+        early, late = growth(samples, 2)
+        print(f"                {early:.1f} descriptors in minute 3, {late:.1f} in the last")
+        if late > early + CLIENTS / 2:
+            faults.append("descriptors grow")
+    # The stop command is answered, but counted when nobody can look any more.
+    if tally["commands answered"] != tally["commands sent"] or final["commands"] != tally["commands sent"] - 1:
+        faults.append(f"commands were lost: {final['commands']} counted by the camera")
+    if tally["broken clients"] or tally["streams that ended"]:
+        faults.append("clients met with faults")
+    if code != 0:
+        faults.append(f"the camera ended with {code}: {soak.read_log()}")
+    if re.search("Sanitizer|runtime error", soak.read_log()):
+        faults.append(f"a sanitizer has something to say: {soak.read_log()}")
+    if final["recording"] != "on" or status["recordedKilobytes"] > 20000:
+        faults.append("the recording is not as it should be")
+    if faults:
+        fail("; ".join(faults))
+    print("Nothing was lost, and nothing grows.")
+
+
+main()
