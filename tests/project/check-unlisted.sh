@@ -12,7 +12,7 @@ trap 'rm -rf "${scratch}"' EXIT
 
 cd "${source}"
 mkdir "${scratch}/source"
-cp -R CMakeLists.txt cmake inc src tests tools examples bench "${scratch}/source"
+cp -R CMakeLists.txt cmake inc src tests fuzz tools examples bench "${scratch}/source"
 
 configure() {
     cmake -S "${scratch}/source" -B "${scratch}/build" -G Ninja -DKALVOREN_BUILD_TESTS=ON -DKALVOREN_BUILD_TOOLS=ON \
@@ -43,8 +43,8 @@ build() {
 
 configure || refuse "the project does not configure without a forgotten file"
 
-forgotten=(src/KForgotten.cpp src/api/KForgotten.cpp inc/KForgotten.h tests/KForgottenTest.cpp tools/kplist/forgotten.cpp
-    examples/forgotten.cpp)
+forgotten=(src/KForgotten.cpp src/api/KForgotten.cpp inc/KForgotten.h tests/KForgottenTest.cpp
+    tests/torture/forgotten.cpp fuzz/KForgottenFuzz.cpp tools/kplist/forgotten.cpp examples/forgotten.cpp)
 if grep -q '^benchmark_DIR:PATH=/' "${scratch}/build/CMakeCache.txt"; then
     forgotten+=(bench/KForgottenBench.cpp)
 fi
