@@ -29,6 +29,12 @@ if(KALVOREN_COVERAGE)
   add_link_options(--coverage)
 endif()
 
+if(KALVOREN_BUILD_FUZZERS)
+  # What the fuzzer is led by. Its main function goes to the targets alone.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+  add_link_options(-fsanitize=fuzzer-no-link)
+endif()
+
 # kalvoren_link_defs(<target>): an undefined symbol is an error when the library is linked, not when it is loaded.
 function(kalvoren_link_defs target)
   # Clang links its sanitizers' runtime into programs only, so that a shared library has to leave its symbols open.
