@@ -44,6 +44,12 @@ function(kalvoren_harden target)
   target_link_options(${target} PRIVATE "LINKER:-z,relro,-z,now,-z,noexecstack")
 endfunction()
 
+if(KALVOREN_BUILD_FUZZERS)
+  # What the fuzzer is led by. Its main function goes to the targets alone.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+  add_link_options(-fsanitize=fuzzer-no-link)
+endif()
+
 # kalvoren_link_defs(<target>): an undefined symbol is an error when the library is linked, not when it is loaded.
 function(kalvoren_link_defs target)
   # Clang links its sanitizers' runtime into programs only, so that a shared library has to leave its symbols open.

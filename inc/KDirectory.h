@@ -130,8 +130,8 @@ class KALVOREN_API KDirectory {
     /// inside is passed over. A directory that cannot be read is reported on standard error as "Couldn't open the directory"
     /// (`perror`), and deleted if it is empty, or a file; an entry whose status cannot be read logs the error "Directory
     /// Delete lstat Error %s, ErrorNO:%d" and is deleted as a file would be. Paths in the tree must fit
-    /// KPath::GetSystemPath(); with the checks off, what has a longer path stays. One descriptor is open for each level of
-    /// the tree.
+    /// KPath::GetSystemPath(); with the checks off, what has a longer path stays. So does, and without a line, what there is
+    /// no memory to name: a path is never cut. One descriptor is open for each level of the tree.
     ///
     /// Any other action fails the check "0"; with the checks off it does nothing and returns true.
     static bool DeleteDir(KPath& path, DirectoryAction eAction);

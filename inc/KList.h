@@ -250,6 +250,16 @@ class KALVOREN_API KList {
             return &pElement->m_Value;
         }
 
+        /// Moves all elements of another list to the end, as they are: it takes no memory. The other list is locked too.
+        KALVOREN_INLINE void Take(KList& other) {
+            Guard guard(other.m_Mutex);
+            *m_ppEnd = other.m_pHead;
+            m_List.m_nCount += other.m_nCount;
+            other.m_pHead = nullptr;
+            other.m_nCount = 0;
+            FindEnd();
+        }
+
      private:
         KALVOREN_INLINE void FindEnd() {
             while (*m_ppEnd != nullptr) {

@@ -239,12 +239,7 @@ class KPropertyList::Reader {
     void MoveTo(KPropertyNode& parent) {
         const ScopedLock lock(parent.m_Mutex);
         KList<KPropertyNode*>::Appender appender(parent.m_Children);
-        KPropertyNode* pChild = nullptr;
-        while (m_Top.m_Children.Pop(pChild, -1)) {
-            if (!appender.Add(pChild)) {
-                delete pChild;
-            }
-        }
+        appender.Take(m_Top.m_Children);
     }
 
  private:

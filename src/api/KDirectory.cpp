@@ -298,14 +298,23 @@ DIR* OpenForDeletion(KPath& path, bool fgFollow) {
 
 bool DeleteTree(KPath& path, bool fgFollow);
 
+/// Names an entry of a directory. False without memory for the whole text: a shorter one could name something else. It is
+/// set as it stands: a backslash in a name must not become a way out of the directory.
+bool SetChild(KPath& child, const KPath& path, const char* pszName) {
+    const KString text = path.GetPath() + "/" + pszName;
+    child.SetPath(text);
+    return static_cast<std::size_t>(child.GetPath().Length()) ==
+           static_cast<std::size_t>(path.GetPath().Length()) + 1 + std::strlen(pszName);
+}
+
 /// Deletes what is in a directory. Paths are some two kilobytes large and live on the heap, or a deep tree would need more
 /// stack than a thread has.
 void DeleteEntries(DIR* pDirectory, const KPath& path) {
     const std::unique_ptr<KPath> pChild(new (std::nothrow) KPath());
     while (const dirent* const pEntry = pChild != nullptr ? readdir(pDirectory) : nullptr) {
-        // As it stands: a backslash in a name must not become a way out of the directory.
-        pChild->SetPath(path.GetPath() + "/" + pEntry->d_name);
-        if (!IsRealDirectory(*pChild)) {
+        if (!SetChild(*pChild, path, pEntry->d_name)) {
+            // It stays, and its directory with it.
+        } else if (!IsRealDirectory(*pChild)) {
             std::remove(SystemPath(*pChild));
         } else if (!IsSelfOrParent(pEntry->d_name)) {
             DeleteTree(*pChild, false);

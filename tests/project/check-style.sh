@@ -12,6 +12,6 @@ if [[ -z ${formatter} ]] || ! "${formatter}" --version | grep -q "version ${vers
     echo "clang-format ${version} is not installed: the formatting is not checked"
     exit 77
 fi
-mapfile -d '' files < <(find inc src tests tools examples bench -name '*.h' -print0 -o -name '*.cpp' -print0)
+mapfile -d '' files < <(find inc src tests fuzz tools examples bench -name '*.h' -print0 -o -name '*.cpp' -print0)
 [[ ${#files[@]} -gt 0 ]] || { echo "no C++ files found below $1"; exit 1; }
 "${formatter}" --dry-run -Werror "${files[@]}"

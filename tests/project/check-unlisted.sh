@@ -12,7 +12,7 @@ trap 'rm -rf "${scratch}"' EXIT
 
 cd "${source}"
 mkdir "${scratch}/source"
-cp -R CMakeLists.txt LICENSE README.md CHANGELOG.md cmake docs inc packaging src tests tools examples bench \
+cp -R CMakeLists.txt LICENSE README.md CHANGELOG.md cmake docs inc packaging src tests fuzz tools examples bench \
     "${scratch}/source"
 
 configure() {
@@ -45,7 +45,7 @@ build() {
 configure || refuse "the project does not configure without a forgotten file"
 
 forgotten=(src/KForgotten.cpp src/Forgotten.h src/api/KForgotten.cpp inc/KForgotten.h tests/KForgottenTest.cpp
-    tools/kplist/forgotten.cpp examples/forgotten.cpp)
+    tests/torture/forgotten.cpp fuzz/KForgottenFuzz.cpp tools/kplist/forgotten.cpp examples/forgotten.cpp)
 if grep -q '^benchmark_DIR:PATH=/' "${scratch}/build/CMakeCache.txt"; then
     forgotten+=(bench/KForgottenBench.cpp)
 fi

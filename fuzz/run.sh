@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# run.sh PROGRAM TARGET DIRECTORY
+#
+# Lets a fuzz target look for inputs that fail, for KALVOREN_FUZZ_SECONDS seconds (10 where it is not set). It starts from the
+# corpus that is kept and from what it found before in this build directory. An input that fails is left in
+# DIRECTORY/findings/TARGET; once the fault is mended, it belongs in fuzz/regressions/TARGET.
+set -euo pipefail
+
+program=$1
+target=$2
+directory=$3
+source=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+
+mkdir -p "${directory}/corpus/${target}" "${directory}/findings/${target}"
+kept=()
+for place in corpus regressions; do
+    if [[ -d ${source}/${place}/${target} ]]; then
+        kept+=("${source}/${place}/${target}")
+    fi
+done
+
+# Kernels with more random address bits than the sanitizers of Clang 14 can take: without any.
+start=()
+if [[ $(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 28) -gt 28 ]]; then
+    start=(setarch -R)
+fi
+dictionary=()
+if [[ -f ${source}/dictionaries/${target} ]]; then
+    dictionary=("-dict=${source}/dictionaries/${target}")
+fi
+
+exec "${start[@]}" "${program}" -max_total_time="${KALVOREN_FUZZ_SECONDS:-10}" -timeout=25 -rss_limit_mb=2048 \
+    -print_final_stats=1 -verbosity=1 "${dictionary[@]}" -artifact_prefix="${directory}/findings/${target}/" \
+    "${directory}/corpus/${target}" "${kept[@]}"

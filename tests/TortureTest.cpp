@@ -1,0 +1,135 @@
+// Every fallible call that the library makes is made to fail, one at a time, in every way it has. Whatever fails: the library
+// gives the stated result, logs the stated line, leaves nothing behind, and neither crashes nor hangs.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "KDebug.h"
+#include "KMem.h"
+#include "KString.h"
+#include "support/Process.h"
+#include "support/Support.h"
+#include "torture/Faults.h"
+
+namespace {
+
+using testing::IsEmpty;
+using torture::Fault;
+using torture::Outcome;
+using torture::Scenario;
+
+std::vector<Scenario> AllScenarios() {
+    std::vector<Scenario> all;
+    for (const auto& scenarios : {torture::ValueScenarios(), torture::FileScenarios(), torture::ConnectionScenarios(),
+                                  torture::ProcessScenarios()}) {
+        all.insert(all.end(), scenarios.begin(), scenarios.end());
+    }
+    return all;
+}
+
+std::string Describe(const Fault& fault, const Outcome& outcome) {
+    if (!outcome.fgFailed) {
+        return "in the run in which nothing failed";
+    }
+    const std::string strWay =
+        outcome.nError == torture::kShort ? "came out short" : "failed with error " + std::to_string(outcome.nError);
+    return "in the run in which call " + std::to_string(fault.nCall) + ", " + outcome.szFunction + ", " + strWay;
+}
+
+/// One run, with what it has to leave as it was.
+void RunHere(const Scenario& scenario, const Fault& fault, bool fgMayBeRefused) {
+    // The log's buffers are there before, where a scenario is not about them.
+    KDebug::Error(KString());
+    torture::Begin(fault, fgMayBeRefused);
+    const torture::Holdings before = torture::TakeStock();
+    scenario.pRun();
+    const torture::Holdings after = torture::TakeStock();
+    EXPECT_LE(after.nBlocks, before.nBlocks + torture::AllowedBlocks()) << "memory was left behind";
+    EXPECT_EQ(after.nMappings, before.nMappings) << "shared memory was left mapped";
+    EXPECT_LE(after.nDescriptors, before.nDescriptors + torture::AllowedDescriptors()) << "a descriptor was left open";
+    torture::CloseDirectories();
+}
+
+/// One run in a process of its own, which a failed check may end.
+void RunApart(const Scenario& scenario, const Fault& fault) {
+    torture::Begin(fault, true);
+    support::ChildProcess child([&] { RunHere(scenario, fault, true); });
+    EXPECT_EQ(child.Wait(), support::ChildProcess::kPassed);
+}
+
+/// Goes through the faults of a scenario until a run sees none. Returns the checks that ended runs.
+template <typename RunOne>
+std::set<std::string> RunAll(RunOne runOne) {
+    std::set<std::string> refusals;
+    bool fgMore = true;
+    for (int nCall = 1; fgMore; ++nCall) {
+        int nWays = 1;
+        for (int nWay = 0; nWay < nWays; ++nWay) {
+            const Fault fault = {nCall, nWay};
+            runOne(fault);
+            const Outcome outcome = torture::TheOutcome();
+            if (testing::Test::HasFailure()) {
+                ADD_FAILURE() << Describe(fault, outcome);
+                return refusals;
+            }
+            fgMore = outcome.fgFailed;
+            nWays = fgMore ? outcome.nWays : 1;
+            if (outcome.fgRefused) {
+                refusals.insert(std::string(outcome.szFunction) + " in " + outcome.szRefusal);
+            }
+        }
+    }
+    return refusals;
+}
+
+class TortureTest : public testing::TestWithParam<Scenario> {
+ protected:
+    static void SetUpTestSuite() {
+        torture::Install();
+        KMem::Init();
+    }
+
+    /// Runs the scenario with every fault; @p fgApart where checks may end the runs, as far as they are listed.
+    static void Torture(bool fgApart) {
+        const Scenario& scenario = GetParam();
+        if (!scenario.fgStartsLibrary) {
+            RunHere(scenario, {0, 0}, false);  // for what libc keeps from the first call on
+        }
+        const std::set<std::string> refusals = RunAll([&](const Fault& fault) {
+            if (fgApart) {
+                RunApart(scenario, fault);
+            } else {
+                RunHere(scenario, fault, false);
+            }
+        });
+        EXPECT_THAT(refusals,
+                    testing::UnorderedElementsAreArray(fgApart ? scenario.refusals : std::vector<std::string>()));
+    }
+};
+
+std::string NameOf(const testing::TestParamInfo<Scenario>& info) {
+    return info.param.pszName;
+}
+
+TEST_P(TortureTest, WithoutChecksEveryFailureHasItsStatedResult) {
+    const support::ScopedChecks checks(false);
+    Torture(GetParam().fgStartsLibrary);
+}
+
+TEST_P(TortureTest, WithChecksTheListedOnesAndNoOthersEndTheProcess) {
+    const support::ScopedChecks checks(true);
+    Torture(true);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, TortureTest, testing::ValuesIn(AllScenarios()), NameOf);
+
+TEST(TortureImportsTest, EveryImportedFunctionIsMadeToFailOrKnownToBeUnableTo) {
+    torture::Install();
+    EXPECT_THAT(torture::UnknownImports(), IsEmpty());
+}
+
+}  // namespace

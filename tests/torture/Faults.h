@@ -1,0 +1,126 @@
+// Makes the library's calls of libc fail, one at a time. The calls are caught in the library's import table, so that exactly
+// those that the library makes itself are counted: not libc's own, nor the test's.
+#ifndef KALVOREN_TESTS_TORTURE_FAULTS_H
+#define KALVOREN_TESTS_TORTURE_FAULTS_H
+
+#include <cstddef>
+#include <initializer_list>
+#include <iosfwd>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace torture {
+
+/// Which call is to fail, counted from 1 (0: none), and in which of the ways that the function called can fail.
+struct Fault {
+    int nCall;
+    int nWay;
+};
+
+/// What came of a run. Kept where a child process can fill it in.
+struct Outcome {
+    bool fgFailed;         ///< Whether the call was made, and failed.
+    int nWays;             ///< In how many ways the function can fail.
+    char szFunction[64];   ///< Its name.
+    int nError;            ///< The error number, or kShort.
+    bool fgRefused;        ///< Whether a check of the library ended the process.
+    char szRefusal[1024];  ///< "signature: condition" of the check.
+    bool fgMayBeRefused;   ///< Whether a check may end the process: it is one of the run's own.
+};
+
+/// In place of an error number: half of the bytes are transferred.
+constexpr int kShort = -1;
+
+/// Puts itself between the library and libc, once.
+void Install();
+
+/// The functions that the library imports and that are known neither to fail nor to be unable to.
+std::vector<std::string> UnknownImports();
+
+/// Starts a run, and gives its outcome so far.
+void Begin(const Fault& fault, bool fgMayBeRefused);
+Outcome& TheOutcome();
+
+/// What the library holds: a run must leave as much behind as it found.
+struct Holdings {
+    std::size_t nBlocks;  ///< Of memory.
+    std::size_t nMappings;
+    std::size_t nDescriptors;
+};
+Holdings TakeStock();
+
+/// Allows a run to leave up to this many blocks of memory behind, where the library says that it does.
+void LeavesBlocks(std::size_t nBlocks);
+std::size_t AllowedBlocks();
+/// Closes the directories that a run left open.
+void CloseDirectories();
+/// Takes a block out of the account that the test itself frees.
+void Forget(const void* pBlock);
+/// As LeavesBlocks(), for descriptors.
+void LeavesDescriptors(std::size_t nDescriptors);
+std::size_t AllowedDescriptors();
+
+/// Whether something was made to fail in this run so far.
+bool HasFailed();
+/// Whether that was an allocation.
+bool HasLackedMemory();
+
+/// A piece of a scenario: while its code runs, this thread's calls are counted and what the library logs is kept.
+class Step {
+ public:
+    template <typename Code>
+    explicit Step(Code&& code) : m_fgBefore(HasFailed()) {
+        Arm();
+        std::forward<Code>(code)();
+        Disarm();
+    }
+    Step(const Step&) = delete;
+    Step& operator=(const Step&) = delete;
+
+    /// Whether something failed in this step.
+    bool Failed() const { return m_fgFailed; }
+    /// Whether it was this function.
+    bool Failed(const char* pszFunction) const { return m_fgFailed && m_Function == pszFunction; }
+    /// Whether it was one of these.
+    bool Failed(std::initializer_list<const char*> functions) const;
+    /// Whether it was an allocation.
+    bool LackedMemory() const;
+
+    /// What the library wrote to standard error.
+    const std::string& Log() const { return m_Log; }
+    bool Logged(const std::string& text) const { return m_Log.find(text) != std::string::npos; }
+
+ private:
+    void Arm();
+    void Disarm();
+
+    bool m_fgBefore;
+    bool m_fgFailed = false;
+    std::string m_Function;
+    std::string m_Log;
+};
+
+/// A scenario: what it does, and the checks that end the process in it when they are on and something fails.
+struct Scenario {
+    const char* pszName;
+    void (*pRun)();
+    std::vector<std::string> refusals;
+    bool fgStartsLibrary = false;  ///< Turns the checks on itself.
+};
+
+/// The checks that end the process where a mutex cannot be made or destroyed, and others.
+std::vector<std::string> MutexRefusalsAnd(std::vector<std::string> others);
+
+/// How the test framework shows one.
+void PrintTo(const Scenario& scenario, std::ostream* pOut);
+
+/// Each list is in a file of its own.
+std::vector<Scenario> ValueScenarios();
+std::vector<Scenario> FileScenarios();
+std::vector<Scenario> ConnectionScenarios();
+std::vector<Scenario> ProcessScenarios();
+
+}  // namespace torture
+
+#endif  // KALVOREN_TESTS_TORTURE_FAULTS_H
