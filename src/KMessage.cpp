@@ -1,5 +1,10 @@
 #include "KMessage.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
 #include "KMem.h"
 #include "ScopedLock.h"
 
@@ -61,14 +66,81 @@ KList<KMessageHandler*> KMessageHandler::g_ObjList;
 KList<KString> KMessageHandler::g_MessageList;
 KMutex KMessageHandler::g_Mutex;
 
+namespace {
+
+/// What tells most names apart without a look at the text: its length and its last bytes.
+struct Digest {
+    explicit Digest(const KString& name) : nTail(0), nLength(name.Length()) {
+        const int nBytes = nLength < static_cast<int>(sizeof nTail) ? nLength : static_cast<int>(sizeof nTail);
+        std::memcpy(&nTail, name.GetBuffer() + (nLength - nBytes), static_cast<std::size_t>(nBytes));
+    }
+    bool operator==(const Digest& other) const { return nTail == other.nTail && nLength == other.nLength; }
+
+    std::uint64_t nTail;
+    int nLength;
+};
+
+/// The registrations once more, side by side: whoever looks for a name neither takes the lists' locks nor follows their
+/// chains. Used under the registry's mutex alone.
+class Index {
+ public:
+    struct Entry {
+        Digest digest;
+        const KString* pName;  ///< The name in its list.
+        KMessageHandler* pHandler;
+    };
+
+    ~Index() {
+        m_nCount = 0;
+        std::free(m_pEntries);
+    }
+
+    const Entry* begin() const { return m_pEntries; }
+    const Entry* end() const { return m_pEntries + m_nCount; }
+
+    /// Makes room for one more. False without memory.
+    bool Reserve() {
+        if (m_nCount < m_nCapacity) {
+            return true;
+        }
+        const std::size_t nCapacity = m_nCapacity + m_nCapacity / 2 + 8;
+        void* const pEntries = std::realloc(static_cast<void*>(m_pEntries), nCapacity * sizeof(Entry));
+        if (pEntries == nullptr) {
+            return false;
+        }
+        m_pEntries = static_cast<Entry*>(pEntries);
+        m_nCapacity = nCapacity;
+        return true;
+    }
+
+    /// After Reserve().
+    void Add(const KString* pName, KMessageHandler* pHandler) {
+        m_pEntries[m_nCount++] = Entry{Digest(*pName), pName, pHandler};
+    }
+
+    void RemoveAt(int nIndex) {
+        Entry* const pEntry = m_pEntries + nIndex;
+        --m_nCount;
+        std::copy(pEntry + 1, m_pEntries + m_nCount + 1, pEntry);
+    }
+
+ private:
+    Entry* m_pEntries = nullptr;
+    std::size_t m_nCount = 0;
+    std::size_t m_nCapacity = 0;
+};
+
+// Behind the lists, so that it is gone before the names that it points to.
+Index g_Index;
+
+}  // namespace
+
 /// The number of a registration, or -1. The registry's mutex is held.
 int KMessageHandler::Find(const KMessageHandler* pHandler, const KString& name) {
-    KList<KMessageHandler*>::Reader handlers(g_ObjList);
-    KList<KString>::Reader names(g_MessageList);
-    for (int i = 0; KMessageHandler* const* const ppHandler = handlers.Next(); ++i) {
-        const KString* const pName = names.Next();
-        if (*ppHandler == pHandler && pName != nullptr && *pName == name) {
-            return i;
+    const Digest digest(name);
+    for (const Index::Entry& entry : g_Index) {
+        if (entry.pHandler == pHandler && entry.digest == digest && *entry.pName == name) {
+            return static_cast<int>(&entry - g_Index.begin());
         }
     }
     return -1;
@@ -76,10 +148,15 @@ int KMessageHandler::Find(const KMessageHandler* pHandler, const KString& name) 
 
 bool KMessageHandler::Register(KMessageHandler* pHandler, KString& name) {
     const ScopedLock lock(g_Mutex);
-    if (Find(pHandler, name) < 0 && g_ObjList.Add(pHandler) && !g_MessageList.Add(name)) {
-        // Without memory for the name the lists would no longer go together.
-        KMessageHandler* pRemoved = nullptr;
-        g_ObjList.Pop(pRemoved, g_ObjList.GetCount() - 1);
+    if (Find(pHandler, name) < 0 && g_Index.Reserve() && g_ObjList.Add(pHandler)) {
+        const int nLast = g_ObjList.GetCount() - 1;
+        if (g_MessageList.Add(name)) {
+            g_Index.Add(g_MessageList[nLast], pHandler);
+        } else {
+            // Without memory for the name the lists would no longer go together.
+            KMessageHandler* pRemoved = nullptr;
+            g_ObjList.Pop(pRemoved, nLast);
+        }
     }
     return true;
 }
@@ -92,6 +169,7 @@ bool KMessageHandler::Unregister(KMessageHandler* pHandler, KString& name) {
     }
     KMessageHandler* pRemoved = nullptr;
     KString removedName;
+    g_Index.RemoveAt(nIndex);
     g_ObjList.Pop(pRemoved, nIndex);
     g_MessageList.Pop(removedName, nIndex);
     return true;
@@ -99,12 +177,10 @@ bool KMessageHandler::Unregister(KMessageHandler* pHandler, KString& name) {
 
 int KMessageHandler::SendMessage(const KString& name, const KMessage& message) {
     const ScopedLock lock(g_Mutex);
-    KList<KMessageHandler*>::Reader handlers(g_ObjList);
-    KList<KString>::Reader names(g_MessageList);
-    while (const KString* const pName = names.Next()) {
-        KMessageHandler* const* const ppHandler = handlers.Next();
-        if (*pName == name && ppHandler != nullptr && *ppHandler != nullptr) {
-            (*ppHandler)->HandleMessage(message);
+    const Digest digest(name);
+    for (const Index::Entry& entry : g_Index) {
+        if (entry.digest == digest && entry.pHandler != nullptr && *entry.pName == name) {
+            entry.pHandler->HandleMessage(message);
         }
     }
     return 0;
