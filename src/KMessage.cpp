@@ -85,7 +85,10 @@ struct Digest {
 class Index {
  public:
     struct Entry {
+        bool Is(const Digest& other, const KString& name) const { return digest == other && *pName == name; }
+
         Digest digest;
+        int nGroup;            ///< The same for equal names, so that a dispatch compares one text only.
         const KString* pName;  ///< The name in its list.
         KMessageHandler* pHandler;
     };
@@ -113,9 +116,17 @@ class Index {
         return true;
     }
 
+    /// The first registration under a name; end() where there is none.
+    const Entry* Find(const Digest& digest, const KString& name) const {
+        return std::find_if(begin(), end(), [&](const Entry& entry) { return entry.Is(digest, name); });
+    }
+
     /// After Reserve().
     void Add(const KString* pName, KMessageHandler* pHandler) {
-        m_pEntries[m_nCount++] = Entry{Digest(*pName), pName, pHandler};
+        const Digest digest(*pName);
+        const Entry* const pSame = Find(digest, *pName);
+        const int nGroup = pSame != end() ? pSame->nGroup : ++m_nLastGroup;
+        m_pEntries[m_nCount++] = Entry{digest, nGroup, pName, pHandler};
     }
 
     void RemoveAt(int nIndex) {
@@ -128,6 +139,7 @@ class Index {
     Entry* m_pEntries = nullptr;
     std::size_t m_nCount = 0;
     std::size_t m_nCapacity = 0;
+    int m_nLastGroup = 0;
 };
 
 // Behind the lists, so that it is gone before the names that it points to.
@@ -138,12 +150,10 @@ Index g_Index;
 /// The number of a registration, or -1. The registry's mutex is held.
 int KMessageHandler::Find(const KMessageHandler* pHandler, const KString& name) {
     const Digest digest(name);
-    for (const Index::Entry& entry : g_Index) {
-        if (entry.pHandler == pHandler && entry.digest == digest && *entry.pName == name) {
-            return static_cast<int>(&entry - g_Index.begin());
-        }
-    }
-    return -1;
+    const Index::Entry* const pFound = std::find_if(g_Index.begin(), g_Index.end(), [&](const Index::Entry& entry) {
+        return entry.pHandler == pHandler && entry.Is(digest, name);
+    });
+    return pFound != g_Index.end() ? static_cast<int>(pFound - g_Index.begin()) : -1;
 }
 
 bool KMessageHandler::Register(KMessageHandler* pHandler, KString& name) {
@@ -177,10 +187,11 @@ bool KMessageHandler::Unregister(KMessageHandler* pHandler, KString& name) {
 
 int KMessageHandler::SendMessage(const KString& name, const KMessage& message) {
     const ScopedLock lock(g_Mutex);
-    const Digest digest(name);
-    for (const Index::Entry& entry : g_Index) {
-        if (entry.digest == digest && entry.pHandler != nullptr && *entry.pName == name) {
-            entry.pHandler->HandleMessage(message);
+    const Index::Entry* pEntry = g_Index.Find(Digest(name), name);
+    const int nGroup = pEntry != g_Index.end() ? pEntry->nGroup : 0;
+    for (; pEntry != g_Index.end(); ++pEntry) {
+        if (pEntry->nGroup == nGroup && pEntry->pHandler != nullptr) {
+            pEntry->pHandler->HandleMessage(message);
         }
     }
     return 0;
