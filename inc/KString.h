@@ -248,6 +248,7 @@ class KALVOREN_API KString {
     bool Divide(const char* pszDelimiter, KList<KString>& out) const;
 
  private:
+    KALVOREN_LOCAL void Begin(tchar* pszString, std::size_t nLen);
     KALVOREN_LOCAL void Adopt(tchar* pszString, int nLen);
     KALVOREN_LOCAL void AssignText(const char* p, std::size_t nLen);
     KALVOREN_LOCAL void Append(const char* p, int n);

@@ -1,5 +1,10 @@
 #include "KMessage.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
 #include "KMem.h"
 #include "ScopedLock.h"
 
@@ -61,25 +66,107 @@ KList<KMessageHandler*> KMessageHandler::g_ObjList;
 KList<KString> KMessageHandler::g_MessageList;
 KMutex KMessageHandler::g_Mutex;
 
+namespace {
+
+/// What tells most names apart without a look at the text: its length and its last bytes.
+struct Digest {
+    explicit Digest(const KString& name) : nTail(0), nLength(name.Length()) {
+        const int nBytes = nLength < static_cast<int>(sizeof nTail) ? nLength : static_cast<int>(sizeof nTail);
+        std::memcpy(&nTail, name.GetBuffer() + (nLength - nBytes), static_cast<std::size_t>(nBytes));
+    }
+    bool operator==(const Digest& other) const { return nTail == other.nTail && nLength == other.nLength; }
+
+    std::uint64_t nTail;
+    int nLength;
+};
+
+/// The registrations once more, side by side: whoever looks for a name neither takes the lists' locks nor follows their
+/// chains. Used under the registry's mutex alone.
+class Index {
+ public:
+    struct Entry {
+        bool Is(const Digest& other, const KString& name) const { return digest == other && *pName == name; }
+
+        Digest digest;
+        int nGroup;            ///< The same for equal names, so that a dispatch compares one text only.
+        const KString* pName;  ///< The name in its list.
+        KMessageHandler* pHandler;
+    };
+
+    ~Index() {
+        m_nCount = 0;
+        std::free(m_pEntries);
+    }
+
+    const Entry* begin() const { return m_pEntries; }
+    const Entry* end() const { return m_pEntries + m_nCount; }
+
+    /// Makes room for one more. False without memory.
+    bool Reserve() {
+        if (m_nCount < m_nCapacity) {
+            return true;
+        }
+        const std::size_t nCapacity = m_nCapacity + m_nCapacity / 2 + 8;
+        void* const pEntries = std::realloc(static_cast<void*>(m_pEntries), nCapacity * sizeof(Entry));
+        if (pEntries == nullptr) {
+            return false;
+        }
+        m_pEntries = static_cast<Entry*>(pEntries);
+        m_nCapacity = nCapacity;
+        return true;
+    }
+
+    /// The first registration under a name; end() where there is none.
+    const Entry* Find(const Digest& digest, const KString& name) const {
+        return std::find_if(begin(), end(), [&](const Entry& entry) { return entry.Is(digest, name); });
+    }
+
+    /// After Reserve().
+    void Add(const KString* pName, KMessageHandler* pHandler) {
+        const Digest digest(*pName);
+        const Entry* const pSame = Find(digest, *pName);
+        const int nGroup = pSame != end() ? pSame->nGroup : ++m_nLastGroup;
+        m_pEntries[m_nCount++] = Entry{digest, nGroup, pName, pHandler};
+    }
+
+    void RemoveAt(int nIndex) {
+        Entry* const pEntry = m_pEntries + nIndex;
+        --m_nCount;
+        std::copy(pEntry + 1, m_pEntries + m_nCount + 1, pEntry);
+    }
+
+ private:
+    Entry* m_pEntries = nullptr;
+    std::size_t m_nCount = 0;
+    std::size_t m_nCapacity = 0;
+    int m_nLastGroup = 0;
+};
+
+// Behind the lists, so that it is gone before the names that it points to.
+Index g_Index;
+
+}  // namespace
+
 /// The number of a registration, or -1. The registry's mutex is held.
 int KMessageHandler::Find(const KMessageHandler* pHandler, const KString& name) {
-    KList<KMessageHandler*>::Reader handlers(g_ObjList);
-    KList<KString>::Reader names(g_MessageList);
-    for (int i = 0; KMessageHandler* const* const ppHandler = handlers.Next(); ++i) {
-        const KString* const pName = names.Next();
-        if (*ppHandler == pHandler && pName != nullptr && *pName == name) {
-            return i;
-        }
-    }
-    return -1;
+    const Digest digest(name);
+    const Index::Entry* const pFound = std::find_if(g_Index.begin(), g_Index.end(), [&](const Index::Entry& entry) {
+        return entry.pHandler == pHandler && entry.Is(digest, name);
+    });
+    return pFound != g_Index.end() ? static_cast<int>(pFound - g_Index.begin()) : -1;
 }
 
 bool KMessageHandler::Register(KMessageHandler* pHandler, KString& name) {
     const ScopedLock lock(g_Mutex);
-    if (Find(pHandler, name) < 0 && g_ObjList.Add(pHandler) && !g_MessageList.Add(name)) {
-        // Without memory for the name the lists would no longer go together.
-        KMessageHandler* pRemoved = nullptr;
-        g_ObjList.Pop(pRemoved, g_ObjList.GetCount() - 1);
+    if (Find(pHandler, name) < 0 && g_Index.Reserve() && g_ObjList.Add(pHandler)) {
+        const int nLast = g_ObjList.GetCount() - 1;
+        if (g_MessageList.Add(name)) {
+            g_Index.Add(g_MessageList[nLast], pHandler);
+        } else {
+            // Without memory for the name the lists would no longer go together.
+            KMessageHandler* pRemoved = nullptr;
+            g_ObjList.Pop(pRemoved, nLast);
+        }
     }
     return true;
 }
@@ -92,6 +179,7 @@ bool KMessageHandler::Unregister(KMessageHandler* pHandler, KString& name) {
     }
     KMessageHandler* pRemoved = nullptr;
     KString removedName;
+    g_Index.RemoveAt(nIndex);
     g_ObjList.Pop(pRemoved, nIndex);
     g_MessageList.Pop(removedName, nIndex);
     return true;
@@ -99,12 +187,11 @@ bool KMessageHandler::Unregister(KMessageHandler* pHandler, KString& name) {
 
 int KMessageHandler::SendMessage(const KString& name, const KMessage& message) {
     const ScopedLock lock(g_Mutex);
-    KList<KMessageHandler*>::Reader handlers(g_ObjList);
-    KList<KString>::Reader names(g_MessageList);
-    while (const KString* const pName = names.Next()) {
-        KMessageHandler* const* const ppHandler = handlers.Next();
-        if (*pName == name && ppHandler != nullptr && *ppHandler != nullptr) {
-            (*ppHandler)->HandleMessage(message);
+    const Index::Entry* pEntry = g_Index.Find(Digest(name), name);
+    const int nGroup = pEntry != g_Index.end() ? pEntry->nGroup : 0;
+    for (; pEntry != g_Index.end(); ++pEntry) {
+        if (pEntry->nGroup == nGroup && pEntry->pHandler != nullptr) {
+            pEntry->pHandler->HandleMessage(message);
         }
     }
     return 0;

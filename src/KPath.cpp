@@ -71,12 +71,16 @@ bool KPath::operator!=(const KPath& other) const {
 }
 
 /// Appends a text behind a separator. Whether the path ends in one already is not looked at: programs rely on the
-/// doubled slash. The text may be this path's own, so the separator must not be part of it yet.
+/// doubled slash.
 void KPath::Join(const KString& text) {
     if (text[0] == kSlash) {
         m_Path += text;
-    } else {
+    } else if (&text == &m_Path) {
+        // The separator must not be part of what follows it.
         m_Path += KString("/") + text;
+    } else {
+        m_Path += "/";
+        m_Path += text;
     }
 }
 
@@ -140,12 +144,11 @@ bool KPath::RemoveSubPath() {
 }
 
 KString KPath::GetExt() const {
-    for (int i = m_Path.Length() - 1; i > 0 && m_Path[i] != kSlash; --i) {
-        if (m_Path[i] == '.') {
-            return m_Path.Sub(i + 1, m_Path.Length());
-        }
+    const int nDot = m_Path.FindR('.', 0);
+    if (nDot <= 0 || nDot < m_Path.FindR(kSlash, 0)) {
+        return KString();
     }
-    return KString();
+    return m_Path.Sub(nDot + 1, m_Path.Length());
 }
 
 bool KPath::SetExt(const KString& ext) {

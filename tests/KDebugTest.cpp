@@ -278,6 +278,17 @@ TEST_F(KDebugTest, AMessageAfterDeinitIsWritten) {
     EXPECT_EQ(StderrOf([] { KDebug::Error("again"); }), "Error****: again\n");
 }
 
+TEST_F(KDebugTest, AMessageIsWrittenUpToItsFirstNul) {
+    EXPECT_EQ(StderrOf([] { KDebug::Error("one%ctwo", '\0'); }), "Error****: one\n");
+}
+
+TEST_F(KDebugTest, ALineLongerThanMostIsWrittenWhole) {
+    for (const std::size_t nLength : {499, 500, 501, 512, 513, 100000}) {
+        const std::string message(nLength, 'x');
+        EXPECT_EQ(StderrOf([&message] { KDebug::Error("%s", message.c_str()); }), "Error****: " + message + "\n");
+    }
+}
+
 TEST_F(KDebugTest, AMessageIsRenderedInTheBuffer) {
     StderrOf([] { KDebug::Error("number %d", 5); });
     EXPECT_STREQ(g_pDebugBuffer, "number 5");

@@ -960,6 +960,18 @@ TEST(KTimeTest, TheTextOfMicrosecondsOutOfRangeIsThatOfTheirRemainder) {
     EXPECT_STREQ(At(0, -5).GetHumanTimeString(6, 0, 0).GetBuffer(), "00:00:00 -00005");
 }
 
+TEST(KTimeTest, EveryTextIsWhatPrintfMakesOfTheFields) {
+    std::mt19937 random(1);
+    for (int i = 0; i < 20000; ++i) {
+        const KTime time = At(static_cast<int>(random()), static_cast<int>(random()));
+        const KHumanTime human = time.GetHumanTime(0, 0);
+        char szExpected[64];
+        std::snprintf(szExpected, sizeof szExpected, "%04d/%02d/%02d %02d:%02d:%02d %06d", human.year, human.month,
+                      human.day, human.hour, human.minute, human.second, human.usec);
+        ASSERT_STREQ(time.GetHumanTimeString(7, 0, 0).GetBuffer(), szExpected);
+    }
+}
+
 TEST(KTimeTest, AnyOtherFormFailsACheck) {
     EXPECT_CHECK_FAILS(KTime().GetHumanTimeString(5, 0, 0), "0", "src/api/KTime",
                        "KString KTime::GetHumanTimeString(int, char, char) const");

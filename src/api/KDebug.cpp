@@ -3,11 +3,13 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "Checks.h"
 #include "KString.h"
 #include "KTime.h"
 #include "ScopedLock.h"
+#include "TimeText.h"
 
 int g_eDebugLevel = 0;
 tchar* g_pDebugFormat = nullptr;
@@ -50,26 +52,47 @@ bool IsWritten(int nHighestLevel) {
     return Level() <= nHighestLevel && HasBuffers();
 }
 
-/// Renders a message and writes it in the line format given, one message at a time.
-void Write(const char* pszLineFormat, const char* pszSignature, const tchar* format, va_list arguments) {
+/// Standard error has no buffer: each of these is one system call.
+void WriteOut(const char* pText, std::size_t nLength) {
+    std::fwrite(pText, 1, nLength, stderr);
+}
+
+/// Writes a mark, a message and a line feed. What most lines fit into is put together here: printf takes longer.
+void WriteLine(const char* pszMark, const char* pszMessage) {
+    char szLine[512];
+    const std::size_t nMark = std::strlen(pszMark);
+    const std::size_t nLength = std::strlen(pszMessage);
+    if (nMark + nLength + 1 > sizeof szLine) {
+        std::fprintf(stderr, "%s%s\n", pszMark, pszMessage);
+        return;
+    }
+    std::memcpy(szLine, pszMark, nMark);
+    std::memcpy(szLine + nMark, pszMessage, nLength);
+    szLine[nMark + nLength] = '\n';
+    WriteOut(szLine, nMark + nLength + 1);
+}
+
+/// Renders a message and writes it behind its mark, one message at a time.
+void Write(const char* pszMark, const char* pszSignature, const tchar* format, va_list arguments) {
     const ScopedLock lock(g_Mutex);
     tchar* const pBuffer = __atomic_load_n(&g_pDebugBuffer, __ATOMIC_ACQUIRE);
     if (pBuffer == nullptr) {
         return;
     }
-    // A message that libc cannot render to its end (a wide character that the locale lacks) is written up to there.
+    // What libc cannot render to its end (a wide character that the locale lacks) is written up to there, and a message
+    // with a NUL up to that.
     *pBuffer = '\0';
     const int nLength = std::vsnprintf(pBuffer, kBufferSize, format, arguments);
-    if (!g_Checks.Hold(nLength < static_cast<int>(kBufferSize), "0", pszSignature)) {
-        return;
+    if (g_Checks.Hold(nLength < static_cast<int>(kBufferSize), "0", pszSignature)) {
+        WriteLine(pszMark, pBuffer);
     }
-    std::fprintf(stderr, pszLineFormat, pBuffer);
 }
 
-void WriteStamp(const char* pszFormat, const KTime& time) {
+void WriteStamp(TimeText& text, const KTime& time, const char* pszEnd) {
     const KHumanTime stamp = time.GetHumanTime(kStampOffset, kStampOffset);
-    std::fprintf(stderr, pszFormat, stamp.year, stamp.month, stamp.day, stamp.hour, stamp.minute, stamp.second,
-                 stamp.usec, stamp.weekDay);
+    text.Date(stamp, "/").Text(" ").TimeOfDay(stamp, ":").Text(":").Microseconds(stamp).Text(" ").WeekDay(stamp);
+    text.Text(pszEnd);
+    WriteOut(text.Begin(), text.Length());
 }
 
 }  // namespace
@@ -102,7 +125,7 @@ bool KDebug::Error(const tchar* format, ...) {
     if (IsWritten(kErrorLevel)) {
         va_list arguments;
         va_start(arguments, format);
-        Write("Error****: %s\n", "static bool KDebug::Error(const tchar*, ...)", format, arguments);
+        Write("Error****: ", "static bool KDebug::Error(const tchar*, ...)", format, arguments);
         va_end(arguments);
     }
     return true;
@@ -112,7 +135,7 @@ bool KDebug::Debug(const tchar* format, ...) {
     if (IsWritten(kDebugLevel)) {
         va_list arguments;
         va_start(arguments, format);
-        Write("Debug: %s\n", "static bool KDebug::Debug(const tchar*, ...)", format, arguments);
+        Write("Debug: ", "static bool KDebug::Debug(const tchar*, ...)", format, arguments);
         va_end(arguments);
     }
     return true;
@@ -120,10 +143,11 @@ bool KDebug::Debug(const tchar* format, ...) {
 
 bool KDebug::Log(const tchar* format, ...) {
     if (IsWritten(kLogLevel)) {
-        WriteStamp("Log[%04d/%02d/%02d %02d:%02d:%02d:%06d %d]", KTime::GetCurrentTime());
+        TimeText stamp;
+        WriteStamp(stamp.Text("Log["), KTime::GetCurrentTime(), "]");
         va_list arguments;
         va_start(arguments, format);
-        Write("%s\n", "static bool KDebug::Log(const tchar*, ...)", format, arguments);
+        Write("", "static bool KDebug::Log(const tchar*, ...)", format, arguments);
         va_end(arguments);
     }
     return true;
@@ -140,6 +164,7 @@ bool KDebug::Log(const KString& text) {
 }
 
 bool KDebug::Time(const KTime& time) {
-    WriteStamp("Time:%04d/%02d/%02d %02d:%02d:%02d:%06d %d\n", time);
+    TimeText stamp;
+    WriteStamp(stamp.Text("Time:"), time, "\n");
     return true;
 }

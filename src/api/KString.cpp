@@ -1,5 +1,6 @@
 #include "KString.h"
 
+#include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstdarg>
@@ -177,20 +178,31 @@ void KString::Append(const char* p, int n) {
 
 KString::KString() : m_nLen(0), m_pszString(nullptr) {}
 
+/// A string without a buffer before takes one.
+void KString::Begin(tchar* pszString, std::size_t nLen) {
+    m_pszString = pszString;
+    m_nLen = pszString != nullptr ? static_cast<int>(nLen) : 0;
+}
+
 KString::KString(const char* p, int n) : KString() {
     if (p != nullptr && n >= 0) {
-        Adopt(Duplicate(p, static_cast<std::size_t>(n)), n);
+        const std::size_t nLen = static_cast<std::size_t>(n);
+        Begin(Duplicate(p, nLen), nLen);
     }
 }
 
 KString::KString(const char* p) : KString() {
-    if (p != nullptr) {
-        AssignText(p, std::strlen(p));
+    const std::size_t nLen = p != nullptr ? std::strlen(p) : 0;
+    if (nLen > 0) {
+        Begin(Duplicate(p, nLen), nLen);
     }
 }
 
 KString::KString(const KString& other) : KString() {
-    AssignText(other.m_pszString, static_cast<std::size_t>(other.m_nLen));
+    const std::size_t nLen = static_cast<std::size_t>(other.m_nLen);
+    if (nLen > 0) {
+        Begin(Duplicate(other.m_pszString, nLen), nLen);
+    }
 }
 
 KString::KString(KString&& other) noexcept : KString() {
@@ -569,10 +581,13 @@ bool KString::Replace(char from, char to) {
     if (m_pszString == nullptr) {
         return false;
     }
-    for (int i = 0; i < m_nLen; ++i) {
-        if (m_pszString[i] == from) {
-            m_pszString[i] = to;
+    tchar* const pEnd = m_pszString + m_nLen;
+    for (tchar* p = m_pszString; from != to && p != pEnd; ++p) {
+        p = static_cast<tchar*>(std::memchr(p, Byte(from), static_cast<std::size_t>(pEnd - p)));
+        if (p == nullptr) {
+            break;
         }
+        *p = to;
     }
     return true;
 }
@@ -646,7 +661,8 @@ KString KString::Sub(int nStart, int nEnd) const {
         const int nCopied = nLen < nThere ? nLen : nThere;
         std::memcpy(pszText, m_pszString + (m_nLen - nThere), static_cast<std::size_t>(nCopied));
         // Past the end of this text, NULs up to the length asked for.
-        std::memset(pszText + nCopied, 0, static_cast<std::size_t>(nLen - nCopied) + 1);
+        std::fill(pszText + nCopied, pszText + nLen, '\0');
+        pszText[nLen] = '\0';
     }
     result.Adopt(pszText, nLen);
     return result;

@@ -2,8 +2,11 @@
 
 #include <sys/time.h>
 
+#include <cstdint>
+
 #include "Checks.h"
 #include "Numbers.h"
+#include "TimeText.h"
 
 namespace {
 
@@ -45,19 +48,25 @@ int DaysBeforeMonth(short month, short year) {
 }
 
 /// Year, month and day of a day counted from the epoch. The count is moved to start on a first of March, so that the
-/// leap day is the last of its year and every month's start is a linear function of its number.
+/// leap day is the last of its year and every month's start is a linear function of its number. Divisions are by
+/// constants, and the two that matter are a multiplication and a shift (Neri and Schneider, "Euclidean affine functions
+/// and their application to calendar algorithms").
 void SetDate(KHumanTime& human, int nDays) {
-    constexpr unsigned int kDaysToEpoch = 719468;  // from 0000-03-01 to 1970-01-01
-    constexpr unsigned int kDaysPerEra = 146097;   // 400 years
-    const unsigned int nDay = static_cast<unsigned int>(nDays + static_cast<int>(kDaysToEpoch));
-    const unsigned int nEra = nDay / kDaysPerEra;
-    const unsigned int nDayOfEra = nDay % kDaysPerEra;
-    const unsigned int nYearOfEra = (nDayOfEra - nDayOfEra / 1460 + nDayOfEra / 36524 - nDayOfEra / 146096) / 365;
-    const unsigned int nDayOfYear = nDayOfEra - (365 * nYearOfEra + nYearOfEra / 4 - nYearOfEra / 100);
-    const unsigned int nMarchMonth = (5 * nDayOfYear + 2) / 153;
-    human.day = static_cast<int>(nDayOfYear - (153 * nMarchMonth + 2) / 5 + 1);
-    human.month = static_cast<int>(nMarchMonth < 10 ? nMarchMonth + 3 : nMarchMonth - 9);
-    human.year = static_cast<int>(nYearOfEra + nEra * 400) + (human.month <= 2 ? 1 : 0);
+    constexpr unsigned int kDaysToEpoch = 719468;   // from 0000-03-01 to 1970-01-01
+    constexpr unsigned int kDaysPerEra = 146097;    // 400 years
+    constexpr std::uint64_t kYearFactor = 2939745;  // 2^32 / 1461, rounded up: 1461 days are four years
+    constexpr unsigned int kMonthFactor = 2141;     // 2^16 / 30.6, the mean length of March to January
+    constexpr unsigned int kMonthOffset = 197913;   // makes the first month 3
+    constexpr unsigned int kDaysToJanuary = 306;    // from the first of March
+    const unsigned int nQuarters = 4 * static_cast<unsigned int>(nDays + static_cast<int>(kDaysToEpoch)) + 3;
+    const unsigned int nCentury = nQuarters / kDaysPerEra;
+    const std::uint64_t nYears = kYearFactor * (nQuarters % kDaysPerEra | 3);
+    const unsigned int nDayOfYear = static_cast<unsigned int>(nYears) / static_cast<unsigned int>(kYearFactor) / 4;
+    const unsigned int nMonths = kMonthFactor * nDayOfYear + kMonthOffset;
+    const unsigned int nNextYear = nDayOfYear >= kDaysToJanuary ? 1 : 0;
+    human.day = static_cast<int>((nMonths & 0xFFFF) / kMonthFactor + 1);
+    human.month = static_cast<int>((nMonths >> 16) - 12 * nNextYear);
+    human.year = static_cast<int>(100 * nCentury + static_cast<unsigned int>(nYears >> 32) + nNextYear);
 }
 
 /// Takes one second to make negative microseconds positive, once.
@@ -381,36 +390,32 @@ KTime KTime::GetCurrentTime() {
 
 KString KTime::GetHumanTimeString(int nFormat, char gmt, char dst) const {
     const KHumanTime human = GetHumanTime(gmt, dst);
-    KString text;
+    TimeText text;
     switch (nFormat) {
         case 1:
-            text.Sprintf("%04d/%02d/%02d", human.year, human.month, human.day);
+            text.Date(human, "/");
             break;
         case 2:
-            text.Sprintf("%02d:%02d:%02d", human.hour, human.minute, human.second);
+            text.TimeOfDay(human, ":");
             break;
         case 3:
-            text.Sprintf("%04d/%02d/%02d %02d:%02d:%02d", human.year, human.month, human.day, human.hour, human.minute,
-                         human.second);
+            text.Date(human, "/").Text(" ").TimeOfDay(human, ":");
             break;
         case 6:
-            text.Sprintf("%02d:%02d:%02d %06d", human.hour, human.minute, human.second, human.usec);
+            text.TimeOfDay(human, ":").Text(" ").Microseconds(human);
             break;
         case 7:
-            text.Sprintf("%04d/%02d/%02d %02d:%02d:%02d %06d", human.year, human.month, human.day, human.hour,
-                         human.minute, human.second, human.usec);
+            text.Date(human, "/").Text(" ").TimeOfDay(human, ":").Text(" ").Microseconds(human);
             break;
         case 8:
-            text.Sprintf("%04d%02d%02d%02d%02d%02d", human.year, human.month, human.day, human.hour, human.minute,
-                         human.second);
+            text.Date(human, "").TimeOfDay(human, "");
             break;
         case 16:
-            text.Sprintf("%04d%02d%02d%02d%02d%02d%06d", human.year, human.month, human.day, human.hour, human.minute,
-                         human.second, human.usec);
+            text.Date(human, "").TimeOfDay(human, "").Microseconds(human);
             break;
         default:
             g_Checks.Fail("KString KTime::GetHumanTimeString(int, char, char) const");
             break;
     }
-    return text;
+    return KString(text.Begin(), static_cast<int>(text.Length()));
 }

@@ -1,0 +1,185 @@
+// Lists of numbers: filled, walked, emptied from the front, all under their lock.
+#include <list>
+#include <mutex>
+
+#include "KList.h"
+#include "Peers.h"
+
+#ifdef KALVOREN_PEER_GLIB
+#include <glib.h>
+#endif
+
+namespace {
+
+void Counts(benchmark::internal::Benchmark* job) {
+    job->Arg(100)->Arg(10000)->Arg(1000000);
+}
+
+void FillKalvoren(benchmark::State& state) {
+    for (auto _ : state) {
+        KList<int> list;
+        {
+            KList<int>::Appender appender(list);
+            for (int i = 0; i < state.range(0); ++i) {
+                appender.Add(i);
+            }
+        }
+        benchmark::DoNotOptimize(list);
+    }
+}
+BENCHMARK(FillKalvoren)->Name("fill a list and destroy it|Kalvoren")->Apply(Counts);
+
+void FillStd(benchmark::State& state) {
+    for (auto _ : state) {
+        std::mutex mutex;
+        std::list<int> list;
+        {
+            const std::lock_guard<std::mutex> guard(mutex);
+            for (int i = 0; i < state.range(0); ++i) {
+                list.push_back(i);
+            }
+        }
+        benchmark::DoNotOptimize(list);
+    }
+}
+BENCHMARK(FillStd)->Name("fill a list and destroy it|std::list, std::mutex")->Apply(Counts);
+
+void WalkKalvoren(benchmark::State& state) {
+    KList<int> list;
+    {
+        KList<int>::Appender appender(list);
+        for (int i = 0; i < state.range(0); ++i) {
+            appender.Add(i);
+        }
+    }
+    for (auto _ : state) {
+        long long nSum = 0;
+        KList<int>::Reader reader(list);
+        while (const int* const pValue = reader.Next()) {
+            nSum += *pValue;
+        }
+        benchmark::DoNotOptimize(nSum);
+    }
+}
+BENCHMARK(WalkKalvoren)->Name("walk a list|Kalvoren")->Apply(Counts);
+
+void WalkStd(benchmark::State& state) {
+    std::mutex mutex;
+    std::list<int> list;
+    for (int i = 0; i < state.range(0); ++i) {
+        list.push_back(i);
+    }
+    for (auto _ : state) {
+        long long nSum = 0;
+        const std::lock_guard<std::mutex> guard(mutex);
+        for (const int nValue : list) {
+            nSum += nValue;
+        }
+        benchmark::DoNotOptimize(nSum);
+    }
+}
+BENCHMARK(WalkStd)->Name("walk a list|std::list, std::mutex")->Apply(Counts);
+
+void PopKalvoren(benchmark::State& state) {
+    for (auto _ : state) {
+        KList<int> list;
+        {
+            KList<int>::Appender appender(list);
+            for (int i = 0; i < state.range(0); ++i) {
+                appender.Add(i);
+            }
+        }
+        int nValue = 0;
+        while (list.Pop(nValue, 0)) {
+            benchmark::DoNotOptimize(nValue);
+        }
+    }
+}
+BENCHMARK(PopKalvoren)->Name("fill a list and pop all|Kalvoren")->Apply(Counts);
+
+void PopStd(benchmark::State& state) {
+    for (auto _ : state) {
+        std::mutex mutex;
+        std::list<int> list;
+        {
+            const std::lock_guard<std::mutex> guard(mutex);
+            for (int i = 0; i < state.range(0); ++i) {
+                list.push_back(i);
+            }
+        }
+        for (;;) {
+            const std::lock_guard<std::mutex> guard(mutex);
+            if (list.empty()) {
+                break;
+            }
+            int nValue = list.front();
+            list.pop_front();
+            benchmark::DoNotOptimize(nValue);
+        }
+    }
+}
+BENCHMARK(PopStd)->Name("fill a list and pop all|std::list, std::mutex")->Apply(Counts);
+
+#ifdef KALVOREN_PEER_GLIB
+void FillGlib(benchmark::State& state) {
+    for (auto _ : state) {
+        GMutex mutex;
+        g_mutex_init(&mutex);
+        GQueue queue = G_QUEUE_INIT;
+        g_mutex_lock(&mutex);
+        for (int i = 0; i < state.range(0); ++i) {
+            g_queue_push_tail(&queue, GINT_TO_POINTER(i));
+        }
+        g_mutex_unlock(&mutex);
+        benchmark::DoNotOptimize(queue);
+        g_queue_clear(&queue);
+        g_mutex_clear(&mutex);
+    }
+}
+BENCHMARK(FillGlib)->Name("fill a list and destroy it|GQueue, GMutex")->Apply(Counts);
+
+void WalkGlib(benchmark::State& state) {
+    GMutex mutex;
+    g_mutex_init(&mutex);
+    GQueue queue = G_QUEUE_INIT;
+    for (int i = 0; i < state.range(0); ++i) {
+        g_queue_push_tail(&queue, GINT_TO_POINTER(i));
+    }
+    for (auto _ : state) {
+        long long nSum = 0;
+        g_mutex_lock(&mutex);
+        for (const GList* pNode = queue.head; pNode != nullptr; pNode = pNode->next) {
+            nSum += GPOINTER_TO_INT(pNode->data);
+        }
+        g_mutex_unlock(&mutex);
+        benchmark::DoNotOptimize(nSum);
+    }
+    g_queue_clear(&queue);
+    g_mutex_clear(&mutex);
+}
+BENCHMARK(WalkGlib)->Name("walk a list|GQueue, GMutex")->Apply(Counts);
+
+void PopGlib(benchmark::State& state) {
+    for (auto _ : state) {
+        GMutex mutex;
+        g_mutex_init(&mutex);
+        GQueue queue = G_QUEUE_INIT;
+        g_mutex_lock(&mutex);
+        for (int i = 0; i < state.range(0); ++i) {
+            g_queue_push_tail(&queue, GINT_TO_POINTER(i));
+        }
+        g_mutex_unlock(&mutex);
+        for (bool fgEmpty = false; !fgEmpty;) {
+            g_mutex_lock(&mutex);
+            fgEmpty = g_queue_is_empty(&queue) != 0;
+            gpointer pValue = g_queue_pop_head(&queue);
+            g_mutex_unlock(&mutex);
+            benchmark::DoNotOptimize(pValue);
+        }
+        g_mutex_clear(&mutex);
+    }
+}
+BENCHMARK(PopGlib)->Name("fill a list and pop all|GQueue, GMutex")->Apply(Counts);
+#endif
+
+}  // namespace

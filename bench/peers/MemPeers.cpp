@@ -1,0 +1,66 @@
+// 64 bytes allocated and freed while n blocks are alive.
+#include <algorithm>
+#include <cstdlib>
+#include <vector>
+
+#include "KMem.h"
+#include "Peers.h"
+
+namespace {
+
+constexpr std::size_t kSize = 64;
+
+void LiveBlocks(benchmark::internal::Benchmark* job) {
+    job->Arg(0)->Arg(1000)->Arg(10000)->Arg(100000);
+}
+
+void AllocateKalvoren(benchmark::State& state) {
+    KMem::Init();
+    std::vector<void*> live(static_cast<std::size_t>(state.range(0)));
+    std::generate(live.begin(), live.end(), [] { return KMem::Malloc(kSize); });
+    for (auto _ : state) {
+        void* pBlock = KMem::Malloc(kSize);
+        benchmark::DoNotOptimize(pBlock);
+        KMem::Free(&pBlock);
+    }
+    for (void* pBlock : live) {
+        KMem::Free(&pBlock);
+    }
+    KMem::Deinit();
+}
+BENCHMARK(AllocateKalvoren)->Name("allocate and free 64 bytes beside n live blocks|Kalvoren")->Apply(LiveBlocks);
+
+void AllocateLimit(benchmark::State& state) {
+    std::vector<void*> live(static_cast<std::size_t>(state.range(0)));
+    std::generate(live.begin(), live.end(), [] { return std::malloc(kSize); });
+    for (auto _ : state) {
+        void* pBlock = std::malloc(kSize);
+        benchmark::DoNotOptimize(pBlock);
+        std::free(pBlock);
+    }
+    for (void* pBlock : live) {
+        std::free(pBlock);
+    }
+}
+BENCHMARK(AllocateLimit)->Name("allocate and free 64 bytes beside n live blocks|limit: malloc")->Apply(LiveBlocks);
+
+/// What a plain table of blocks costs: the first free slot and the block are sought from its beginning.
+void AllocateScan(benchmark::State& state) {
+    std::vector<void*> live(static_cast<std::size_t>(state.range(0)));
+    std::generate(live.begin(), live.end(), [] { return std::malloc(kSize); });
+    std::vector<void*> table(live);
+    table.resize(table.size() + 1);
+    for (auto _ : state) {
+        void* const pBlock = std::malloc(kSize);
+        *std::find(table.begin(), table.end(), nullptr) = pBlock;
+        benchmark::DoNotOptimize(table.data());
+        *std::find(table.begin(), table.end(), pBlock) = nullptr;
+        std::free(pBlock);
+    }
+    for (void* pBlock : live) {
+        std::free(pBlock);
+    }
+}
+BENCHMARK(AllocateScan)->Name("allocate and free 64 bytes beside n live blocks|a linear scan")->Apply(LiveBlocks);
+
+}  // namespace

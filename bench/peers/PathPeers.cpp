@@ -1,0 +1,193 @@
+// Paths joined and taken apart.
+#include <filesystem>
+#include <string>
+
+#include "KPath.h"
+#include "Peers.h"
+
+#ifdef KALVOREN_PEER_GLIB
+#include <glib.h>
+#endif
+#ifdef KALVOREN_PEER_POCO
+#include <Poco/Path.h>
+#endif
+
+namespace {
+
+constexpr const char* kDirectory = "/var/lib/camera/records/2024-05-06";
+constexpr const char* kName = "segment-000123.mjpeg";
+constexpr const char* kPath = "/var/lib/camera/records/2024-05-06/segment-000123.mjpeg";
+
+void JoinKalvoren(benchmark::State& state) {
+    KPath directory(kDirectory);
+    for (auto _ : state) {
+        const KPath joined = directory + kName;
+        benchmark::DoNotOptimize(joined.GetPath().GetBuffer());
+    }
+}
+BENCHMARK(JoinKalvoren)->Name("join a directory and a name|Kalvoren");
+
+void JoinStd(benchmark::State& state) {
+    const std::filesystem::path directory(kDirectory);
+    for (auto _ : state) {
+        const std::filesystem::path joined = directory / kName;
+        benchmark::DoNotOptimize(joined.c_str());
+    }
+}
+BENCHMARK(JoinStd)->Name("join a directory and a name|std::filesystem");
+
+void SplitKalvoren(benchmark::State& state) {
+    const KPath path(kPath);
+    for (auto _ : state) {
+        const KString name = path.GetNameOnly();
+        benchmark::DoNotOptimize(name.GetBuffer());
+    }
+}
+BENCHMARK(SplitKalvoren)->Name("the name at a path's end|Kalvoren");
+
+void SplitStd(benchmark::State& state) {
+    const std::filesystem::path path(kPath);
+    for (auto _ : state) {
+        const std::filesystem::path name = path.filename();
+        benchmark::DoNotOptimize(name.c_str());
+    }
+}
+BENCHMARK(SplitStd)->Name("the name at a path's end|std::filesystem");
+
+void ParentKalvoren(benchmark::State& state) {
+    for (auto _ : state) {
+        KPath path(kPath);
+        path.RemoveSubPath();
+        benchmark::DoNotOptimize(path.GetPath().GetBuffer());
+    }
+}
+BENCHMARK(ParentKalvoren)->Name("make a path and go up|Kalvoren");
+
+void ParentStd(benchmark::State& state) {
+    for (auto _ : state) {
+        const std::filesystem::path parent = std::filesystem::path(kPath).parent_path();
+        benchmark::DoNotOptimize(parent.c_str());
+    }
+}
+BENCHMARK(ParentStd)->Name("make a path and go up|std::filesystem");
+
+void ExtensionKalvoren(benchmark::State& state) {
+    const KPath path(kPath);
+    for (auto _ : state) {
+        const KString extension = path.GetExt();
+        benchmark::DoNotOptimize(extension.GetBuffer());
+    }
+}
+BENCHMARK(ExtensionKalvoren)->Name("a path's extension|Kalvoren");
+
+void ExtensionStd(benchmark::State& state) {
+    const std::filesystem::path path(kPath);
+    for (auto _ : state) {
+        const std::filesystem::path extension = path.extension();
+        benchmark::DoNotOptimize(extension.c_str());
+    }
+}
+BENCHMARK(ExtensionStd)->Name("a path's extension|std::filesystem");
+
+void SystemKalvoren(benchmark::State& state) {
+    KPath path(kPath);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(path.GetSystemPath(KPath::CONV_SLASH));
+    }
+}
+BENCHMARK(SystemKalvoren)->Name("a path's system form|Kalvoren");
+
+void SystemStd(benchmark::State& state) {
+    const std::filesystem::path path(kPath);
+    for (auto _ : state) {
+        const std::string system = path.string();
+        benchmark::DoNotOptimize(system.data());
+    }
+}
+BENCHMARK(SystemStd)->Name("a path's system form|std::filesystem");
+
+#ifdef KALVOREN_PEER_GLIB
+void JoinGlib(benchmark::State& state) {
+    for (auto _ : state) {
+        char* const pszJoined = g_build_filename(kDirectory, kName, nullptr);
+        benchmark::DoNotOptimize(pszJoined);
+        g_free(pszJoined);
+    }
+}
+BENCHMARK(JoinGlib)->Name("join a directory and a name|GLib");
+
+void SplitGlib(benchmark::State& state) {
+    for (auto _ : state) {
+        char* const pszName = g_path_get_basename(kPath);
+        benchmark::DoNotOptimize(pszName);
+        g_free(pszName);
+    }
+}
+BENCHMARK(SplitGlib)->Name("the name at a path's end|GLib");
+
+void ParentGlib(benchmark::State& state) {
+    for (auto _ : state) {
+        char* const pszParent = g_path_get_dirname(kPath);
+        benchmark::DoNotOptimize(pszParent);
+        g_free(pszParent);
+    }
+}
+BENCHMARK(ParentGlib)->Name("make a path and go up|GLib");
+
+void SystemGlib(benchmark::State& state) {
+    for (auto _ : state) {
+        char* const pszSystem = g_filename_from_utf8(kPath, -1, nullptr, nullptr, nullptr);
+        benchmark::DoNotOptimize(pszSystem);
+        g_free(pszSystem);
+    }
+}
+BENCHMARK(SystemGlib)->Name("a path's system form|GLib");
+#endif
+
+#ifdef KALVOREN_PEER_POCO
+void JoinPoco(benchmark::State& state) {
+    const Poco::Path directory = Poco::Path::forDirectory(kDirectory);
+    for (auto _ : state) {
+        const Poco::Path joined(directory, kName);
+        benchmark::DoNotOptimize(joined);
+    }
+}
+BENCHMARK(JoinPoco)->Name("join a directory and a name|POCO");
+
+void SplitPoco(benchmark::State& state) {
+    const Poco::Path path(kPath);
+    for (auto _ : state) {
+        const std::string name = path.getFileName();
+        benchmark::DoNotOptimize(name.data());
+    }
+}
+BENCHMARK(SplitPoco)->Name("the name at a path's end|POCO");
+
+void ParentPoco(benchmark::State& state) {
+    for (auto _ : state) {
+        const Poco::Path parent = Poco::Path(kPath).parent();
+        benchmark::DoNotOptimize(parent);
+    }
+}
+BENCHMARK(ParentPoco)->Name("make a path and go up|POCO");
+
+void ExtensionPoco(benchmark::State& state) {
+    const Poco::Path path(kPath);
+    for (auto _ : state) {
+        const std::string extension = path.getExtension();
+        benchmark::DoNotOptimize(extension.data());
+    }
+}
+BENCHMARK(ExtensionPoco)->Name("a path's extension|POCO");
+
+void SystemPoco(benchmark::State& state) {
+    const Poco::Path path(kPath);
+    for (auto _ : state) {
+        const std::string system = path.toString();
+        benchmark::DoNotOptimize(system.data());
+    }
+}
+BENCHMARK(SystemPoco)->Name("a path's system form|POCO");
+#endif
+
+}  // namespace

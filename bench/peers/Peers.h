@@ -1,0 +1,41 @@
+// What the comparisons share. A comparison's name is "job|who", then its size: "copy a text|Kalvoren/32".
+#ifndef KALVOREN_BENCH_PEERS_H
+#define KALVOREN_BENCH_PEERS_H
+
+#include <benchmark/benchmark.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+/// So many bytes of words that hold no z but for a last "zebra", where there is room for it.
+inline std::string TextOf(std::int64_t nSize) {
+    static const std::string kWords = "some words, then others; ";
+    static const std::string kLast = "zebra";
+    const auto nLength = static_cast<std::size_t>(nSize);
+    std::string text;
+    while (text.size() < nLength) {
+        text += kWords;
+    }
+    text.resize(nLength);
+    if (nLength > kLast.size()) {
+        text.replace(nLength - kLast.size(), kLast.size(), kLast);
+    }
+    return text;
+}
+
+/// A directory of the program's own below the one for temporary files, gone with everything in it at the end.
+class ScratchDirectory {
+ public:
+    ScratchDirectory();
+    ~ScratchDirectory();
+    ScratchDirectory(const ScratchDirectory&) = delete;
+    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+    const std::string& Path() const { return m_Path; }
+
+ private:
+    std::string m_Path;
+};
+
+#endif  // KALVOREN_BENCH_PEERS_H

@@ -1,0 +1,8 @@
+// Does with POCO what POCO programs begin with: an application and its end.
+#include <Poco/Util/Application.h>
+
+int main(int argc, char** argv) {
+    Poco::AutoPtr<Poco::Util::Application> application(new Poco::Util::Application);
+    application->setUnixOptions(true);
+    application->init(argc, argv);
+}
