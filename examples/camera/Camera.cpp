@@ -18,7 +18,7 @@ namespace {
 constexpr int kFramesQueue = 0;  // places in the process's table of queues
 constexpr int kJpegsQueue = 1;
 constexpr int kFramesWaiting = 4;
-constexpr int kJpegsWaiting = 25;
+constexpr int kJpegsWaiting = 12;
 
 /// Copies a text into a place in the record, cut to what fits.
 template <std::size_t nSize>
