@@ -417,7 +417,7 @@ TEST(CameraServiceTest, ASlowClientLosesPicturesAndNobodyElseDoes) {
     const auto hasEnough = [&](const std::string& text) { return Count(text, "--picture\r\n") > nWanted; };
     good.ReadUntil(hasEnough);
     // What the slow one lost is known once it has taken what was sent before.
-    slow.ReadUntil([](const std::string& text) { return text.size() > 1024U * 1024; });
+    slow.ReadUntil([](const std::string& text) { return text.size() > std::size_t{1024} * 1024; });
     EXPECT_TRUE(WaitUntil([&] { return NumberInStatus(nPort, "skipped") > 0; }));
     nWanted += 10;
     EXPECT_TRUE(hasEnough(good.ReadUntil(hasEnough)));
