@@ -36,8 +36,6 @@ using support::ContentOf;
 using support::ScopedDirectory;
 using testing::AllOf;
 using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 using testing::StartsWith;
 
 namespace {
@@ -341,7 +339,7 @@ const std::string kPictureEnds = "\xFF\xD9";
 std::string ExpectAnswer(const std::string& answer, const std::string& status, const std::string& type) {
     EXPECT_THAT(answer, AllOf(StartsWith("HTTP/1.1 " + status + "\r\n"),
                               HasSubstr("\r\nContent-Type: " + type + "\r\n"), HasSubstr("\r\nConnection: close\r\n")));
-    const std::string body = BodyOf(answer);
+    std::string body = BodyOf(answer);
     EXPECT_THAT(answer, HasSubstr("\r\nContent-Length: " + std::to_string(body.size()) + "\r\n"));
     return body;
 }
@@ -419,7 +417,7 @@ TEST(CameraServiceTest, ASlowClientLosesPicturesAndNobodyElseDoes) {
     const auto hasEnough = [&](const std::string& text) { return Count(text, "--picture\r\n") > nWanted; };
     good.ReadUntil(hasEnough);
     // What the slow one lost is known once it has taken what was sent before.
-    slow.ReadUntil([](const std::string& text) { return text.size() > 1024 * 1024; });
+    slow.ReadUntil([](const std::string& text) { return text.size() > std::size_t{1024} * 1024; });
     EXPECT_TRUE(WaitUntil([&] { return NumberInStatus(nPort, "skipped") > 0; }));
     nWanted += 10;
     EXPECT_TRUE(hasEnough(good.ReadUntil(hasEnough)));
@@ -493,6 +491,7 @@ TEST(CameraServiceTest, SurvivesAThousandConnections) {
     const int nPort = camera.Port();
     {
         std::vector<std::unique_ptr<Client>> clients;
+        clients.reserve(1000);
         for (int i = 0; i < 1000; ++i) {
             clients.push_back(std::make_unique<Client>(nPort));
         }
@@ -522,6 +521,7 @@ TEST(CameraServiceTest, ListensAnewWhenItRunsOutOfDescriptors) {
     const int nPort = camera.Port();
     {
         std::vector<std::unique_ptr<Client>> clients;
+        clients.reserve(30);
         for (int i = 0; i < 30; ++i) {
             clients.push_back(std::make_unique<Client>(nPort));
         }

@@ -21,7 +21,6 @@
 #include "TestCard.h"
 #include "support/Support.h"
 
-using support::ScopedChecks;
 using support::ScopedDirectory;
 using support::ScopedLevel;
 using support::StderrOf;
@@ -263,6 +262,7 @@ TEST(CameraTest, NamesAFileThatIsNotThere) {
 
 constexpr int kWidth = 320;
 constexpr int kHeight = 180;
+constexpr std::size_t kPictureSize = std::size_t{3} * kWidth * kHeight;
 constexpr int kRate = 25;
 constexpr int kThreshold = 32;
 
@@ -271,12 +271,12 @@ using Picture = std::vector<unsigned char>;
 Picture Drawn(unsigned int nFrame, int nSecond = 1000) {
     const camera::TestCard card(kWidth, kHeight, kRate);
     // Bytes behind the picture, which stay as they are.
-    Picture picture(kWidth * kHeight * 3 + 64, 0xA5);
+    Picture picture(kPictureSize + 64, 0xA5);
     card.Draw(nFrame, KTime(nSecond, 0, 0), picture.data());
-    for (std::size_t i = kWidth * kHeight * 3; i < picture.size(); ++i) {
+    for (std::size_t i = kPictureSize; i < picture.size(); ++i) {
         EXPECT_EQ(picture[i], 0xA5);
     }
-    picture.resize(kWidth * kHeight * 3);
+    picture.resize(kPictureSize);
     return picture;
 }
 
@@ -296,7 +296,7 @@ TEST(CameraTest, TheTestCardDrawsAtAnySizeThatCanBeConfigured) {
     } cases[] = {{160, 120, 1}, {160, 1080, 60}, {1920, 120, 25}, {641, 361, 7}};
     for (const auto& c : cases) {
         const camera::TestCard card(c.nWidth, c.nHeight, c.nRate);
-        Picture picture(static_cast<std::size_t>(c.nWidth * c.nHeight) * 3);
+        Picture picture(std::size_t{3} * static_cast<std::size_t>(c.nWidth) * static_cast<std::size_t>(c.nHeight));
         for (unsigned int nFrame : {0U, 1U, 99U, 1000U, 4000000000U}) {
             card.Draw(nFrame, KTime(0, 0, 0), picture.data());
         }
@@ -324,11 +324,12 @@ TEST(CameraTest, SeesTheBlockMoveAndNotTheClock) {
 
 TEST(CameraTest, CountsTheCellsThatChange) {
     camera::Motion motion(kWidth, kHeight, kThreshold);
-    Picture picture(kWidth * kHeight * 3, 0);
+    Picture picture(kPictureSize, 0);
     motion.Look(picture.data());
     // One cell, exactly.
-    for (int nY = 0; nY < kHeight / camera::Motion::kRows; ++nY) {
-        std::memset(&picture[static_cast<std::size_t>(nY * kWidth * 3)], 255, kWidth / camera::Motion::kColumns * 3);
+    constexpr std::size_t kCellWidth = kWidth / camera::Motion::kColumns;
+    for (std::size_t nY = 0; nY < kHeight / camera::Motion::kRows; ++nY) {
+        std::memset(&picture[nY * kWidth * 3], 255, kCellWidth * 3);
     }
     EXPECT_EQ(motion.Look(picture.data()), 1);
     std::fill(picture.begin(), picture.end(), static_cast<unsigned char>(128));
@@ -386,7 +387,7 @@ TEST(CameraTest, AQueueHasBuffersOfTheSizeAskedForAndCountsWhatWaits) {
 // -------------------------------------------------------------------------------------------------------------- Recorder
 
 constexpr int kLongSegment = 3600;
-constexpr long long kLimit = 256 * 1024;
+constexpr long long kLimit = 256LL * 1024;
 
 std::vector<unsigned char> Bytes(std::size_t nSize) {
     return std::vector<unsigned char>(nSize, 'j');
@@ -459,14 +460,14 @@ TEST(CameraTest, KeepsTheDirectoryBelowItsSizeAtEveryMoment) {
 TEST(CameraTest, CountsWhatIsThereAndDeletesTheOldestFirst) {
     const ScopedLevel level(kNoLines);
     const ScopedDirectory directory;
-    const std::string content(100 * 1024, 'x');
+    const std::string content(std::size_t{100} * 1024, 'x');
     directory.File("20200101000000000000.mjpeg", content);
     directory.File("20200102000000000000.jpg", content);
     directory.File("2020010300000000000.mjpeg", content);  // one digit short: not ours
     camera::Recorder recorder(directory.Path().c_str(), kLongSegment, kLimit);
     EXPECT_TRUE(recorder.Open());
     EXPECT_EQ(recorder.GetSize(), 200 * 1024);
-    EXPECT_TRUE(Write(recorder, 60 * 1024));
+    EXPECT_TRUE(Write(recorder, std::size_t{60} * 1024));
     const auto files = FilesIn(directory.Path());
     EXPECT_EQ(files.count("20200101000000000000.mjpeg"), 0U);
     EXPECT_EQ(files.count("20200102000000000000.jpg"), 1U);

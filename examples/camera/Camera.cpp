@@ -18,7 +18,7 @@ namespace {
 constexpr int kFramesQueue = 0;  // places in the process's table of queues
 constexpr int kJpegsQueue = 1;
 constexpr int kFramesWaiting = 4;
-constexpr int kJpegsWaiting = 25;
+constexpr int kJpegsWaiting = 12;
 
 /// Copies a text into a place in the record, cut to what fits.
 template <std::size_t nSize>
@@ -40,17 +40,9 @@ Camera::Camera(const Settings& settings)
       m_Record(),
       m_nLastTick(m_nStarted),
       m_Status(settings.nChannel),
-      m_fgServing(false),
       m_Recorder(settings.directory, settings.nSegmentSeconds, 1024LL * settings.nLimitKilobytes),
       m_Server(m_Settings, Site{m_Broadcaster, m_Counters, [this] { return StatusJson(); }}),
       m_Control(m_Settings, [this](const KString& text) { return Answer(text); }) {}
-
-Camera::~Camera() {
-    if (m_fgServing) {
-        m_Status.Publish(StatusRecord());  // Whoever is watching still has the memory.
-        m_Status.Remove();
-    }
-}
 
 bool Camera::Start() {
     int nOwner = 0;
@@ -59,7 +51,6 @@ bool Camera::Start() {
                       nOwner != 0 ? "belongs to another camera" : "cannot be made", nOwner);
         return false;
     }
-    m_fgServing = true;
     KString reason;
     if (!m_Encoder.Load(m_Settings, reason)) {
         KDebug::Error("encoder plug-in \"%s\": %s", m_Settings.plugin.GetBuffer(), reason.GetBuffer());

@@ -23,10 +23,6 @@ namespace camera {
 class Camera {
  public:
     explicit Camera(const Settings& settings);
-
-    /// Stops all threads and removes what others find the camera by.
-    ~Camera();
-
     Camera(const Camera&) = delete;
     Camera& operator=(const Camera&) = delete;
 
@@ -45,7 +41,8 @@ class Camera {
     KString StatusJson() const;
     StatusRecord MakeRecord() const;
 
-    // In the order in which they are made. They go in the opposite order, and each thread before what it uses.
+    // In the order in which they are made. They go in the opposite order: the control channel and the clients first, each
+    // thread before what it uses, and what others find the camera by when all of it has come to rest.
     const Settings m_Settings;
     const long long m_nStarted;
     Counters m_Counters;
@@ -54,7 +51,6 @@ class Camera {
     long long m_nLastTick;
     EventLog m_Events;
     StatusChannel m_Status;
-    bool m_fgServing;
     EncoderPlugin m_Encoder;
     Recorder m_Recorder;
     Broadcaster m_Broadcaster;

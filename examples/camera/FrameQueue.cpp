@@ -1,5 +1,6 @@
 #include "FrameQueue.h"
 
+#include <cstring>
 #include <vector>
 
 namespace camera {
@@ -13,7 +14,8 @@ FrameQueue::FrameQueue(int nIndex, int nBuffers, unsigned int nSize)
     : m_nIndex(nIndex), m_Queue(Made(nIndex, nBuffers)), m_nDepth(0) {
     std::vector<KDynamicDataBuffer*> buffers;
     while (KDynamicDataBuffer* const pBuffer = m_Queue.PopWrite()) {
-        pBuffer->LockWriteBuffer(nSize, 0);
+        // Written once, so that the memory is there from the start, and not asked for when the machine is busy.
+        std::memset(pBuffer->LockWriteBuffer(nSize, 0), 0, nSize);
         pBuffer->UnlockWriteBuffer();
         buffers.push_back(pBuffer);
     }

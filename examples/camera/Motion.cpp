@@ -1,5 +1,6 @@
 #include "Motion.h"
 
+#include <cstddef>
 #include <cstdlib>
 
 namespace camera {
@@ -24,9 +25,10 @@ Motion::Grid Motion::Measure(const unsigned char* pRgb) const {
     Grid counts = {};
     for (int nY = 0; nY < m_nHeight; nY += kStride) {
         for (int nX = 0; nX < m_nWidth; nX += kStride) {
-            const unsigned char* const p = pRgb + (nY * m_nWidth + nX) * 3;
-            const std::size_t nCell =
-                static_cast<std::size_t>(nY * kRows / m_nHeight * kColumns + nX * kColumns / m_nWidth);
+            const unsigned char* const p = pRgb + (static_cast<std::ptrdiff_t>(nY) * m_nWidth + nX) * 3;
+            const int nColumn = nX * kColumns / m_nWidth;
+            const int nRow = nY * kRows / m_nHeight;
+            const std::size_t nCell = static_cast<std::size_t>(nRow) * kColumns + static_cast<std::size_t>(nColumn);
             sums[nCell] += (2 * p[0] + 5 * p[1] + p[2]) / 8;  // the eye's view of red, green and blue, roughly
             ++counts[nCell];
         }

@@ -51,7 +51,15 @@ bool StatusChannel::Serve(int& nOwner) {
     Remove();
     m_pChannel->Create(true, KIPC::SHARED_MEMORY);
     // Create() is true as well when the memory could not be mapped.
-    return m_pChannel->GetSharedMemory() != nullptr;
+    m_fgServing = m_pChannel->GetSharedMemory() != nullptr;
+    return m_fgServing;
+}
+
+StatusChannel::~StatusChannel() {
+    if (m_fgServing) {
+        Publish(StatusRecord());  // Whoever is watching still has the memory.
+        Remove();
+    }
 }
 
 void StatusChannel::Publish(const StatusRecord& record) {

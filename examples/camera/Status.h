@@ -56,7 +56,13 @@ constexpr std::uint32_t kStatusVersion = 1;
 class StatusChannel {
  public:
     /// Both sides: @p nChannel is the channel's number.
-    explicit StatusChannel(int nChannel) : m_nChannel(nChannel), m_pChannel(nullptr) {}
+    explicit StatusChannel(int nChannel) : m_nChannel(nChannel), m_pChannel(nullptr), m_fgServing(false) {}
+
+    /// The camera's side says that it has ended, and removes the memory.
+    ~StatusChannel();
+
+    StatusChannel(const StatusChannel&) = delete;
+    StatusChannel& operator=(const StatusChannel&) = delete;
 
     /// The camera's side: makes the memory. Returns false when the system refuses; with a process in @p nOwner when another
     /// camera has the channel.
@@ -65,9 +71,6 @@ class StatusChannel {
     /// The camera's side: publishes a record.
     void Publish(const StatusRecord& record);
 
-    /// The camera's side: removes the memory.
-    void Remove();
-
     /// The reader's side: finds the memory and reads a record. Returns false when no camera publishes here.
     ///
     /// A reader never closes the channel: whoever closes shared memory removes its name, and the next reader would look for
@@ -75,8 +78,11 @@ class StatusChannel {
     bool Read(StatusRecord& record);
 
  private:
+    void Remove();
+
     const int m_nChannel;
     KIPC* m_pChannel;  ///< In the library's table of channels, which keeps it.
+    bool m_fgServing;
 };
 
 }  // namespace camera

@@ -1,6 +1,7 @@
 #include "TestCard.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 namespace camera {
@@ -110,7 +111,7 @@ void TestCard::Fill(unsigned char* pRgb, int nX, int nY, int nWidth, int nHeight
     const int nBottom = std::min(nY + nHeight, m_nHeight);
     for (int y = std::max(nY, 0); y < nBottom; ++y) {
         for (int x = std::max(nX, 0); x < nRight; ++x) {
-            std::memcpy(pRgb + (y * m_nWidth + x) * 3, colour, sizeof(colour));
+            std::memcpy(pRgb + (static_cast<std::ptrdiff_t>(y) * m_nWidth + x) * 3, colour, sizeof(colour));
         }
     }
 }

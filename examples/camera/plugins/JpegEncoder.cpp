@@ -18,7 +18,7 @@ struct Handle {
 constexpr int kSampling = TJSAMP_420;
 
 void* Open(int nWidth, int nHeight, int nQuality) {
-    const tjhandle pCompressor = tjInitCompress();
+    tjhandle pCompressor = tjInitCompress();
     return pCompressor != nullptr ? new (std::nothrow) Handle{pCompressor, nWidth, nHeight, nQuality} : nullptr;
 }
 
