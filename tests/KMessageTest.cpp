@@ -374,17 +374,20 @@ TEST(KMessageTest, UnregisteringFromTheMiddleKeepsTheOthersAndTheirOrder) {
 
 TEST(KMessageTest, ARegistrationWithoutMemoryForItsNameIsTrueAndLeavesNothing) {
     Listener::Notes notes;
+    Listener earlier("earlier", notes);
     Listener first("first", notes);
     Listener second("second", notes);
+    EXPECT_TRUE(earlier.Register("memory-earlier"));
     {
         // There is memory for the handler's place in its list, and none for the name's.
         const ScopedNoMemory noMemory(1);
         EXPECT_TRUE(first.Register("memory-first"));
     }
     EXPECT_TRUE(second.Register("memory-second"));
-    Send("memory-first", "a");
-    Send("memory-second", "b");
-    EXPECT_THAT(notes, ElementsAre("second:b"));
+    Send("memory-earlier", "a");
+    Send("memory-first", "b");
+    Send("memory-second", "c");
+    EXPECT_THAT(notes, ElementsAre("earlier:a", "second:c"));
     EXPECT_FALSE(first.Unregister("memory-first"));
 }
 
