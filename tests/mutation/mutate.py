@@ -270,7 +270,7 @@ def sandboxed(command):
     """A command that can change nothing outside it, whatever a changed library does."""
     return ["bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--tmpfs", "/tmp", "--tmpfs", "/var/tmp",
             "--unshare-pid", "--unshare-net", "--unshare-ipc", "--die-with-parent", "--setenv", "TMPDIR", "/tmp",
-            "--chdir", os.path.join(BUILD, "tests"), *command]  # fmt: skip
+            "--chdir", BUILD, *command]  # fmt: skip
 
 
 class Tests:
@@ -462,6 +462,8 @@ def main():
             sys.exit("mutate: no class named %s; there are: %s" % (name, " ".join(CLASSES)))
     with open(EQUIVALENTS) as file:
         equivalents = [{key: entry[key] for key in ("file", "in", "nth", "at", "old", "new")} for entry in json.load(file)]
+    if run(sandboxed(["true"])).returncode != 0:
+        sys.exit("mutate: bubblewrap does not work here, and nothing changed is run outside it")
     programs = sorted({program for name in names for program in CLASSES[name][1]})
     if subprocess.run(["cmake", "--build", BUILD, "--target", "kalvoren-sharedd", *programs], stdout=sys.stderr).returncode != 0:
         sys.exit("mutate: the tests do not build")
