@@ -270,7 +270,7 @@ def sandboxed(command):
     """A command that can change nothing outside it, whatever a changed library does."""
     return ["bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--tmpfs", "/tmp", "--tmpfs", "/var/tmp",
             "--unshare-pid", "--unshare-net", "--unshare-ipc", "--die-with-parent", "--setenv", "TMPDIR", "/tmp",
-            "--chdir", BUILD, *command]  # fmt: skip
+            "--chdir", os.path.join(BUILD, "tests"), *command]  # fmt: skip
 
 
 class Tests:
