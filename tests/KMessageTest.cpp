@@ -13,6 +13,7 @@
 
 #include "KMem.h"
 #include "KMessage.h"
+#include "support/FailingNew.h"
 #include "support/Interpose.h"
 #include "support/LogLines.h"
 #include "support/MutexCalls.h"
@@ -28,6 +29,7 @@ using support::LogOf;
 using support::ScopedCalls;
 using support::ScopedChecks;
 using support::ScopedLevel;
+using support::ScopedNoMemory;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -368,6 +370,25 @@ TEST(KMessageTest, UnregisteringFromTheMiddleKeepsTheOthersAndTheirOrder) {
     notes.clear();
     Send("KMessageTest/middle/other", "z");
     EXPECT_THAT(notes, ElementsAre("0:z", "1:z", "2:z", "3:z", "4:z", "5:z", "6:z", "7:z", "8:z"));
+}
+
+TEST(KMessageTest, ARegistrationWithoutMemoryForItsNameIsTrueAndLeavesNothing) {
+    Listener::Notes notes;
+    Listener earlier("earlier", notes);
+    Listener first("first", notes);
+    Listener second("second", notes);
+    EXPECT_TRUE(earlier.Register("memory-earlier"));
+    {
+        // There is memory for the handler's place in its list, and none for the name's.
+        const ScopedNoMemory noMemory(1);
+        EXPECT_TRUE(first.Register("memory-first"));
+    }
+    EXPECT_TRUE(second.Register("memory-second"));
+    Send("memory-earlier", "a");
+    Send("memory-first", "b");
+    Send("memory-second", "c");
+    EXPECT_THAT(notes, ElementsAre("earlier:a", "second:c"));
+    EXPECT_FALSE(first.Unregister("memory-first"));
 }
 
 TEST(KMessageTest, TheNameIsCopiedAtTheRegistration) {

@@ -189,7 +189,12 @@ void Delete(void* pBlock) {
 
 void DeleteSized(void* pBlock, std::size_t nSize) {
     LetGo(pBlock);
+#ifdef __cpp_sized_deallocation
     ::operator delete(pBlock, nSize);
+#else
+    static_cast<void>(nSize);
+    ::operator delete(pBlock);
+#endif
 }
 
 void DeleteNothrow(void* pBlock, const std::nothrow_t& tag) {
@@ -204,7 +209,12 @@ void DeleteArray(void* pBlock) {
 
 void DeleteArraySized(void* pBlock, std::size_t nSize) {
     LetGo(pBlock);
+#ifdef __cpp_sized_deallocation
     ::operator delete[](pBlock, nSize);
+#else
+    static_cast<void>(nSize);
+    ::operator delete[](pBlock);
+#endif
 }
 
 void DeleteArrayNothrow(void* pBlock, const std::nothrow_t& tag) {
@@ -684,6 +694,9 @@ void* HookFor(const std::string& name) {
 
 std::set<std::string> g_Unknown;
 
+// The loader's tables hold addresses as numbers.
+// NOLINTBEGIN(performance-no-int-to-ptr)
+
 /// The parts of a loaded object that its imports are told by.
 struct Imports {
     std::uintptr_t nBase = 0;
@@ -765,6 +778,8 @@ int RedirectLibrary(dl_phdr_info* pObject, std::size_t, void*) {
     }
     return 1;
 }
+
+// NOLINTEND(performance-no-int-to-ptr)
 
 bool IsMemory(const std::string& function) {
     return function == "malloc" || function == "calloc" || function == "realloc" || function == "new";

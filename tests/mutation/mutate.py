@@ -1,0 +1,483 @@
+"""Changes the library in one place at a time and sees whether the tests of the class notice.
+
+Started by scripts/mutate, which sees to the build. A change is an operator, a constant, a condition or a statement; comments
+and texts are spared. A changed source is compiled and linked with the other objects of the library, and the result put in
+front of the real one (LD_PRELOAD) of the test programs of its class. They run where they can break nothing: the file system
+is read-only but for a small /tmp, with a network and processes of their own.
+"""
+
+import argparse
+import hashlib
+import json
+import os
+import random
+import re
+import shlex
+import subprocess
+import sys
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+BUILD = os.path.join(ROOT, "build", "mutate")
+LIBRARY = "libkalvoren-sharedd.so.1"
+EQUIVALENTS = os.path.join(ROOT, "tests", "mutation", "equivalents.json")
+
+# What a class consists of, where that is not one source and one test of its name. Headers are tested by tests that compile
+# them.
+CLASSES = {
+    "KAssert": (["src/api/KAssert.cpp"], ["KAssertTest"]),
+    "KDebug": (["src/api/KDebug.cpp"], ["KDebugTest"]),
+    "KDirectory": (["src/api/KDirectory.cpp"], ["KDirectoryTest"]),
+    "KEntry": (["src/KEntry.cpp"], ["KEntryTest"]),
+    "KFile": (["src/api/KFile.cpp"], ["KFileTest"]),
+    "KIPC": (["src/api/KIPC.cpp"], ["KIPCTest"]),
+    "KLib": (["src/api/KLib.cpp"], ["KLibTest"]),
+    "KList": (["inc/KList.h"], ["KListTest"]),
+    "KLocale": (["src/api/KLocale.cpp"], ["KLocaleTest"]),
+    "KMem": (["src/api/KMem.cpp"], ["KMemTest"]),
+    "KMessage": (["src/KMessage.cpp"], ["KMessageTest"]),
+    "KNet": (["src/api/KNet.cpp"], ["KNetInfoTest", "KNetTest"]),
+    "KPath": (["src/KPath.cpp"], ["KPathTest"]),
+    "KPropertyList": (["src/KPropertyList.cpp"], ["KPropertyNodeTest", "KPropertyListTest"]),
+    "KQueue": (["src/KQueue.cpp"], ["KQueueTest"]),
+    "KString": (["src/api/KString.cpp"], ["KStringTest"]),
+    "KSystem": (["src/api/KSystem.cpp"], ["KSystemTest"]),
+    "KThread": (["src/api/KThread.cpp"], ["KMutexTest", "KThreadTest"]),
+    "KTime": (["src/api/KTime.cpp"], ["KTimeTest"]),
+    "ExchangeOrder": (["src/ExchangeOrder.h"], ["ExchangeOrderTest"]),
+}
+
+
+# ------------------------------------------------------------------------------------------------------------ The changes
+
+
+def blank_out(text):
+    """The text with comments, texts, characters and preprocessor lines blanked out, every byte in its place."""
+    pattern = re.compile(
+        r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])*\'|^[ \t]*#(?:[^\n]*\\\n)*[^\n]*',
+        re.DOTALL | re.MULTILINE,
+    )
+    return pattern.sub(lambda match: re.sub(r"[^\n]", " ", match.group()), text)
+
+
+# Operators stand between blanks where they are binary: the formatting tells them from templates, pointers and signs.
+SWAPS = {
+    "==": ["!="],
+    "!=": ["=="],
+    "<": ["<=", ">"],
+    "<=": ["<", ">"],
+    ">": [">=", "<"],
+    ">=": [">", "<"],
+    "&&": ["||"],
+    "||": ["&&"],
+    "+": ["-"],
+    "-": ["+"],
+    "*": ["/"],
+    "/": ["*"],
+    "%": ["*"],
+    "&": ["|"],
+    "|": ["&"],
+    "+=": ["-="],
+    "-=": ["+="],
+}
+
+
+def closing(text, opening):
+    """The place of the bracket that closes the one at a place; -1 where it is missing."""
+    depth = 0
+    for i in range(opening, len(text)):
+        depth += {"(": 1, ")": -1}.get(text[i], 0)
+        if depth == 0:
+            return i
+    return -1
+
+
+def is_statement(line):
+    """Whether a line is a whole statement that can be left out: a call or an assignment, no declaration."""
+    line = line.strip()
+    if not line.endswith(";") or line.count("(") != line.count(")") or line.count("{") != line.count("}"):
+        return False
+    if re.match(r"(return|using|typedef|static_assert|static|const|constexpr|case|default|goto|friend|extern|template)\b", line):
+        return False
+    if re.match(r"(break|continue);$", line):
+        return True
+    # Two words in a row begin a declaration.
+    if re.match(r"[\w:]+(<.*>)?[*&]*\s+[*&]*\w+\s*(=|\(|\{|;|\[)", line):
+        return False
+    return re.match(r"(\+\+|--|\*)?[\w:~]+(<[^<>]*>)?\s*(\(|\.|->|\[|=|\+=|-=|\|=|&=|\*=|\+\+|--|;)", line) is not None or (
+        re.match(r"(\+\+|--|\*|\()", line) is not None
+    )
+
+
+def changes_of(text):
+    """Every change of a source: (from, to, replacement, kind), in order."""
+    plain = blank_out(text)
+    found = []
+
+    for match in re.finditer(r"(?<= )(==|!=|<=|>=|<|>|&&|\|\||\+=|-=|\+|-|\*|/|%|&|\|)(?= )", plain):
+        for other in SWAPS[match.group()]:
+            found.append((match.start(), match.end(), other, "operator"))
+    for match in re.finditer(r"\+\+|--", plain):
+        found.append((match.start(), match.end(), "--" if match.group() == "++" else "++", "operator"))
+    for match in re.finditer(r"!(?=[\w(*])", plain):
+        found.append((match.start(), match.end(), "", "operator"))
+    for match in re.finditer(r"(?<![\w.'])(\d+)(?![\w.'])", plain):
+        number = int(match.group())
+        for other in {str(number + 1), "0" if number else "1"}:
+            found.append((match.start(), match.end(), other, "constant"))
+    for match in re.finditer(r"\b(true|false|nullptr)\b", plain):
+        other = {"true": "false", "false": "true"}.get(match.group())
+        if other:
+            found.append((match.start(), match.end(), other, "constant"))
+    for match in re.finditer(r"\b(if|while) \(", plain):
+        end = closing(plain, match.end() - 1)
+        inner = text[match.end() : end]
+        if end > 0 and " = " not in blank_out(inner) and ";" not in inner:
+            other = "!(%s)" % inner if match.group(1) == "if" else "false && (%s)" % inner
+            found.append((match.end(), end, other, "condition"))
+    for match in re.finditer(r"\breturn ([^;{}]+);", plain):
+        value = text[match.start(1) : match.end(1)]
+        if value not in ("0", "false", "nullptr", "true", "*this") and not value.startswith("[" ):
+            found.append((match.start(1), match.end(1), "{}", "statement"))
+    place = 0
+    for line in plain.splitlines(keepends=True):
+        if is_statement(line):
+            stripped = line.strip()
+            start = place + line.index(stripped)
+            found.append((start, start + len(stripped), ";", "statement"))
+        place += len(line)
+    return sorted(set(found))
+
+
+class Change:
+    """One change of one file."""
+
+    def __init__(self, path, text, start, end, other, kind):
+        self.path = path
+        self.start = start
+        self.old = text[start:end]
+        self.new = other
+        self.kind = kind
+        self.text = text[:start] + other + text[end:]
+        self.line = text.count("\n", 0, start) + 1
+        first = text.rfind("\n", 0, start) + 1
+        self.line_text = text[first : text.find("\n", start)].strip()
+        # Which of the lines that read like this one it is.
+        self.nth = sum(1 for line in text[:first].splitlines() if line.strip() == self.line_text)
+        indent = len(text[first:start]) - len(text[first:start].lstrip())
+        self.column = start - first - (indent if text[first:start].strip() else start - first)
+
+    def identity(self):
+        """What tells the change from others, wherever its line moves to."""
+        return {"file": self.path, "in": self.line_text, "nth": self.nth, "at": self.column, "old": self.old,
+                "new": self.new}  # fmt: skip
+
+    def __str__(self):
+        new = self.new.replace("\n", " ")
+        old = self.old.replace("\n", " ")
+        return "%s:%d: %s: '%s' -> '%s' in: %s" % (self.path, self.line, self.kind, old, new, self.line_text)
+
+
+# -------------------------------------------------------------------------------------------------------------- The build
+
+
+def run(command, **options):
+    return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, **options)
+
+
+def digest(*parts):
+    return hashlib.sha256("\0".join(parts).encode()).hexdigest()
+
+
+class Build:
+    """Compiles changed files with the commands that compile the real ones."""
+
+    def __init__(self):
+        with open(os.path.join(BUILD, "compile_commands.json")) as file:
+            self.entries = json.load(file)
+        self.work = os.path.join(BUILD, "changed")
+        os.makedirs(self.work, exist_ok=True)
+        self.plain = {}
+
+    def entry(self, source):
+        path = os.path.join(ROOT, source)
+        for entry in self.entries:
+            if entry["file"] == path:
+                return entry
+        sys.exit("mutate: %s is not part of the build" % source)
+
+    def compile(self, source, path, target, more=()):
+        """Compiles a file as if it were another; returns whether that worked."""
+        entry = self.entry(source)
+        words = shlex.split(entry["command"])
+        words[words.index("-o") + 1] = target
+        words[words.index("-c") + 1] = path
+        words = [word for word in words if word not in ("-Werror", "-g", "-g1")]
+        directory = os.path.dirname(os.path.join(ROOT, source))
+        # What the source includes by a path from its own directory.
+        words[1:1] = ["-w", *more, "-I", directory]
+        return run(words, cwd=entry["directory"]).returncode == 0
+
+    def objects(self):
+        """The object of each source of the library, by source."""
+        objects = {}
+        for entry in self.entries:
+            words = shlex.split(entry["command"])
+            target = words[words.index("-o") + 1]
+            if target.startswith("CMakeFiles/kalvoren-sharedd.dir/"):
+                objects[os.path.relpath(entry["file"], ROOT)] = os.path.join(entry["directory"], target)
+        return objects
+
+    def link(self, source, changed):
+        """Links the library with one object changed."""
+        library = os.path.join(self.work, LIBRARY)
+        objects = [changed if name == source else path for name, path in sorted(self.objects().items())]
+        words = ["g++", "-shared", "-o", library, "-Wl,-soname," + LIBRARY]
+        words += ["-Wl,--version-script," + os.path.join(ROOT, "src", "exports.map"), "-pthread", *objects, "-ldl"]
+        return library if run(words).returncode == 0 else None
+
+    def code_of(self, path):
+        """What an object does, without what it says about where it came from."""
+        bare = path + ".bare"
+        run(["objcopy", "--strip-debug", "--remove-section=.comment", path, bare])
+        with open(bare, "rb") as file:
+            return hashlib.sha256(file.read()).hexdigest()
+
+    def code_without_change(self, source):
+        if source not in self.plain:
+            with open(os.path.join(ROOT, source)) as file:
+                text = file.read()
+            self.plain[source] = self.changed_object(source, text)
+            if self.plain[source] is None:
+                sys.exit("mutate: %s does not compile without a change" % source)
+        return self.plain[source]
+
+    def changed_object(self, source, text):
+        """Compiles a text in place of a source: the object's path and its code, or None."""
+        path = os.path.join(self.work, os.path.basename(source))
+        target = path + ".o"
+        with open(path, "w") as file:
+            file.write(text)
+        if not self.compile(source, path, target):
+            return None
+        return target, self.code_of(target)
+
+
+# -------------------------------------------------------------------------------------------------------------- The tests
+
+
+def sandboxed(command):
+    """A command that can change nothing outside it, whatever a changed library does."""
+    return ["bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--tmpfs", "/tmp", "--tmpfs", "/var/tmp",
+            "--unshare-pid", "--unshare-net", "--unshare-ipc", "--die-with-parent", "--setenv", "TMPDIR", "/tmp",
+            "--chdir", os.path.join(BUILD, "tests"), *command]  # fmt: skip
+
+
+class Tests:
+    def __init__(self, programs):
+        self.programs = [os.path.join(BUILD, "tests", program) for program in programs]
+        self.seconds = {}
+        self.cases = {}
+
+    def passes(self, library=None, program=None, replaced=None, limit=300.0, more=()):
+        """Whether a test program passes, with a changed library in front or as a program of its own."""
+        command = [replaced or program, "--gtest_brief=1", "--gtest_fail_fast", *more]
+        if library:
+            command = ["env", "LD_PRELOAD=" + library, *command]
+        started = time.time()
+        try:
+            result = subprocess.run(sandboxed(command), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                    stdin=subprocess.DEVNULL, timeout=limit)  # fmt: skip
+        except subprocess.TimeoutExpired:
+            return False
+        self.seconds.setdefault(program, time.time() - started)
+        return result.returncode == 0
+
+    def notice(self, library=None, replaced=None):
+        for program in self.programs:
+            limit = max(20.0, 6 * self.seconds[program])
+            if not self.passes(library, program, replaced, limit):
+                return True
+        # As CTest starts them: what one case leaves in the process may hide a change from the next.
+        return any(not self.passes_apart(library, program, replaced) for program in self.programs)
+
+    def passes_apart(self, library, program, replaced):
+        if program not in self.cases:
+            listed = run([program, "--gtest_list_tests"]).stdout.decode().splitlines()
+            suite = ""
+            self.cases[program] = []
+            for line in listed:
+                name = line.split("#")[0].strip()
+                if line.startswith(" "):
+                    self.cases[program].append(suite + name)
+                elif name.endswith("."):
+                    suite = name
+        return all(
+            self.passes(library, program, replaced, 60.0, ["--gtest_filter=" + case]) for case in self.cases[program]
+        )
+
+    def state(self):
+        """Changes when a test does: a survivor is looked at again then."""
+        states = []
+        for program in self.programs:
+            with open(program, "rb") as file:
+                states.append(hashlib.sha256(file.read()).hexdigest())
+        return digest(*states)
+
+
+# ----------------------------------------------------------------------------------------------------------------- A class
+
+
+class Results:
+    """What came of each change, kept over runs."""
+
+    def __init__(self):
+        self.path = os.path.join(BUILD, "results.json")
+        self.known = {}
+        if os.path.exists(self.path):
+            with open(self.path) as file:
+                self.known = json.load(file)
+
+    def get(self, change, state):
+        known = self.known.get(digest(change.path, change.text))
+        return known["result"] if known and (known["result"] != "survived" or known["state"] == state) else None
+
+    def put(self, change, state, result):
+        self.known[digest(change.path, change.text)] = {"result": result, "state": state}
+        with open(self.path + ".new", "w") as file:
+            json.dump(self.known, file)
+        os.replace(self.path + ".new", self.path)
+
+
+def examine(change, build, tests):
+    """'invalid', 'same', 'noticed' or 'survived'."""
+    if change.path.endswith(".h"):
+        # The test that compiles the header is compiled anew.
+        directory = os.path.join(build.work, "include")
+        os.makedirs(directory, exist_ok=True)
+        header = os.path.join(directory, os.path.basename(change.path))
+        with open(header, "w") as file:
+            file.write(change.text)
+        name = os.path.basename(tests.programs[0])
+        target = os.path.join(build.work, name + ".o")
+        try:
+            source = os.path.join("tests", name + ".cpp")
+            if not build.compile(source, os.path.join(ROOT, source), target, ["-I", directory]):
+                return "invalid"
+        finally:
+            os.remove(header)
+        program = os.path.join(build.work, name)
+        libraries = [os.path.join(BUILD, "tests", "lib%s.a" % part) for part in ("kalvoren-test-support", "kalvoren-googletest")]
+        words = ["g++", "-o", program, target, *libraries, "-L" + BUILD, "-lkalvoren-sharedd", "-Wl,-rpath," + BUILD,
+                 "-pthread", "-ldl"]  # fmt: skip
+        if run(words).returncode != 0:
+            return "invalid"
+        return "noticed" if tests.notice(replaced=program) else "survived"
+    plain = build.code_without_change(change.path)[1]
+    changed = build.changed_object(change.path, change.text)
+    if changed is None:
+        return "invalid"
+    if changed[1] == plain:
+        return "same"
+    library = build.link(change.path, changed[0])
+    if library is None:
+        return "invalid"
+    return "noticed" if tests.notice(library=library) else "survived"
+
+
+def check_setting(name, sources, build, tests):
+    """What is not changed has to pass in the same setting, or every change would seem to be noticed."""
+    for program in tests.programs:
+        if not tests.passes(program=program):
+            sys.exit("mutate: %s fails without any change" % os.path.basename(program))
+    for source in sources:
+        if not source.endswith(".h"):
+            plain = build.code_without_change(source)[0]
+            library = build.link(source, plain)
+            if library is None or not all(tests.passes(library, program) for program in tests.programs):
+                sys.exit("mutate: the tests of %s fail with a library that was put in front" % name)
+
+
+def report(name, counts, total, survivors):
+    judged = counts["noticed"] + counts["survived"]
+    share = 100.0 * counts["noticed"] / judged if judged else 100.0
+    print(
+        "%s: %d of %d changes tried: %d noticed, %d survived (%.1f %% noticed); %d listed as equivalent, "
+        "%d compile to the same, %d do not compile"
+        % (name, sum(counts.values()), total, counts["noticed"], counts["survived"], share, counts["equivalent"],
+           counts["same"], counts["invalid"]),  # fmt: skip
+        flush=True,
+    )
+    for survivor in survivors:
+        print("  " + str(survivor), flush=True)
+
+
+def mutate(name, options, results, equivalents, deadline):
+    sources, programs = CLASSES[name]
+    build = Build()
+    tests = Tests(programs)
+    check_setting(name, sources, build, tests)
+    state = tests.state()
+    changes = []
+    for source in sources:
+        with open(os.path.join(ROOT, source)) as file:
+            text = file.read()
+        changes += [Change(source, text, *change) for change in changes_of(text)]
+    total = len(changes)
+    random.Random(options.seed).shuffle(changes)
+    counts = {"noticed": 0, "survived": 0, "equivalent": 0, "same": 0, "invalid": 0}
+    survivors = []
+    for change in changes[: options.sample or total]:
+        if time.time() > deadline:
+            break
+        if change.identity() in equivalents:
+            counts["equivalent"] += 1
+            continue
+        result = results.get(change, state)
+        if result is None:
+            result = examine(change, build, tests)
+            results.put(change, state, result)
+        counts[result] += 1
+        if result == "survived":
+            survivors.append(change)
+            if options.verbose:
+                print(json.dumps(change.identity()), flush=True)
+    survivors.sort(key=lambda change: (change.path, change.start))
+    report(name, counts, total, survivors)
+    return counts
+
+
+def main():
+    parser = argparse.ArgumentParser(usage="scripts/mutate [--seed N] [--sample N] [--seconds N] [--verbose] [CLASS...]")
+    parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--sample", type=int, default=0)
+    parser.add_argument("--seconds", type=int, default=0)
+    parser.add_argument("--least", type=float, default=95.0)
+    parser.add_argument("--verbose", action="store_true")
+    parser.add_argument("classes", nargs="*")
+    options = parser.parse_args()
+    names = options.classes or list(CLASSES)
+    for name in names:
+        if name not in CLASSES:
+            sys.exit("mutate: no class named %s; there are: %s" % (name, " ".join(CLASSES)))
+    with open(EQUIVALENTS) as file:
+        equivalents = [{key: entry[key] for key in ("file", "in", "nth", "at", "old", "new")} for entry in json.load(file)]
+    if run(sandboxed(["true"])).returncode != 0:
+        sys.exit("mutate: bubblewrap does not work here, and nothing changed is run outside it")
+    programs = sorted({program for name in names for program in CLASSES[name][1]})
+    if subprocess.run(["cmake", "--build", BUILD, "--target", "kalvoren-sharedd", *programs], stdout=sys.stderr).returncode != 0:
+        sys.exit("mutate: the tests do not build")
+    results = Results()
+    deadline = time.time() + options.seconds if options.seconds else float("inf")
+    noticed = judged = 0
+    for name in names:
+        counts = mutate(name, options, results, equivalents, deadline)
+        noticed += counts["noticed"]
+        judged += counts["noticed"] + counts["survived"]
+    share = 100.0 * noticed / judged if judged else 100.0
+    print("All: %d of %d changes noticed (%.1f %%)" % (noticed, judged, share))
+    return 0 if share >= options.least else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
