@@ -91,7 +91,7 @@ class KALVOREN_API KPropertyNode {
  private:
     friend class KPropertyList;
 
-    KALVOREN_LOCAL void DetachDoomed(KList<KPropertyNode*>::Appender& doomed);
+    KALVOREN_LOCAL void DetachDoomed(KList<KPropertyNode*>::Appender& parents);
     KALVOREN_LOCAL void DestroyDoomed();
 
     KPropertyNodeType m_eType;

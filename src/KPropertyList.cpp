@@ -37,32 +37,38 @@ KPropertyNode::~KPropertyNode() {
 void KPropertyNode::DestroyDoomed() {
     KList<KPropertyNode*> generations[2];
     {
-        KList<KPropertyNode*>::Appender children(generations[0]);
-        DetachDoomed(children);
+        KList<KPropertyNode*>::Appender parents(generations[0]);
+        DetachDoomed(parents);
     }
     // The lists swap their parts: their locks are never held together, or there would be no order to them.
     for (int i = 0; generations[i].GetCount() > 0; i = 1 - i) {
         KList<KPropertyNode*>::End end;
         KPropertyNode* pNode = nullptr;
         while (generations[i].Pop(pNode, -1)) {
-            if (pNode != nullptr) {
-                {
-                    KList<KPropertyNode*>::Appender grandchildren(generations[1 - i], end);
-                    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): Pop() gave another node than the last one.
-                    pNode->DetachDoomed(grandchildren);
-                }
-                delete pNode;
+            {
+                KList<KPropertyNode*>::Appender parents(generations[1 - i], end);
+                // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): Pop() gave another node than the last one.
+                pNode->DetachDoomed(parents);
             }
+            delete pNode;
         }
     }
 }
 
-/// Hands over the children that die with this node, and forgets the others. The count falls as the index rises, so these
-/// are the first half, rounded up.
-void KPropertyNode::DetachDoomed(KList<KPropertyNode*>::Appender& doomed) {
-    KPropertyNode* pChild = nullptr;
-    for (int i = 0; i < m_Children.GetCount() && m_Children.Pop(pChild, -1); ++i) {
-        doomed.Add(pChild);
+/// Destroys those children that die with this node, hands over the ones among them that are parents themselves, and
+/// forgets the others. The count falls as the index rises, so that the first half dies, rounded up.
+void KPropertyNode::DetachDoomed(KList<KPropertyNode*>::Appender& parents) {
+    int nDoomed = (m_Children.GetCount() + 1) / 2;
+    {
+        KList<KPropertyNode*>::Reader children(m_Children);
+        for (KPropertyNode** ppChild = children.Next(); nDoomed > 0 && ppChild != nullptr; ppChild = children.Next()) {
+            if (*ppChild == nullptr || (*ppChild)->GetNodeCount() == 0) {
+                delete *ppChild;
+            } else {
+                parents.Add(*ppChild);
+            }
+            --nDoomed;
+        }
     }
     m_Children.Reset();
 }
@@ -159,9 +165,11 @@ struct Span {
     const char* p;
     std::size_t nLen;
 
+    /// Whether a word stands at the beginning, in any case. Most do not, and their first byte says so.
     bool StartsWith(const char* pszWord) const {
+        constexpr int kCase = 'a' - 'A';
         const std::size_t nWord = std::strlen(pszWord);
-        return nLen >= nWord && strncasecmp(p, pszWord, nWord) == 0;
+        return nLen >= nWord && (*p | kCase) == (*pszWord | kCase) && strncasecmp(p, pszWord, nWord) == 0;
     }
 
     /// Whether a word that ends in '/' occurs anywhere.
@@ -418,7 +426,7 @@ class KPropertyList::Reader {
         }
         pChild->m_eType = eType;
         pChild->m_Text = static_cast<KString&&>(text);
-        const ScopedLock lock(parent.pNode->m_Mutex);
+        // Nobody else sees the tree yet: the list's own lock is all that this takes.
         KList<KPropertyNode*>::Appender appender(parent.pNode->m_Children, parent.end);
         if (!appender.Add(pChild)) {
             delete pChild;
