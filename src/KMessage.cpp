@@ -133,6 +133,11 @@ class Index {
         Entry* const pEntry = m_pEntries + nIndex;
         --m_nCount;
         std::copy(pEntry + 1, m_pEntries + m_nCount + 1, pEntry);
+        if (m_nCount == 0) {
+            std::free(m_pEntries);
+            m_pEntries = nullptr;
+            m_nCapacity = 0;
+        }
     }
 
  private:

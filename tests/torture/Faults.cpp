@@ -330,15 +330,6 @@ std::size_t Fread(void* pBuffer, std::size_t nSize, std::size_t nCount, std::FIL
     return nError != 0 ? 0 : std::fread(pBuffer, nSize, nCount, pStream);
 }
 
-std::size_t Fwrite(const void* pBuffer, std::size_t nSize, std::size_t nCount, std::FILE* pStream) {
-    const int nError = ErrorFor(kFwrite);
-    if (nError == kShort) {
-        return std::fwrite(pBuffer, 1, nSize * nCount / 2, pStream) / nSize;
-    }
-    errno = nError != 0 ? nError : errno;
-    return nError != 0 ? 0 : std::fwrite(pBuffer, nSize, nCount, pStream);
-}
-
 /// A name that cannot be made is told by an empty text.
 char* Mktemp(char* pszPattern) {
     if (Fails(kMktemp)) {
@@ -353,15 +344,34 @@ int Open(const char* pszPath, int nFlags, ...) {
     return Fails(kOpen) ? -1 : open(pszPath, nFlags);
 }
 
-__attribute__((format(printf, 1, 0))) int KeepText(const char* pszFormat, va_list arguments) {
-    char szText[4096];
-    const int nLength = std::vsnprintf(szText, sizeof(szText), pszFormat, arguments);
+int KeepText(const std::string& text) {
     const std::lock_guard<std::mutex> lock(g_Guard);
-    g_Log += szText;
-    return nLength;
+    g_Log += text;
+    return static_cast<int>(text.size());
 }
 
-/// What the library logs is kept, not printed.
+/// What the library logs is kept, not printed, by whichever call it is written.
+std::size_t Fwrite(const void* pBuffer, std::size_t nSize, std::size_t nCount, std::FILE* pStream) {
+    if (pStream == stderr) {
+        return Fails(kFprintf) ? 0
+                               : static_cast<std::size_t>(
+                                     KeepText(std::string(static_cast<const char*>(pBuffer), nSize * nCount))) /
+                                     nSize;
+    }
+    const int nError = ErrorFor(kFwrite);
+    if (nError == kShort) {
+        return std::fwrite(pBuffer, 1, nSize * nCount / 2, pStream) / nSize;
+    }
+    errno = nError != 0 ? nError : errno;
+    return nError != 0 ? 0 : std::fwrite(pBuffer, nSize, nCount, pStream);
+}
+
+__attribute__((format(printf, 1, 0))) int KeepText(const char* pszFormat, va_list arguments) {
+    char szText[4096];
+    std::vsnprintf(szText, sizeof(szText), pszFormat, arguments);
+    return KeepText(std::string(szText));
+}
+
 __attribute__((format(printf, 2, 3))) int Fprintf(std::FILE*, const char* pszFormat, ...) {
     if (Fails(kFprintf)) {
         return -1;

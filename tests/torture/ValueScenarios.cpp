@@ -277,7 +277,7 @@ void MessageReachesItsReceiver() {
         // Not entered for want of memory, or under a name that could not be copied, which equals none.
         EXPECT_TRUE(enter.LackedMemory());
         EXPECT_EQ(receiver.nReceived, 0);
-        LeavesBlocks(2);
+        LeavesBlocks(3);
     }
 }
 
