@@ -17,6 +17,7 @@
 #include "KQueue.h"
 #include "support/FailingNew.h"
 #include "support/Interpose.h"
+#include "support/LittleMemory.h"
 #include "support/LogLines.h"
 #include "support/MutexCalls.h"
 #include "support/Process.h"
@@ -310,6 +311,29 @@ TEST(KQueueTest, WithoutMemoryABufferHasNoCapacityAndNoStorage) {
     buffer.UnlockWriteBuffer();
     Write(buffer, "there is memory for this");
     EXPECT_EQ(Content(buffer), "there is memory for this");
+}
+
+TEST(KQueueTest, ABufferThatThereWasNoMemoryForGetsItWhenItIsWritten) {
+    const ScopedChecks checks(false);
+    const Buffer first(1);  // makes the registry
+    const int nStep = support::InLittleMemory([] {
+        Buffer buffer(support::kMuchMemory);
+        if (buffer.GetCapacity() != 0 || buffer.GetBuffer() != nullptr) {
+            return 1;
+        }
+        const void* const pNothing = buffer.LockWriteBuffer(0, 0);
+        buffer.UnlockWriteBuffer();
+        if (pNothing != nullptr) {
+            return 2;
+        }
+        const void* const pByte = buffer.LockWriteBuffer(1, 0);
+        buffer.UnlockWriteBuffer();
+        return pByte != nullptr && buffer.GetCapacity() == 1024 ? 0 : 3;
+    });
+    if (nStep == support::kMemoryCannotBeLimited) {
+        GTEST_SKIP() << "memory cannot be limited here";
+    }
+    EXPECT_EQ(nStep, 0);
 }
 
 TEST(KQueueTest, ReadingGivesTheAddressOfAnOffsetUpToTheDataSize) {
