@@ -15,11 +15,12 @@
 /// }
 /// @endcode
 ///
-/// Starting and stopping may be repeated any number of times.
+/// Starting and stopping may be repeated any number of times. The log's buffers are made by the start, whether or not a line
+/// that was logged before has made a pair: that first pair is lost, about 2 MB of address space of which little was touched.
 ///
 /// Thread-safety: none. Call both from one thread, while no other uses the library.
 ///
-/// It cannot be copied: a copy or an assignment fails the check "0"; with the checks off neither does anything.
+/// It cannot be copied: a copy or an assignment fails the check "0"; with the checks off neither starts anything.
 class KALVOREN_API KEntry {
  public:
     /// Starts the library, unless it is started, and returns the instance. The arguments are not used.
@@ -37,7 +38,8 @@ class KALVOREN_API KEntry {
     /// Starts the library; programs call Init().
     KEntry(int argc, char** argv);
 
-    /// Copying fails the check "0". With the checks off, a copy is a new object and an assignment does nothing.
+    /// Copying fails the check "0". With the checks off, a copy is a new object and an assignment does nothing. The end of a
+    /// copy shuts the library down like the end of the original.
     KEntry(const KEntry&);
     KEntry& operator=(const KEntry&);
 

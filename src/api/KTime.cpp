@@ -343,11 +343,13 @@ KHumanTime KTime::MakeHumanTime(long long nSec, int nUSec, char gmt, char dst) {
     }
     KHumanTime human;
     SetDate(human, nDays);
-    const int nWeekDay = (nDays + kEpochWeekDay) % kDaysPerWeek;
-    human.weekDay = nWeekDay < 0 ? nWeekDay + kDaysPerWeek : nWeekDay;
-    human.hour = nTimeOfDay / kSecondsPerHour;
-    human.minute = nTimeOfDay / kSecondsPerMinute % 60;
-    human.second = nTimeOfDay % kSecondsPerMinute;
+    // Whole weeks more than any day before the epoch is away from it.
+    constexpr int kManyWeeks = 4000 * kDaysPerWeek;
+    human.weekDay = static_cast<int>(static_cast<unsigned int>(nDays + kManyWeeks + kEpochWeekDay) % kDaysPerWeek);
+    const unsigned int nSeconds = static_cast<unsigned int>(nTimeOfDay);
+    human.hour = static_cast<int>(nSeconds / kSecondsPerHour);
+    human.minute = static_cast<int>(nSeconds / kSecondsPerMinute % 60);
+    human.second = static_cast<int>(nSeconds % kSecondsPerMinute);
     human.usec = nUSec % kMicrosecondsPerSecond;
     human.gmt15Min = static_cast<unsigned char>(gmt);
     human.dst15Min = static_cast<unsigned char>(dst);
