@@ -462,6 +462,11 @@ def main():
             sys.exit("mutate: no class named %s; there are: %s" % (name, " ".join(CLASSES)))
     with open(EQUIVALENTS) as file:
         equivalents = [{key: entry[key] for key in ("file", "in", "nth", "at", "old", "new")} for entry in json.load(file)]
+    for entry in equivalents:
+        with open(os.path.join(ROOT, entry["file"])) as file:
+            lines = [line.strip() for line in file]
+        if lines.count(entry["in"]) <= entry["nth"] or not entry["in"][entry["at"] :].startswith(entry["old"]):
+            sys.exit("mutate: a change is listed as equivalent whose line is not there any more: %s" % json.dumps(entry))
     if run(sandboxed(["true"])).returncode != 0:
         sys.exit("mutate: bubblewrap does not work here, and nothing changed is run outside it")
     programs = sorted({program for name in names for program in CLASSES[name][1]})
