@@ -128,6 +128,9 @@ TEST_P(TortureTest, WithChecksTheListedOnesAndNoOthersEndTheProcess) {
 INSTANTIATE_TEST_SUITE_P(Of, TortureTest, testing::ValuesIn(AllScenarios()), NameOf);
 
 TEST(TortureImportsTest, EveryImportedFunctionIsMadeToFailOrKnownToBeUnableTo) {
+#ifdef KALVOREN_COVERAGE
+    GTEST_SKIP() << "what counts the lines is part of the library here, and imports functions of its own";
+#endif
     torture::Install();
     EXPECT_THAT(torture::UnknownImports(), IsEmpty());
 }
