@@ -120,7 +120,7 @@ Result FailureOf(const Spec& spec) {
     }
 }
 
-/// What stands in front of a function that simply fails or is called. There is one for each specification.
+/// What stands in front of a function that simply fails or is called. There is one for each Spec.
 template <const Spec& spec, typename Result, typename... Arguments>
 struct InFront {
     static Result Call(Arguments... arguments) { return Fails(spec) ? FailureOf<Result>(spec) : s_pReal(arguments...); }
