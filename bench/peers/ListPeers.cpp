@@ -15,15 +15,24 @@ void Counts(benchmark::internal::Benchmark* job) {
     job->Arg(100)->Arg(10000)->Arg(1000000);
 }
 
+void Fill(KList<int>& list, std::int64_t nCount) {
+    KList<int>::Appender appender(list);
+    for (int i = 0; i < nCount; ++i) {
+        appender.Add(i);
+    }
+}
+
+void Fill(std::list<int>& list, std::mutex& mutex, std::int64_t nCount) {
+    const std::lock_guard<std::mutex> guard(mutex);
+    for (int i = 0; i < nCount; ++i) {
+        list.push_back(i);
+    }
+}
+
 void FillKalvoren(benchmark::State& state) {
     for (auto _ : state) {
         KList<int> list;
-        {
-            KList<int>::Appender appender(list);
-            for (int i = 0; i < state.range(0); ++i) {
-                appender.Add(i);
-            }
-        }
+        Fill(list, state.range(0));
         benchmark::DoNotOptimize(list);
     }
 }
@@ -33,12 +42,7 @@ void FillStd(benchmark::State& state) {
     for (auto _ : state) {
         std::mutex mutex;
         std::list<int> list;
-        {
-            const std::lock_guard<std::mutex> guard(mutex);
-            for (int i = 0; i < state.range(0); ++i) {
-                list.push_back(i);
-            }
-        }
+        Fill(list, mutex, state.range(0));
         benchmark::DoNotOptimize(list);
     }
 }
@@ -46,12 +50,7 @@ BENCHMARK(FillStd)->Name("fill a list and destroy it|std::list, std::mutex")->Ap
 
 void WalkKalvoren(benchmark::State& state) {
     KList<int> list;
-    {
-        KList<int>::Appender appender(list);
-        for (int i = 0; i < state.range(0); ++i) {
-            appender.Add(i);
-        }
-    }
+    Fill(list, state.range(0));
     for (auto _ : state) {
         long long nSum = 0;
         KList<int>::Reader reader(list);
@@ -66,9 +65,7 @@ BENCHMARK(WalkKalvoren)->Name("walk a list|Kalvoren")->Apply(Counts);
 void WalkStd(benchmark::State& state) {
     std::mutex mutex;
     std::list<int> list;
-    for (int i = 0; i < state.range(0); ++i) {
-        list.push_back(i);
-    }
+    Fill(list, mutex, state.range(0));
     for (auto _ : state) {
         long long nSum = 0;
         const std::lock_guard<std::mutex> guard(mutex);
@@ -83,12 +80,7 @@ BENCHMARK(WalkStd)->Name("walk a list|std::list, std::mutex")->Apply(Counts);
 void PopKalvoren(benchmark::State& state) {
     for (auto _ : state) {
         KList<int> list;
-        {
-            KList<int>::Appender appender(list);
-            for (int i = 0; i < state.range(0); ++i) {
-                appender.Add(i);
-            }
-        }
+        Fill(list, state.range(0));
         int nValue = 0;
         while (list.Pop(nValue, 0)) {
             benchmark::DoNotOptimize(nValue);
@@ -101,12 +93,7 @@ void PopStd(benchmark::State& state) {
     for (auto _ : state) {
         std::mutex mutex;
         std::list<int> list;
-        {
-            const std::lock_guard<std::mutex> guard(mutex);
-            for (int i = 0; i < state.range(0); ++i) {
-                list.push_back(i);
-            }
-        }
+        Fill(list, mutex, state.range(0));
         for (;;) {
             const std::lock_guard<std::mutex> guard(mutex);
             if (list.empty()) {
@@ -121,16 +108,20 @@ void PopStd(benchmark::State& state) {
 BENCHMARK(PopStd)->Name("fill a list and pop all|std::list, std::mutex")->Apply(Counts);
 
 #ifdef KALVOREN_PEER_GLIB
+void Fill(GQueue& queue, GMutex& mutex, std::int64_t nCount) {
+    g_mutex_lock(&mutex);
+    for (int i = 0; i < nCount; ++i) {
+        g_queue_push_tail(&queue, GINT_TO_POINTER(i));
+    }
+    g_mutex_unlock(&mutex);
+}
+
 void FillGlib(benchmark::State& state) {
     for (auto _ : state) {
         GMutex mutex;
         g_mutex_init(&mutex);
         GQueue queue = G_QUEUE_INIT;
-        g_mutex_lock(&mutex);
-        for (int i = 0; i < state.range(0); ++i) {
-            g_queue_push_tail(&queue, GINT_TO_POINTER(i));
-        }
-        g_mutex_unlock(&mutex);
+        Fill(queue, mutex, state.range(0));
         benchmark::DoNotOptimize(queue);
         g_queue_clear(&queue);
         g_mutex_clear(&mutex);
@@ -142,9 +133,7 @@ void WalkGlib(benchmark::State& state) {
     GMutex mutex;
     g_mutex_init(&mutex);
     GQueue queue = G_QUEUE_INIT;
-    for (int i = 0; i < state.range(0); ++i) {
-        g_queue_push_tail(&queue, GINT_TO_POINTER(i));
-    }
+    Fill(queue, mutex, state.range(0));
     for (auto _ : state) {
         long long nSum = 0;
         g_mutex_lock(&mutex);
@@ -164,11 +153,7 @@ void PopGlib(benchmark::State& state) {
         GMutex mutex;
         g_mutex_init(&mutex);
         GQueue queue = G_QUEUE_INIT;
-        g_mutex_lock(&mutex);
-        for (int i = 0; i < state.range(0); ++i) {
-            g_queue_push_tail(&queue, GINT_TO_POINTER(i));
-        }
-        g_mutex_unlock(&mutex);
+        Fill(queue, mutex, state.range(0));
         for (bool fgEmpty = false; !fgEmpty;) {
             g_mutex_lock(&mutex);
             fgEmpty = g_queue_is_empty(&queue) != 0;

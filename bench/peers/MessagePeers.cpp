@@ -94,10 +94,10 @@ void DispatchVector(benchmark::State& state) {
 }
 BENCHMARK(DispatchVector)->Name("dispatch by name|std::mutex, std::vector")->Apply(Registrations);
 
-#ifdef KALVOREN_PEER_BOOST
 /// A signal a name, found in a table.
-void DispatchBoost(benchmark::State& state) {
-    std::unordered_map<std::string, boost::signals2::signal<int(const KMessage&)>> signals;
+template <class Signal>
+void DispatchBySignal(benchmark::State& state) {
+    std::unordered_map<std::string, Signal> signals;
     std::vector<std::unique_ptr<Counter>> handlers;
     for (std::int64_t i = 0; i < state.range(1); ++i) {
         handlers.push_back(std::make_unique<Counter>());
@@ -110,26 +110,15 @@ void DispatchBoost(benchmark::State& state) {
         signals.find(name)->second(message);
     }
 }
-BENCHMARK(DispatchBoost)->Name("dispatch by name|boost::signals2 in a table")->Apply(Registrations);
+#ifdef KALVOREN_PEER_BOOST
+BENCHMARK_TEMPLATE(DispatchBySignal, boost::signals2::signal<int(const KMessage&)>)
+    ->Name("dispatch by name|boost::signals2 in a table")
+    ->Apply(Registrations);
 #endif
-
 #ifdef KALVOREN_PEER_SIGCXX
-/// A signal a name, found in a table. These signals have no lock.
-void DispatchSigcxx(benchmark::State& state) {
-    std::unordered_map<std::string, sigc::signal<int, const KMessage&>> signals;
-    std::vector<std::unique_ptr<Counter>> handlers;
-    for (std::int64_t i = 0; i < state.range(1); ++i) {
-        handlers.push_back(std::make_unique<Counter>());
-        signals[IsOurs(i, state) ? kName : OtherName(i)].connect(
-            [pHandler = handlers.back().get()](const KMessage& message) { return pHandler->HandleMessage(message); });
-    }
-    const std::string name(kName);
-    const KMessage message;
-    for (auto _ : state) {
-        signals.find(name)->second(message);
-    }
-}
-BENCHMARK(DispatchSigcxx)->Name("dispatch by name|sigc++ in a table, no lock")->Apply(Registrations);
+BENCHMARK_TEMPLATE(DispatchBySignal, sigc::signal<int, const KMessage&>)
+    ->Name("dispatch by name|sigc++ in a table, no lock")
+    ->Apply(Registrations);
 #endif
 
 }  // namespace
