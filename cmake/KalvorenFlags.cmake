@@ -12,6 +12,11 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   target_compile_definitions(kalvoren-private-flags INTERFACE _FILE_OFFSET_BITS=64)
 endif()
 
+# GCC 7 changed how ARM passes some records; whatever was compiled before it is of no interest here.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+  target_compile_options(kalvoren-private-flags INTERFACE -Wno-psabi)
+endif()
+
 # Sanitizers and coverage are for the whole build, the test framework included: a thread sanitizer that sees only half of
 # the program reports what is not there.
 if(KALVOREN_SANITIZE)
