@@ -250,7 +250,8 @@ class KALVOREN_API KList {
             return &pElement->m_Value;
         }
 
-        /// Moves all elements of another list to the end, as they are: it takes no memory. The other list is locked too.
+        /// Moves all elements of another list to the end, as they are: it takes no memory. The other list is locked too, so
+        /// that taking from the list itself blocks for good. An End of the other list is not to be used any more.
         KALVOREN_INLINE void Take(KList& other) {
             Guard guard(other.m_Mutex);
             *m_ppEnd = other.m_pHead;

@@ -88,14 +88,15 @@ class Index {
         bool Is(const Digest& other, const KString& name) const { return digest == other && *pName == name; }
 
         Digest digest;
-        int nGroup;            ///< The same for equal names, so that a dispatch compares one text only.
+        std::uint64_t nGroup;  ///< The same for equal names, so that a dispatch compares one text only.
         const KString* pName;  ///< The name in its list.
         KMessageHandler* pHandler;
     };
 
+    /// Leaves an index that can be filled again: threads and exit handlers may outlive it.
     ~Index() {
         m_nCount = 0;
-        std::free(m_pEntries);
+        Release();
     }
 
     const Entry* begin() const { return m_pEntries; }
@@ -125,7 +126,7 @@ class Index {
     void Add(const KString* pName, KMessageHandler* pHandler) {
         const Digest digest(*pName);
         const Entry* const pSame = Find(digest, *pName);
-        const int nGroup = pSame != end() ? pSame->nGroup : ++m_nLastGroup;
+        const std::uint64_t nGroup = pSame != end() ? pSame->nGroup : ++m_nLastGroup;
         m_pEntries[m_nCount++] = Entry{digest, nGroup, pName, pHandler};
     }
 
@@ -134,17 +135,21 @@ class Index {
         --m_nCount;
         std::copy(pEntry + 1, m_pEntries + m_nCount + 1, pEntry);
         if (m_nCount == 0) {
-            std::free(m_pEntries);
-            m_pEntries = nullptr;
-            m_nCapacity = 0;
+            Release();
         }
     }
 
  private:
+    void Release() {
+        std::free(m_pEntries);
+        m_pEntries = nullptr;
+        m_nCapacity = 0;
+    }
+
     Entry* m_pEntries = nullptr;
     std::size_t m_nCount = 0;
     std::size_t m_nCapacity = 0;
-    int m_nLastGroup = 0;
+    std::uint64_t m_nLastGroup = 0;
 };
 
 // Behind the lists, so that it is gone before the names that it points to.
@@ -193,7 +198,7 @@ bool KMessageHandler::Unregister(KMessageHandler* pHandler, KString& name) {
 int KMessageHandler::SendMessage(const KString& name, const KMessage& message) {
     const ScopedLock lock(g_Mutex);
     const Index::Entry* pEntry = g_Index.Find(Digest(name), name);
-    const int nGroup = pEntry != g_Index.end() ? pEntry->nGroup : 0;
+    const std::uint64_t nGroup = pEntry != g_Index.end() ? pEntry->nGroup : 0;
     for (; pEntry != g_Index.end(); ++pEntry) {
         if (pEntry->nGroup == nGroup && pEntry->pHandler != nullptr) {
             pEntry->pHandler->HandleMessage(message);

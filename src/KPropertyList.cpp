@@ -1,5 +1,6 @@
 #include "KPropertyList.h"
 
+#include <cctype>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -167,9 +168,8 @@ struct Span {
 
     /// Whether a word stands at the beginning, in any case. Most do not, and their first byte says so.
     bool StartsWith(const char* pszWord) const {
-        constexpr int kCase = 'a' - 'A';
         const std::size_t nWord = std::strlen(pszWord);
-        return nLen >= nWord && (*p | kCase) == (*pszWord | kCase) && strncasecmp(p, pszWord, nWord) == 0;
+        return nLen >= nWord && Folded(*p) == Folded(*pszWord) && strncasecmp(p, pszWord, nWord) == 0;
     }
 
     /// Whether a word that ends in '/' occurs anywhere.
@@ -190,6 +190,9 @@ struct Span {
     }
 
     KString Text() const { return KString(p, static_cast<int>(nLen)); }
+
+    /// As strncasecmp sees it in the locale in force.
+    static int Folded(char ch) { return std::tolower(static_cast<unsigned char>(ch)); }
 };
 
 void LogSpan(const Span& span) {

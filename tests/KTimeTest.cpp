@@ -980,6 +980,8 @@ TEST(KTimeTest, AnyOtherFormFailsACheck) {
 TEST(KTimeTest, AnyOtherFormIsEmptyWithTheChecksOff) {
     const ScopedChecks checks(false);
     for (const int nFormat : {INT_MIN, -1, 0, 4, 5, 9, 10, 15, 17, 24, 31, INT_MAX}) {
-        EXPECT_EQ(KTime().GetHumanTimeString(nFormat, 0, 0).Length(), 0) << nFormat;
+        const KString text = KTime().GetHumanTimeString(nFormat, 0, 0);
+        EXPECT_EQ(text.Length(), 0) << nFormat;
+        EXPECT_FALSE(text == "") << "a text without a buffer equals none";
     }
 }

@@ -68,7 +68,7 @@ std::vector<Record> Records() {
         RECORD(USec, 4, FIELD(USec, usec, 0)),
         RECORD(SecUSec, 8, FIELD(SecUSec, sec, 0), FIELD(SecUSec, usec, 4)),
         RECORD(KTime, 16, FIELD(KTime, sec, 4), FIELD(KTime, usec, 8), FIELD(KTime, gmt15Min, 12),
-               FIELD(KTime, dst15Min, 13)),
+               FIELD(KTime, dst15Min, 13), FIELD(KTime, reserved1, 14), FIELD(KTime, reserved2, 15)),
         RECORD(KPath, 2068, FIELD(KPath, m_eType, 4), FIELD(KPath, m_Path, 8), FIELD(KPath, m_szSystemPath, 20)),
         RECORD(KFile, 2104, FIELD(KFile, pInfo, 4), FIELD(KFile, m_Path, 8), FIELD(KFile, m_fgWrite, 2076),
                FIELD(KFile, m_Mutex, 2080)),

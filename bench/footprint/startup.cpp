@@ -39,8 +39,8 @@ std::size_t CountResident(std::uintptr_t nStart, std::uintptr_t nEnd) {
 }
 
 /// The pages in memory of everything that the process may write: data of program and libraries, heap, stack. Pages of
-/// data that were never written count too, so this is an upper bound of the memory that is the process's alone. Unlike
-/// the kernel's own sum it can be had in an emulator.
+/// data that were never written count too; what was written while the program was loaded and is read-only since does not.
+/// Unlike the kernel's own sum it can be had in an emulator.
 std::size_t CountWritable() {
     std::FILE* const pMaps = std::fopen("/proc/self/maps", "r");
     if (pMaps == nullptr) {

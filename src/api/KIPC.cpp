@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <new>
 
@@ -112,7 +113,10 @@ KIPC::KIPC()
       m_fgServer(false),
       m_eType(SHARED_MEMORY),
       m_fgCreated(false) {
-    static_assert(sizeof(void*) != 4 || sizeof(IPCInternal) == 124, "programs on the target know the record's size");
+    static_assert(sizeof(void*) != 4 || (sizeof(IPCInternal) == 124 && offsetof(IPCInternal, nShared) == 0 &&
+                                         offsetof(IPCInternal, pMapped) == 4 && offsetof(IPCInternal, nSocket) == 8 &&
+                                         offsetof(IPCInternal, address) == 12),
+                  "programs on the target know the record");
     if (g_Checks.Hold(m_pInternal != nullptr, "m_pInternal", "KIPC::KIPC()")) {
         m_pInternal->nSocket = kNone;
     }

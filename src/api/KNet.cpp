@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -274,7 +275,12 @@ struct KNet::SocketInfo {
 };
 
 void KNet::Init() {
-    static_assert(sizeof(void*) != 4 || sizeof(SocketInfo) == 296, "programs on the target know the record's size");
+    static_assert(sizeof(void*) != 4 || (sizeof(SocketInfo) == 296 && offsetof(SocketInfo, fgListening) == 0 &&
+                                         offsetof(SocketInfo, nSocket) == 4 && offsetof(SocketInfo, pHost) == 8 &&
+                                         offsetof(SocketInfo, address) == 12 && offsetof(SocketInfo, poll) == 28 &&
+                                         offsetof(SocketInfo, nSavedFlags) == 36 &&
+                                         offsetof(SocketInfo, readSet) == 40 && offsetof(SocketInfo, writeSet) == 168),
+                  "programs on the target know the record");
 }
 
 void KNet::Deinit() {}

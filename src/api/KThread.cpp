@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <new>
 
@@ -132,7 +133,9 @@ struct KThread::ThreadState {
     ThreadInfo info;
     bool fgJoined;
 
-    static_assert(sizeof(void*) != 4 || sizeof(ThreadInfo) == 40, "programs on the target know the record's size");
+    static_assert(sizeof(void*) != 4 || (sizeof(ThreadInfo) == 40 && offsetof(ThreadInfo, thread) == 0 &&
+                                         offsetof(ThreadInfo, attribute) == 4),
+                  "programs on the target know the record");
 };
 
 namespace {

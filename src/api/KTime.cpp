@@ -417,7 +417,7 @@ KString KTime::GetHumanTimeString(int nFormat, char gmt, char dst) const {
             break;
         default:
             g_Checks.Fail("KString KTime::GetHumanTimeString(int, char, char) const");
-            break;
+            return KString();
     }
     return KString(text.Begin(), static_cast<int>(text.Length()));
 }

@@ -13,7 +13,7 @@ scratch=$(mktemp -d)
 trap 'rm -rf "${scratch}"' EXIT
 
 "${source}/scripts/docs" "${scratch}/site"
-for page in index guide behaviour annotated classKString classKPropertyList; do
+for page in index guide behaviour camera footprint annotated classKString classKPropertyList; do
     [[ -s ${scratch}/site/${page}.html ]] || { echo "the page ${page} is not there"; exit 1; }
 done
 

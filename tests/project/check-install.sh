@@ -71,6 +71,9 @@ read -r -a flags <<<"$(pkg --cflags --libs)"
     refuse "a program that uses pkg-config does not build"
 run "${scratch}/by-pkg-config"
 
+[[ -n $(find "${prefix}/share/gdb/auto-load" -name 'libkalvoren-sharedd.so.*-gdb.py' -size +0 2>/dev/null) ]] ||
+    refuse "gdb's printers are not installed"
+
 # The tools find the library beside them.
 if [[ -x ${build}/tools/kplist ]]; then
     "${emulator[@]}" "${prefix}/bin/kplist" --version >/dev/null || refuse "the installed kplist does not run"
