@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <ifaddrs.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
@@ -265,7 +267,15 @@ class Client {
 
     /// One that may be refused.
     static std::unique_ptr<Client> Attempt(int nPort) { return std::unique_ptr<Client>(new Client(nPort, 0, true)); }
+
+    /// One that comes to, and so from, another of the machine's addresses.
+    static std::unique_ptr<Client> At(in_addr address, int nPort) {
+        return std::unique_ptr<Client>(new Client(nPort, 0, false, address));
+    }
     bool IsConnected() const { return m_fgConnected; }
+
+    /// Whether the end was one, and not a reset, which may take the answer with it on its way.
+    bool EndedInOrder() const { return m_fgEndedInOrder; }
 
     /// Whether there is something to read: bytes, or the end.
     bool HasHeard() const {
@@ -292,6 +302,7 @@ class Client {
             if (n > 0) {
                 m_Text.append(buffer, static_cast<std::size_t>(n));
             } else if (poller.revents != 0) {
+                m_fgEndedInOrder = n == 0;
                 return m_Text;
             } else if (Clock::now() > end) {
                 ADD_FAILURE() << "the camera does not answer";
@@ -305,7 +316,7 @@ class Client {
     }
 
  private:
-    Client(int nPort, int nReceiveBuffer, bool fgMayBeRefused)
+    Client(int nPort, int nReceiveBuffer, bool fgMayBeRefused, in_addr host = {htonl(INADDR_LOOPBACK)})
         : m_nSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         if (nReceiveBuffer != 0) {
             setsockopt(m_nSocket, SOL_SOCKET, SO_RCVBUF, &nReceiveBuffer, sizeof(nReceiveBuffer));
@@ -313,12 +324,13 @@ class Client {
         sockaddr_in address = {};
         address.sin_family = AF_INET;
         address.sin_port = htons(static_cast<std::uint16_t>(nPort));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_addr = host;
         m_fgConnected = connect(m_nSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
         EXPECT_TRUE(m_fgConnected || fgMayBeRefused) << std::strerror(errno);
     }
 
     bool m_fgConnected = false;
+    bool m_fgEndedInOrder = false;
     int m_nSocket;
     std::string m_Text;
 };
@@ -461,6 +473,59 @@ TEST(CameraServiceTest, AnswersWhatItDoesNotServeByAnError) {
     }
     EXPECT_THAT(Get(nPort, "/"), StartsWith("HTTP/1.1 200 OK"));
     EXPECT_EQ(camera.End(), 0);
+}
+
+TEST(CameraServiceTest, TheAnswerStaysWhereTheClientHasMoreToSay) {
+    Camera camera;
+    const int nPort = camera.Port();
+    const std::string rest(std::size_t{64} * 1024, 'x');
+    const struct {
+        std::string request;
+        std::string status;
+    } cases[] = {{"POST / HTTP/1.1\r\nContent-Length: 65536\r\n\r\n" + rest, "405 Method Not Allowed"},
+                 {"GET\r\n\r\n" + rest, "400 Bad Request"},
+                 {"GET / HTTP/1.1\r\nCookie: " + rest, "431 Request Header Fields Too Large"}};
+    for (const auto& c : cases) {
+        Client client(nPort, c.request);
+        ExpectAnswer(client.ReadAll(), c.status, "text/plain");
+        EXPECT_TRUE(client.EndedInOrder()) << c.status;
+    }
+    EXPECT_EQ(camera.End(), 0);
+}
+
+/// One of the machine's addresses that is not for itself alone; false where it has none.
+bool OutwardAddress(in_addr& address) {
+    ifaddrs* pFirst = nullptr;
+    getifaddrs(&pFirst);
+    bool fgFound = false;
+    for (const ifaddrs* p = pFirst; p != nullptr && !fgFound; p = p->ifa_next) {
+        if (p->ifa_addr != nullptr && p->ifa_addr->sa_family == AF_INET && (p->ifa_flags & IFF_UP) != 0) {
+            address = reinterpret_cast<const sockaddr_in*>(p->ifa_addr)->sin_addr;
+            fgFound = ntohl(address.s_addr) >> 24 != 127;
+        }
+    }
+    freeifaddrs(pFirst);
+    return fgFound;
+}
+
+TEST(CameraServiceTest, SendsOthersAwayWhereItIsForThisMachineAlone) {
+    in_addr address = {};
+    if (!OutwardAddress(address)) {
+        GTEST_SKIP() << "this machine has no address but its own";
+    }
+    for (const bool fgLocalOnly : {true, false}) {
+        Camera camera({{"Http/LocalOnly", std::string(fgLocalOnly ? "<true/>" : "<false/>")}});
+        const int nPort = camera.Port();
+        for (int i = 0; i < 2; ++i) {
+            const std::unique_ptr<Client> pClient = Client::At(address, nPort);
+            pClient->Send("GET / HTTP/1.1\r\n\r\n");
+            EXPECT_THAT(pClient->ReadAll(),
+                        StartsWith(fgLocalOnly ? "HTTP/1.1 403 Forbidden\r\n" : "HTTP/1.1 200 OK\r\n"));
+        }
+        EXPECT_THAT(Get(nPort, "/"), StartsWith("HTTP/1.1 200 OK\r\n"));
+        EXPECT_EQ(camera.End(), 0);
+        EXPECT_EQ(Count(camera.Process().Err(), "Http/LocalOnly is set"), fgLocalOnly ? 1U : 0U);
+    }
 }
 
 TEST(CameraServiceTest, SendsASilentClientAwayAndOneThatLeavesIsNoMatter) {

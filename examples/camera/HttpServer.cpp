@@ -31,9 +31,8 @@ KString Head(const char* pszStatus, const char* pszType, unsigned int nLength) {
     return head;
 }
 
-KString Refusal() {
-    static constexpr char szText[] = "All places are taken.\n";
-    return Head("503 Service Unavailable", "text/plain", sizeof(szText) - 1) + szText;
+KString Refusal(const char* pszStatus, const KString& text) {
+    return Head(pszStatus, "text/plain", static_cast<unsigned int>(text.Length())) + text;
 }
 
 }  // namespace
@@ -47,7 +46,11 @@ bool HttpClient::Serve(KNet& listener, bool fgLocalOnly) {
     }
     // KNet binds to all addresses of the machine; who may come is decided here.
     if (fgLocalOnly && m_Connection.GetPeer().Find("127.", 0) != 0) {
-        m_Connection.Close();
+        if (m_Site.counters.nStrangers++ == 0) {
+            KDebug::Error("%s was sent away, as all others will be: Http/LocalOnly is set",
+                          m_Connection.GetPeer().GetBuffer());
+        }
+        m_Connection.Refuse(Refusal("403 Forbidden", "For this machine alone.\n"));
         return true;
     }
     m_fgBusy = true;
@@ -59,13 +62,13 @@ bool HttpClient::Refuse(KNet& listener) {
     if (!m_Connection.AcceptFrom(listener)) {
         return false;
     }
-    m_Connection.Refuse(Refusal());
+    m_Connection.Refuse(Refusal("503 Service Unavailable", "All places are taken.\n"));
     return true;
 }
 
 int HttpClient::ThreadMainLoop() {
     Answer();
-    m_Connection.Close();
+    m_Connection.Finish();
     m_fgBusy = false;
     return 0;
 }

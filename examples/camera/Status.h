@@ -17,6 +17,7 @@ struct Counters {
     std::atomic<unsigned int> nSkipped{0};      ///< Pictures that slow clients did not get, all clients together.
     std::atomic<unsigned int> nJoined{0};       ///< Clients that asked for the stream.
     std::atomic<unsigned int> nRefused{0};      ///< Connections that found no place.
+    std::atomic<unsigned int> nStrangers{0};    ///< Connections from other machines that Http/LocalOnly sent away.
     std::atomic<unsigned int> nCommands{0};     ///< Commands answered on the control channel.
     std::atomic<int> nClients{0};               ///< Clients that watch the stream now.
     std::atomic<bool> fgMotion{false};
