@@ -561,14 +561,16 @@ TEST(CameraServiceTest, RefusesClientsBeyondItsNumber) {
 TEST(CameraServiceTest, SurvivesAThousandConnections) {
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
-    const rlim_t nBefore = limit.rlim_cur;
-    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
-    setrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_cur < 1200) {
+    const rlimit before = limit;
+    if (limit.rlim_max < 1200) {
         GTEST_SKIP() << "a process may not have a thousand descriptors here";
     }
-    // The camera has no more descriptors than it needs: refusing must not take any that last.
+    // The camera has few more descriptors than it needs: refusing must not take any that last.
+    limit.rlim_cur = 64;
+    setrlimit(RLIMIT_NOFILE, &limit);
     Camera camera;
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096);
+    setrlimit(RLIMIT_NOFILE, &limit);
     const int nPort = camera.Port();
     {
         std::vector<std::unique_ptr<Client>> clients;
@@ -586,8 +588,8 @@ TEST(CameraServiceTest, SurvivesAThousandConnections) {
     EXPECT_TRUE(WaitUntil([&] { return Get(nPort, "/").find("200 OK") != std::string::npos; }));
     EXPECT_TRUE(WaitUntil([&] { return NumberInStatus(nPort, "refused") >= 900; }));
     EXPECT_EQ(camera.End(), 0);
-    limit.rlim_cur = nBefore;
-    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(Count(camera.Process().Err(), "was not accepted"), 0U);
+    setrlimit(RLIMIT_NOFILE, &before);
 }
 
 #if !KALVOREN_WITH_TSAN && !KALVOREN_WITH_ASAN
@@ -664,6 +666,20 @@ TEST(CameraServiceTest, APlugInOfAnotherVersionIsRefusedWithOneLine) {
         "Error****: encoder plug-in \"camera-stranger\": libcamera-stranger.so is no encoder for this camera\n");
 }
 
+TEST(CameraServiceTest, WhatKeepsItFromStartingIsToldAtAnyLogLevel) {
+    Camera camera({{"Encoder/PlugIn", String("no-such-encoder")}, {"Log/Level", Integer(3)}});
+    ExpectRefusal(camera, "Error****: encoder plug-in \"no-such-encoder\": libno-such-encoder.so cannot be loaded\n");
+    Camera first({{"Log/Level", Integer(3)}});
+    Camera second({{"Log/Level", Integer(3)}}, Words{"--port", std::to_string(first.Port())});
+    ExpectRefusal(second, "Error****: port " + std::to_string(first.Port()) + " is in use, or not for this user\n");
+    // From then on the level holds.
+    std::string status;
+    EXPECT_TRUE(WaitUntil([&] {
+        return first.Control({"status"}, status) == 0 && status.find("log level 3\n") != std::string::npos;
+    })) << status;
+    EXPECT_EQ(first.End(), 0);
+}
+
 TEST(CameraServiceTest, AnotherCamerasChannelIsRefusedWithOneLine) {
     Camera first;
     first.Port();
@@ -731,11 +747,9 @@ TEST(CameraServiceTest, ServesWithoutRecordingWhereTheDirectoryCannotBeMade) {
 }
 
 TEST(CameraServiceTest, ServesWithoutRecordingWhereTheDirectoryCannotBeWritten) {
-    if (geteuid() == 0) {
-        GTEST_SKIP() << "the superuser may write everywhere";
-    }
-    Camera camera({{"Recording/Directory", String("/")}});
-    ExpectServingWithoutRecording(camera, "/ cannot be written\n");
+    // Nobody may make files there, not even the superuser.
+    Camera camera({{"Recording/Directory", String("/proc")}});
+    ExpectServingWithoutRecording(camera, "/proc cannot be written\n");
 }
 
 TEST(CameraServiceTest, ServesWithoutRecordingWhereFilesMayNotGrow) {
@@ -833,13 +847,26 @@ TEST(CameraServiceTest, ShowsItsStatus) {
 }
 
 TEST(CameraServiceTest, TheWatchedStatusIsOneLineDrawnAnewUntilTheCameraEnds) {
-    Camera camera(Values(), Words{"--seconds", "3"});
+    Camera camera;
     camera.Port();
-    std::string lines;
-    EXPECT_EQ(camera.Control({"status", "--watch"}, lines), 1);
-    EXPECT_GE(Count(lines, "\r"), 2U);
-    EXPECT_EQ(Count(lines, "\n"), 2U);
-    EXPECT_EQ(camera.Process().Wait(), 0);
+    Program watch(KALVOREN_CAMERA_CTL, Words{"status", "--watch"}, camera.Directory().Path(), "watch");
+    EXPECT_TRUE(WaitUntil([&] { return Count(watch.Out(), "\r") >= 2; }));
+    EXPECT_EQ(camera.End(), 0);
+    EXPECT_EQ(watch.Wait(), 1);
+    EXPECT_EQ(Count(watch.Out(), "\n"), 1U);
+    EXPECT_EQ(watch.Err(), "camera-ctl: no camera on channel " + std::to_string(camera.Channel()) + "\n");
+}
+
+TEST(CameraServiceTest, ACameraThatHangsDoesNotHoldUpItsControl) {
+    Camera camera;
+    camera.Port();
+    camera.Process().Signal(SIGSTOP);
+    std::string answer;
+    EXPECT_EQ(camera.Control({"rotate"}, answer), 1);
+    EXPECT_EQ(answer, "camera-ctl: the camera does not answer\n");
+    camera.Process().Signal(SIGCONT);
+    EXPECT_EQ(camera.Control({"loglevel", "1"}, answer), 0);
+    EXPECT_EQ(camera.End(), 0);
 }
 
 TEST(CameraServiceTest, ControlRefusesBadArguments) {
