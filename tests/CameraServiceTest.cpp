@@ -22,6 +22,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
@@ -30,6 +31,7 @@
 #include <utility>
 #include <vector>
 
+#include "Status.h"
 #include "support/Hosts.h"
 #include "support/Process.h"
 #include "support/Sanitizers.h"
@@ -950,6 +952,48 @@ TEST(CameraServiceTest, TakesOverFromACameraThatEndedBadly) {
     EXPECT_TRUE(WaitUntil([&] { return camera.Control({"status"}, answer) == 0; }));
     EXPECT_EQ(camera.Control({"loglevel", "1"}, answer), 0);
     EXPECT_EQ(camera.End(), 0);
+}
+
+/// What a program leaves in the memory of a channel: the counting word and a record.
+std::string Memory(const camera::StatusRecord& record) {
+    std::string memory(520, '\0');
+    std::memcpy(&memory[4], &record, sizeof(record));
+    return memory;
+}
+
+TEST(CameraServiceTest, ARecordThatIsNoCamerasIsNoCamera) {
+    Camera service;
+    service.Port();
+    EXPECT_EQ(service.End(), 0);
+    camera::StatusRecord record = {};
+    record.nMagic = camera::kStatusMagic + 1;
+    record.nVersion = camera::kStatusVersion;
+    record.nProcess = getpid();  // which is alive
+    std::ofstream(service.SharedMemory()) << Memory(record);
+    std::string answer;
+    EXPECT_EQ(service.Control({"status"}, answer), 1);
+    EXPECT_THAT(answer, StartsWith("camera-ctl: no camera on channel "));
+    service.Start();
+    EXPECT_TRUE(WaitUntil([&] { return service.Control({"status"}, answer) == 0; }));
+    EXPECT_EQ(service.End(), 0);
+}
+
+TEST(CameraServiceTest, TheTextsOfARecordAreReadToTheirPlacesEnd) {
+    Camera service;
+    service.Port();
+    EXPECT_EQ(service.End(), 0);
+    camera::StatusRecord record = {};
+    record.nMagic = camera::kStatusMagic;
+    record.nVersion = camera::kStatusVersion;
+    record.nProcess = getpid();
+    std::memset(record.szName, 'n', sizeof(record.szName));
+    std::memset(record.szLastEvent, 'e', sizeof(record.szLastEvent));
+    std::ofstream(service.SharedMemory()) << Memory(record);
+    std::string answer;
+    EXPECT_EQ(service.Control({"status"}, answer), 0);
+    EXPECT_THAT(answer, AllOf(HasSubstr("name         " + std::string(sizeof(record.szName) - 1, 'n') + "\n"),
+                              HasSubstr("last event   " + std::string(sizeof(record.szLastEvent) - 1, 'e') + "\n")));
+    std::filesystem::remove(service.SharedMemory());
 }
 
 }  // namespace

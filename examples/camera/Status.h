@@ -25,6 +25,7 @@ struct Counters {
 
 /// What is published: plain numbers and texts of fixed places, as both sides are built from the same source.
 struct StatusRecord {
+    std::uint32_t nMagic;    ///< kStatusMagic
     std::uint32_t nVersion;  ///< kStatusVersion
     std::int32_t nProcess;
     std::uint32_t nUptime;        ///< Seconds.
@@ -50,7 +51,8 @@ struct StatusRecord {
     char szName[64];
     char szLastEvent[128];
 };
-constexpr std::uint32_t kStatusVersion = 1;
+constexpr std::uint32_t kStatusMagic = 0x43414D52;  // Other programs may have used the memory.
+constexpr std::uint32_t kStatusVersion = 2;
 
 /// The shared memory of one camera, 520 bytes that have no lock. The first word counts: it is odd while the record behind it
 /// is being written, and a reader that meets an odd or a changed number reads again.
