@@ -1,5 +1,7 @@
 // The parts of the example camera, one by one.
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
@@ -229,7 +231,8 @@ TEST(CameraTest, NamesTheKeyOfEveryBadSetting) {
         {"Http", "Port", "<string>80</string>", ": Http/Port: an integer is wanted, not a string"},
         {"Http", "Prot", "<integer>80</integer>", ": Http/Prot: there is no such setting"},
         {"Http", "LocalOnly", "<integer>1</integer>", ": Http/LocalOnly: true or false is wanted, not an integer"},
-        {"Http", "Clients", "<integer>0</integer>", ": Http/Clients: 0 is not a number from 1 to 256"},
+        {"Http", "Clients", "<integer>0</integer>", ": Http/Clients: 0 is not a number from 1 to 64"},
+        {"Http", "Clients", "<integer>65</integer>", ": Http/Clients: 65 is not a number from 1 to 64"},
         {"Picture", "Rate", "<integer>-1</integer>", ": Picture/Rate: -1 is not a number from 1 to 60"},
         {"Encoder", "PlugIn", "<string>libcamera-jpeg.so</string>",
          ": Encoder/PlugIn: \"libcamera-jpeg.so\" is not a bare name, as \"camera-jpeg\" is for libcamera-jpeg.so"},
@@ -474,14 +477,74 @@ TEST(CameraTest, CountsWhatIsThereAndDeletesTheOldestFirst) {
     EXPECT_EQ(files.count("2020010300000000000.mjpeg"), 1U);
 }
 
-TEST(CameraTest, DoesNotRecordAPictureThatIsLargerThanTheDirectoryMayBe) {
+/// Expects that a recorder is paused, and that it said so once, with @p what.
+void ExpectPause(const camera::Recorder& recorder, const std::string& log, const std::string& what) {
+    EXPECT_TRUE(recorder.IsPaused());
+    EXPECT_THAT(log, HasSubstr("Error****: recording is paused: directory " + what + "\n"));
+    EXPECT_EQ(log.find("paused"), log.rfind("paused"));
+}
+
+TEST(CameraTest, APictureThatIsLargerThanTheDirectoryMayBePausesTheRecordingAndTakesNoFileAway) {
+    const ScopedLevel quiet(kNoLines);
+    const ScopedDirectory directory;
+    camera::Recorder recorder(directory.Path().c_str(), kLongSegment, 1000);
+    const std::string log = StderrOf([&] {
+        const ScopedLevel level(2);
+        EXPECT_TRUE(Write(recorder, 900));
+        EXPECT_FALSE(Write(recorder, 1001));
+        EXPECT_FALSE(Write(recorder, 1001));
+    });
+    ExpectPause(recorder, log, directory.Path() + " is too small for one picture");
+    EXPECT_EQ(SizeOf(directory.Path()), 900U);
+}
+
+TEST(CameraTest, ASavedPictureThatIsLargerThanTheDirectoryMayBeTakesNoFileAway) {
     const ScopedLevel level(kNoLines);
     const ScopedDirectory directory;
     camera::Recorder recorder(directory.Path().c_str(), kLongSegment, 1000);
     EXPECT_TRUE(Write(recorder, 900));
-    EXPECT_FALSE(Write(recorder, 1001));
-    EXPECT_TRUE(Write(recorder, 1000));
-    EXPECT_LE(SizeOf(directory.Path()), 1000U);
+    const std::vector<unsigned char> bytes = Bytes(1001);
+    EXPECT_EQ(recorder.Save(bytes.data(), 1001).Length(), 0);
+    EXPECT_TRUE(recorder.IsPaused());
+    EXPECT_EQ(SizeOf(directory.Path()), 900U);
+}
+
+TEST(CameraTest, PausesWhereAnOldFileCannotBeDeleted) {
+    const ScopedLevel quiet(kNoLines);
+    const ScopedDirectory directory;
+    const std::string oldest = directory.File("20200101000000000000.mjpeg", std::string(800, 'x'));
+    camera::Recorder recorder(directory.Path().c_str(), kLongSegment, 1000);
+    EXPECT_TRUE(recorder.Open());
+    // A directory that is not empty stays, whoever deletes it.
+    std::filesystem::remove(oldest);
+    std::filesystem::create_directories(oldest + "/below");
+    const std::string log = StderrOf([&] {
+        const ScopedLevel level(2);
+        EXPECT_FALSE(Write(recorder, 300));
+        EXPECT_FALSE(Write(recorder, 300));
+    });
+    ExpectPause(recorder, log, directory.Path() + " cannot be kept below its size");
+}
+
+TEST(CameraTest, GoesOnWhereAnOldFileIsGoneAlready) {
+    const ScopedLevel level(kNoLines);
+    const ScopedDirectory directory;
+    const std::string oldest = directory.File("20200101000000000000.mjpeg", std::string(800, 'x'));
+    camera::Recorder recorder(directory.Path().c_str(), kLongSegment, 1000);
+    EXPECT_TRUE(recorder.Open());
+    std::filesystem::remove(oldest);
+    EXPECT_TRUE(Write(recorder, 300));
+    EXPECT_EQ(recorder.GetSize(), 300);
+}
+
+TEST(CameraTest, DoesNotCountWhatIsNoFile) {
+    const ScopedLevel level(kNoLines);
+    const ScopedDirectory directory;
+    ASSERT_EQ(mkfifo(directory.Entry("20200101000000000000.mjpeg").c_str(), 0600), 0);
+    std::filesystem::create_directory(directory.Entry("20200102000000000000.mjpeg"));
+    camera::Recorder recorder(directory.Path().c_str(), kLongSegment, kLimit);
+    EXPECT_TRUE(recorder.Open());
+    EXPECT_EQ(recorder.GetSize(), 0);
 }
 
 TEST(CameraTest, SaysOnceThatItCannotRecord) {
@@ -496,8 +559,7 @@ TEST(CameraTest, SaysOnceThatItCannotRecord) {
         }
         EXPECT_TRUE(recorder.IsPaused());
     });
-    const std::string line = "Error****: recording is paused: directory " + place + " cannot be made\n";
-    EXPECT_THAT(log, HasSubstr(line));
+    EXPECT_THAT(log, HasSubstr("Error****: recording is paused: directory " + place + " cannot be made\n"));
     EXPECT_EQ(log.find("paused"), log.rfind("paused"));
 }
 

@@ -99,6 +99,7 @@ void Camera::Tick() {
 
 StatusRecord Camera::MakeRecord() const {
     StatusRecord record = {};
+    record.nMagic = kStatusMagic;
     record.nVersion = kStatusVersion;
     record.nProcess = getpid();
     record.nUptime = static_cast<std::uint32_t>((NowMs() - m_nStarted) / 1000);

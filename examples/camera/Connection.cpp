@@ -16,6 +16,8 @@ namespace {
 
 constexpr int kLookMs = 100;  // from one look at the owner to the next
 
+constexpr int kFinishMs = 1000;
+
 /// The system sends this much ahead of a client: a few pictures. A slow client is then behind by these, not by seconds.
 constexpr int kSendBuffer = 128 * 1024;
 
@@ -76,6 +78,15 @@ bool Connection::IsClosedByPeer() {
     pollfd poller = {m_Net.GetSocket(), POLLIN, 0};
     char ignored[512];
     return poll(&poller, 1, 0) > 0 && Take(ignored, sizeof(ignored)) == 0;
+}
+
+void Connection::Finish() {
+    shutdown(m_Net.GetSocket(), SHUT_WR);
+    char ignored[8192];
+    const long long nDeadline = NowMs() + kFinishMs;
+    while (NowMs() < nDeadline && Read(ignored, sizeof(ignored), nDeadline) > 0) {
+    }
+    Close();
 }
 
 void Connection::Refuse(const KString& answer) {

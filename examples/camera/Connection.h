@@ -34,6 +34,10 @@ class Connection {
     /// Sends a short answer without waiting for anything, and closes.
     void Refuse(const KString& answer);
 
+    /// Says that nothing more will come, throws away what the client still sends for a second, and closes. To close with
+    /// something unread, the body of a request that was refused say, would take the answer back.
+    void Finish();
+
     /// Closes. A destructor that did this would be too late: the connection lives longer than the client.
     void Close() { m_Net.DeleteSocket(); }
 

@@ -20,6 +20,9 @@ constexpr int kAnswerMs = 10000;  // within which it has to take the answer, or 
 constexpr int kLargestHead = 8192;
 constexpr int kLookMs = 200;  // from one look at the thread's status to the next
 
+/// For a client's thread, in bytes. The usual 8 MB for each would be half of what addresses a 32-bit machine has.
+constexpr int kStackSize = 256 * 1024;
+
 KString Head(const char* pszStatus, const char* pszType, unsigned int nLength) {
     KString head;
     head.Sprintf(
@@ -28,9 +31,8 @@ KString Head(const char* pszStatus, const char* pszType, unsigned int nLength) {
     return head;
 }
 
-KString Refusal() {
-    static constexpr char szText[] = "All places are taken.\n";
-    return Head("503 Service Unavailable", "text/plain", sizeof(szText) - 1) + szText;
+KString Refusal(const char* pszStatus, const KString& text) {
+    return Head(pszStatus, "text/plain", static_cast<unsigned int>(text.Length())) + text;
 }
 
 }  // namespace
@@ -44,11 +46,15 @@ bool HttpClient::Serve(KNet& listener, bool fgLocalOnly) {
     }
     // KNet binds to all addresses of the machine; who may come is decided here.
     if (fgLocalOnly && m_Connection.GetPeer().Find("127.", 0) != 0) {
-        m_Connection.Close();
+        if (m_Site.counters.nStrangers++ == 0) {
+            KDebug::Error("%s was sent away, as all others will be: Http/LocalOnly is set",
+                          m_Connection.GetPeer().GetBuffer());
+        }
+        m_Connection.Refuse(Refusal("403 Forbidden", "For this machine alone.\n"));
         return true;
     }
     m_fgBusy = true;
-    Start(0, NORMAL, -1, nullptr);
+    Start(0, NORMAL, kStackSize, nullptr);
     return true;
 }
 
@@ -56,13 +62,13 @@ bool HttpClient::Refuse(KNet& listener) {
     if (!m_Connection.AcceptFrom(listener)) {
         return false;
     }
-    m_Connection.Refuse(Refusal());
+    m_Connection.Refuse(Refusal("503 Service Unavailable", "All places are taken.\n"));
     return true;
 }
 
 int HttpClient::ThreadMainLoop() {
     Answer();
-    m_Connection.Close();
+    m_Connection.Finish();
     m_fgBusy = false;
     return 0;
 }
@@ -172,7 +178,7 @@ bool HttpClient::SendPart(const Jpeg& jpeg) {
 // ----------------------------------------------------------------------------------------------------------- The server
 
 HttpServer::HttpServer(const Settings& settings, const Site& site)
-    : m_Settings(settings), m_Counters(site.counters), m_nPort(settings.nPort), m_Doorkeeper(site) {
+    : m_Settings(settings), m_Counters(site.counters), m_nPort(settings.nPort), m_fgTold(false), m_Doorkeeper(site) {
     for (int i = 0; i < settings.nClients; ++i) {
         m_Clients.push_back(std::make_unique<HttpClient>(site));
     }
@@ -204,18 +210,13 @@ bool HttpServer::Listen() {
 }
 
 int HttpServer::ThreadMainLoop() {
-    bool fgTold = false;
     while (IsRunning()) {
         // An accept that fails, for lack of descriptors say, closes the listening socket: it is made anew.
         if (m_Listener.GetSocket() < 0 && !Listen()) {
-            if (!fgTold) {
-                KDebug::Error("port %d cannot be listened at; trying again", m_nPort);
-            }
-            fgTold = true;
+            Tell("it cannot be listened at; trying again");
             Sleep(kLookMs);
             continue;
         }
-        fgTold = false;
         // KNet::Accept() waits for as long as it takes; whether someone is there is asked first.
         pollfd poller = {m_Listener.GetSocket(), POLLIN, 0};
         if (poll(&poller, 1, kLookMs) > 0) {
@@ -233,10 +234,20 @@ void HttpServer::AcceptOne() {
     }
     const bool fgAccepted = ppFree != m_Clients.end() ? (*ppFree)->Serve(m_Listener, m_Settings.fgLocalOnly)
                                                       : m_Doorkeeper.Refuse(m_Listener);
-    if (!fgAccepted) {
-        KDebug::Error("a client was not accepted; listening anew");
+    if (fgAccepted) {
+        m_fgTold = false;
+    } else {
+        Tell("a client was not accepted; listening anew");
         Sleep(kLookMs);
     }
+}
+
+/// Tells of the first of several failures: without descriptors there are five a second.
+void HttpServer::Tell(const char* pszWhat) {
+    if (!m_fgTold) {
+        KDebug::Error("port %d: %s", GetPort(), pszWhat);
+    }
+    m_fgTold = true;
 }
 
 }  // namespace camera

@@ -72,11 +72,13 @@ class HttpServer : public KThread {
 
  private:
     void AcceptOne();
+    void Tell(const char* pszWhat);
 
     const Settings& m_Settings;
     Counters& m_Counters;
     KNet m_Listener;
-    int m_nPort;
+    std::atomic<int> m_nPort;  ///< Of a listener that is made anew, while others ask.
+    bool m_fgTold;             ///< Of a failure; until a client is accepted the next ones are not told.
     std::vector<std::unique_ptr<HttpClient>> m_Clients;
     HttpClient m_Doorkeeper;  ///< Never started: refuses clients.
 };

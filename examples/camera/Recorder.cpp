@@ -3,6 +3,7 @@
 #include <KDebug.h>
 #include <KDirectory.h>
 #include <KTime.h>
+#include <sys/stat.h>
 
 #include <cstring>
 
@@ -29,6 +30,20 @@ bool IsOurs(const char* pszName) {
     const char* const pszEnding = pszName + std::strspn(pszName, "0123456789");
     return pszEnding == pszName + kStampLength &&
            (std::strcmp(pszEnding, kSegmentEnding) == 0 || std::strcmp(pszEnding, kPictureEnding) == 0);
+}
+
+/// Tells whether there is a regular file, and how large it is. To open one would tell too, but for a pipe of such a name that
+/// would wait for a writer.
+bool FindFile(KPath path, long long& nSize) {
+    struct stat status = {};
+    const bool fgFound = stat(path.GetSystemPath(KPath::CONV_SLASH), &status) == 0 && S_ISREG(status.st_mode);
+    nSize = status.st_size;
+    return fgFound;
+}
+
+bool Exists(KPath path) {
+    struct stat status = {};
+    return lstat(path.GetSystemPath(KPath::CONV_SLASH), &status) == 0;
 }
 
 /// KFile::Write() wants bytes that may be changed, and does not change them.
@@ -86,11 +101,10 @@ void Recorder::CountFiles() {
     KList<KPath>::Reader reader(entries);
     while (const KPath* const pEntry = reader.Next()) {
         const KString name = pEntry->GetPath();
-        KFile file;
-        if (IsOurs(name.GetBuffer()) && file.Open(PathOf(name), false)) {
-            m_Files.push_back({name, static_cast<long long>(file.GetSize())});
-            m_nSize += m_Files.back().nSize;
-            file.Close();
+        long long nSize = 0;
+        if (IsOurs(name.GetBuffer()) && FindFile(PathOf(name), nSize)) {
+            m_Files.push_back({name, nSize});
+            m_nSize += nSize;
         }
     }
     m_fgCounted = true;
@@ -123,6 +137,12 @@ bool Recorder::Write(const unsigned char* pData, unsigned int nSize) {
 
 /// Deletes the oldest files until @p nSize more bytes fit. The segment that is being written ends when its turn comes.
 bool Recorder::MakeRoom(long long nSize) {
+    // To delete all there is would not help.
+    if (nSize > m_nLimit) {
+        EndSegment();
+        Pause("is too small for one picture");
+        return false;
+    }
     // A single segment must not fill the directory, or it would have to be deleted as a whole.
     if (m_Segment.IsValid() && m_Files.back().nSize + nSize > m_nLimit / 4) {
         EndSegment();
@@ -132,11 +152,16 @@ bool Recorder::MakeRoom(long long nSize) {
             EndSegment();
         }
         KPath path = PathOf(m_Files.front().name);
-        KFile::Delete(path);  // One that is gone already is as good as deleted.
+        // One that is gone already is as good as deleted.
+        if (!KFile::Delete(path) && Exists(path)) {
+            EndSegment();
+            Pause("cannot be kept below its size");
+            return false;
+        }
         m_nSize -= m_Files.front().nSize;
         m_Files.pop_front();
     }
-    return m_nSize + nSize <= m_nLimit;
+    return true;
 }
 
 bool Recorder::BeginSegment() {

@@ -16,8 +16,10 @@ namespace camera {
 /// microseconds ("20240506142007123456.mjpeg"), so that the order of their names is their order in time. Other files in the
 /// directory are neither counted nor touched.
 ///
-/// A directory that cannot be written, or a disk that is full, pauses the recording: one line in the log, one event, and a
-/// new attempt every ten seconds until it works again.
+/// What keeps it from writing pauses the recording: a directory that cannot be made or written, a disk that is full, a file
+/// that cannot be deleted, a picture larger than the directory may be. There is one line in the log and one event, and a new
+/// attempt every ten seconds until it works again. The library's own error line stands beside it, for each attempt that it
+/// sees fail.
 ///
 /// Any thread may call any operation.
 class Recorder {

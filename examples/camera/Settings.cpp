@@ -44,7 +44,7 @@ constexpr Key kKeys[] = {
     Text("Encoder/PlugIn", &Settings::plugin, 64),
     Number("Encoder/Quality", &Settings::nQuality, 1, 100),
     Number("Http/Port", &Settings::nPort, 0, 65535),
-    Number("Http/Clients", &Settings::nClients, 1, 256),
+    Number("Http/Clients", &Settings::nClients, 1, 64),
     Flag("Http/LocalOnly", &Settings::fgLocalOnly),
     Flag("Recording/Enabled", &Settings::fgRecord),
     Text("Recording/Directory", &Settings::directory, 1024),

@@ -30,7 +30,10 @@ bool Copy(Word* pWords, StatusRecord& record) {
         }
         if (nBefore % 2 == 0 && pWords[0].load(std::memory_order_relaxed) == nBefore) {
             std::memcpy(&record, copy, sizeof(record));
-            return record.nVersion == kStatusVersion;
+            // Whoever wrote this, the texts have an end.
+            record.szName[sizeof(record.szName) - 1] = '\0';
+            record.szLastEvent[sizeof(record.szLastEvent) - 1] = '\0';
+            return record.nMagic == kStatusMagic && record.nVersion == kStatusVersion;
         }
     }
     return false;

@@ -17,6 +17,7 @@ struct Counters {
     std::atomic<unsigned int> nSkipped{0};      ///< Pictures that slow clients did not get, all clients together.
     std::atomic<unsigned int> nJoined{0};       ///< Clients that asked for the stream.
     std::atomic<unsigned int> nRefused{0};      ///< Connections that found no place.
+    std::atomic<unsigned int> nStrangers{0};    ///< Connections from other machines that Http/LocalOnly sent away.
     std::atomic<unsigned int> nCommands{0};     ///< Commands answered on the control channel.
     std::atomic<int> nClients{0};               ///< Clients that watch the stream now.
     std::atomic<bool> fgMotion{false};
@@ -24,6 +25,7 @@ struct Counters {
 
 /// What is published: plain numbers and texts of fixed places, as both sides are built from the same source.
 struct StatusRecord {
+    std::uint32_t nMagic;    ///< kStatusMagic
     std::uint32_t nVersion;  ///< kStatusVersion
     std::int32_t nProcess;
     std::uint32_t nUptime;        ///< Seconds.
@@ -49,7 +51,8 @@ struct StatusRecord {
     char szName[64];
     char szLastEvent[128];
 };
-constexpr std::uint32_t kStatusVersion = 1;
+constexpr std::uint32_t kStatusMagic = 0x43414D52;  // Other programs may have used the memory.
+constexpr std::uint32_t kStatusVersion = 2;
 
 /// The shared memory of one camera, 520 bytes that have no lock. The first word counts: it is odd while the record behind it
 /// is being written, and a reader that meets an odd or a changed number reads again.

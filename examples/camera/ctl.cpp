@@ -3,9 +3,10 @@
 #include <KDebug.h>
 #include <KEntry.h>
 #include <signal.h>
-#include <unistd.h>
+#include <sys/time.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -23,7 +24,7 @@ using camera::StatusRecord;
 constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kBadUsage = 2;
-constexpr unsigned int kPatience = 10;  // seconds for an answer
+constexpr int kPatience = 10;  // seconds for an answer
 
 constexpr char kHelp[] =
     "Usage: camera-ctl [--config FILE] status [--watch]\n"
@@ -38,10 +39,11 @@ constexpr char kHelp[] =
     "  stop        end the camera\n"
     "\n"
     "FILE is the camera's configuration (default: camera.plist): it names the channel\n"
-    "and the control socket.\n"
+    "and the control socket. Where that is a relative path, as it is at first, the\n"
+    "commands other than status need the camera's working directory.\n"
     "\n"
-    "Exit status: 0 when all went well; 1 when there is no camera, or it refuses; 2\n"
-    "when the arguments are wrong.\n";
+    "Exit status: 0 when all went well; 1 when there is no camera, or it refuses or\n"
+    "does not answer; 2 when the arguments are wrong.\n";
 
 int Complain(const std::string& message, int nStatus) {
     std::fprintf(stderr, "camera-ctl: %s\n", message.c_str());
@@ -98,10 +100,25 @@ int WatchStatus(const Settings& settings) {
     return Complain("no camera on channel " + std::to_string(settings.nChannel), kFailed);
 }
 
+volatile std::sig_atomic_t g_fgLate = 0;
+
+/// The channel knows no time limit; a signal ends its waits. It comes again, as one that comes just before a wait is lost
+/// on it.
+void LimitPatience() {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { g_fgLate = 1; };  // And no SA_RESTART, which would let the wait go on.
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval timer = {{1, 0}, {kPatience, 0}};
+    setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
 int Send(const Settings& settings, const std::string& command) {
-    alarm(kPatience);  // The channel knows no time limit; the end of this program is one.
+    LimitPatience();
     KString answer;
     if (!camera::SendCommand(settings, command.c_str(), answer)) {
+        if (g_fgLate != 0) {
+            return Complain("the camera does not answer", kFailed);
+        }
         return Complain(
             "no camera at " + std::string(settings.socket.GetBuffer()) + "_" + std::to_string(settings.nChannel),
             kFailed);

@@ -7,6 +7,7 @@
 #include <getopt.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -22,6 +23,8 @@ namespace {
 constexpr int kDone = 0;
 constexpr int kFailed = 1;
 constexpr int kBadUsage = 2;
+
+constexpr int kErrorsOnly = 2;  // a level of the log
 
 constexpr char kHelp[] =
     "Usage: camera [--config FILE] [--port N] [--seconds N]\n"
@@ -100,12 +103,15 @@ int Run(const Options& options, const sigset_t& signals) {
         return kFailed;
     }
     settings.nPort = options.nPort >= 0 ? options.nPort : settings.nPort;
-    g_eDebugLevel = settings.nLogLevel;
+    // What keeps it from starting is told, whatever the level.
+    g_eDebugLevel = std::min(settings.nLogLevel, kErrorsOnly);
 
     camera::Camera camera(settings);
     if (!camera.Start()) {
         return kFailed;
     }
+    // Its threads read the level by now.
+    __atomic_store_n(&g_eDebugLevel, settings.nLogLevel, __ATOMIC_RELAXED);
     std::printf("camera: http://127.0.0.1:%d/\n", camera.GetPort());
     std::fflush(stdout);
 
@@ -127,7 +133,7 @@ int main(int argc, char** argv) {
     }
     const sigset_t signals = BlockSignals();
 
-    g_eDebugLevel = 2;  // Until the configuration says otherwise: errors only.
+    g_eDebugLevel = kErrorsOnly;  // Until the configuration says otherwise.
     KEntry::Init(argc, argv);
     const int nStatus = Run(options, signals);
 

@@ -177,8 +177,19 @@ def look(browser, url, screenshot):
         browser.screenshot(screenshot)
     browser.size(390, 844, True)
     browser.wait_for("window.innerWidth == 390 && document.documentElement.scrollWidth <= 390", "the page fits a phone")
+    comes_back(browser, "document.getElementById('picture').src = '/nothing.jpg'", "an answer that was no picture")
+    comes_back(browser, "document.dispatchEvent(new Event('visibilitychange'))", "the page was not seen")
     if screenshot and os.environ.get("PHONE_SCREENSHOT"):
         browser.screenshot(os.environ["PHONE_SCREENSHOT"])
+
+
+def comes_back(browser, what, name):
+    """Does something after which the page is to ask for the stream anew."""
+    before = browser.ask("document.getElementById('picture').src")
+    browser.ask(f"{what}; 0")
+    browser.wait_for("(src => src.includes('/stream.mjpg') && src != " + json.dumps(before) +
+                     ")(document.getElementById('picture').src)", f"the stream is asked for anew after {name}")
+    browser.wait_for(f"{MOVEMENT}.then(movement => movement > 0.3)", f"the picture moves again after {name}")
 
 
 def main():

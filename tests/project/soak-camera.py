@@ -18,6 +18,7 @@ import time
 CLIENTS = 8
 WARM_UP = 120  # seconds until what the camera has is what it needs
 LONGEST_VISIT = 6.0  # seconds
+MOST_GROWTH = 512  # KB; in the ten minutes behind the figures in docs/camera.md it was 63
 
 
 def fail(message):
@@ -59,6 +60,8 @@ class Soak:
         line = self.camera.stdout.readline()
         if not line.startswith("camera: http"):
             fail("the camera does not start: " + self.read_log())
+        with open(f"/proc/{self.camera.pid}/maps", encoding="utf-8") as file:
+            self.sanitized = re.search(r"/lib[at]san\.so", file.read()) is not None
         self.port = int(line.rstrip("/\n").rsplit(":", 1)[1])
 
     def start(self, program, *arguments, **options):
@@ -141,7 +144,17 @@ class Soak:
         return int(status["VmRSS"].split()[0]), len(os.listdir(f"/proc/{self.camera.pid}/fd")), int(status["Threads"])
 
 
+def wait_until_all_left(soak):
+    """Waits until no client's descriptor is left but that of the question. Returns the usage then."""
+    end = time.monotonic() + 30
+    while json.loads(soak.get("/status.json"))["clients"] != 0 and time.monotonic() < end:
+        time.sleep(0.2)
+    time.sleep(2)  # A client's end is waited for a second.
+    return soak.usage()
+
+
 def run(soak, seconds):
+    before = wait_until_all_left(soak)
     threads = [threading.Thread(target=soak.guarded(work)) for work in [soak.watch] * CLIENTS + [soak.command, soak.browse]]
     for thread in threads:
         thread.start()
@@ -161,15 +174,10 @@ def run(soak, seconds):
         thread.join()
     if status is None:
         fail(f"the camera ended with {soak.camera.returncode}: {soak.read_log()}")
-    # When all have left, their descriptors are closed.
-    end = time.monotonic() + 30
-    while json.loads(soak.get("/status.json"))["clients"] != 0 and time.monotonic() < end:
-        time.sleep(0.2)
-    time.sleep(1)
-    rest = soak.usage()
+    rest = wait_until_all_left(soak)
     final = json.loads(soak.get("/status.json"))
     soak.control("stop")
-    return samples, status, rest, final, soak.camera.wait(60)
+    return samples, status, before, rest, final, soak.camera.wait(60)
 
 
 def mean(values):
@@ -189,7 +197,12 @@ def main():
         fail("wrong arguments")
     minutes = float(sys.argv[3])
     soak = Soak(sys.argv[1], sys.argv[2], sys.argv[4])
-    samples, status, rest, final, code = run(soak, minutes * 60)
+    try:
+        samples, status, before, rest, final, code = run(soak, minutes * 60)
+    finally:
+        soak.ending.set()
+        if soak.camera.poll() is None:
+            soak.camera.kill()
     tally, faults = soak.tally, []
 
     print(f"\npictures        {status['frames']}, {status['frames'] / (minutes * 60):.2f} a second; {status['drops']} dropped, "
@@ -200,19 +213,19 @@ def main():
     print(f"commands        {tally['commands answered']} answered of {tally['commands sent']}")
     print(f"segments        {status['segments']}; {status['recordedKilobytes']} KB kept of at most 20000")
     print(f"resident        {max(s[1] for s in samples)} KB at most")
-    print(f"descriptors     {max(s[2] for s in samples)} at most, {rest[1]} without clients")
+    print(f"descriptors     {max(s[2] for s in samples)} at most, {before[1]} before the clients, {rest[1]} after")
     print(f"threads         {max(s[3] for s in samples)} at most, {rest[2]} without clients")
 
     if minutes >= 4:
         early, late = growth(samples, 1)
         print(f"growth          {early:.0f} KB in minute 3, {late:.0f} KB in the last ({(late / early - 1) * 100:+.1f} %)")
-        # A tenth is what allocators breathe.
-        if late > early * 1.1 and late - early > 1024:
+        # A sanitizer keeps freed memory for a while.
+        if late - early > (max(1024, early / 10) if soak.sanitized else MOST_GROWTH):
             faults.append("resident memory grows")
         early, late = growth(samples, 2)
         print(f"                {early:.1f} descriptors in minute 3, {late:.1f} in the last")
-        if late > early + CLIENTS / 2:
-            faults.append("descriptors grow")
+    if rest[1] != before[1]:
+        faults.append("descriptors are left of clients that are gone")
     # The stop command is answered, but counted when nobody can look any more.
     if tally["commands answered"] != tally["commands sent"] or final["commands"] != tally["commands sent"] - 1:
         faults.append(f"commands were lost: {final['commands']} counted by the camera")
