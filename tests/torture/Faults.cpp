@@ -353,10 +353,11 @@ int KeepText(const std::string& text) {
 /// What the library logs is kept, not printed, by whichever call it is written.
 std::size_t Fwrite(const void* pBuffer, std::size_t nSize, std::size_t nCount, std::FILE* pStream) {
     if (pStream == stderr) {
-        return Fails(kFprintf) ? 0
-                               : static_cast<std::size_t>(
-                                     KeepText(std::string(static_cast<const char*>(pBuffer), nSize * nCount))) /
-                                     nSize;
+        if (Fails(kFprintf)) {
+            return 0;
+        }
+        KeepText(std::string(static_cast<const char*>(pBuffer), nSize * nCount));
+        return nCount;
     }
     const int nError = ErrorFor(kFwrite);
     if (nError == kShort) {
@@ -397,8 +398,7 @@ __attribute__((format(printf, 3, 4))) int CheckedFprintf(std::FILE*, int, const 
 
 void Perror(const char* pszText) {
     const std::string strError = std::strerror(errno);
-    const std::lock_guard<std::mutex> lock(g_Guard);
-    g_Log += pszText + (": " + strError + "\n");
+    KeepText(pszText + (": " + strError + "\n"));
 }
 
 __attribute__((format(printf, 3, 0))) int Vsnprintf(char* pTarget, std::size_t nSize, const char* pszFormat,
