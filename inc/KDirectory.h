@@ -126,6 +126,9 @@ class KALVOREN_API KDirectory {
     ///
     /// DIR_RECURSIVE deletes everything in the directory, then itself (`remove`). Symbolic links in it are deleted, not
     /// followed; but where @p path itself is one, the directory that it leads to is emptied before the link is deleted.
+    /// Everything inside is reached from the directory that it was found in, by its name alone (`openat`, `fstatat`,
+    /// `unlinkat`): a directory that another program moves, or replaces by a link, while its tree is being deleted does not
+    /// make the deletion reach anything outside.
     /// Returns true when @p path itself is gone; otherwise logs the same error and returns false. What cannot be deleted
     /// inside is passed over. A directory that cannot be read is reported on standard error as "Couldn't open the directory"
     /// (`perror`), and deleted if it is empty, or a file; an entry whose status cannot be read logs the error "Directory

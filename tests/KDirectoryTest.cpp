@@ -49,19 +49,20 @@ constexpr const char* kSource = "src/api/KDirectory";
 
 /// What the functions in front of libc's do for this thread, and what they saw.
 struct System {
-    DIR* pOpened = nullptr;             ///< What the last opendir gave.
-    int nClosed = 0;                    ///< How often closedir was called.
-    int nCloseError = 0;                ///< Not 0: closedir closes, but fails with it.
-    int nDescriptorError = 0;           ///< Not 0: dirfd fails with it.
-    int nStatError = 0;                 ///< Not 0: stat fails with it.
-    int nLinkStatError = 0;             ///< Not 0: lstat fails with it for paths that end in strLinkStatFails.
-    std::string strLinkStatFails;       ///< As above.
-    bool fgLinkStatFollows = false;     ///< Whether lstat tells about what a link leads to.
-    std::optional<struct stat> status;  ///< What stat gives, whatever the path.
-    std::optional<unsigned char> kind;  ///< The kind that readdir gives every entry.
-    std::vector<std::string> read;      ///< The names that readdir gave.
-    bool fgRefuse = false;              ///< Whether to refuse to open or delete anything.
-    std::vector<std::string> refused;   ///< The paths refused.
+    DIR* pOpened = nullptr;           ///< What the last opendir gave.
+    int nClosed = 0;                  ///< How often closedir was called.
+    int nCloseError = 0;              ///< Not 0: closedir closes, but fails with it.
+    int nDescriptorError = 0;         ///< Not 0: dirfd fails with it.
+    int nStatError = 0;               ///< Not 0: stat fails with it.
+    int nEntryStatError = 0;          ///< Not 0: fstatat fails with it for the name strEntryStatFails.
+    std::string strEntryStatFails;    ///< As above.
+    bool fgEntryStatFollows = false;  ///< Whether fstatat tells about what a link leads to.
+    std::function<void(const std::string&)> onEntryStat;  ///< Called with an entry's name when fstatat has its status.
+    std::optional<struct stat> status;                    ///< What stat gives, whatever the path.
+    std::optional<unsigned char> kind;                    ///< The kind that readdir gives every entry.
+    std::vector<std::string> read;                        ///< The names that readdir gave.
+    bool fgRefuse = false;                                ///< Whether to refuse to open or delete anything.
+    std::vector<std::string> refused;                     ///< The paths refused.
 };
 
 thread_local System t_System;
@@ -96,13 +97,13 @@ bool IsRefused(const char* pszPath) {
 #if defined(_FILE_OFFSET_BITS) && _FILE_OFFSET_BITS == 64
 constexpr const char* kReadDir = "readdir64";
 constexpr const char* kStat = "stat64";
-constexpr const char* kLinkStat = "lstat64";
-constexpr const char* kOpen = "open64";
+constexpr const char* kEntryStat = "fstatat64";
+constexpr const char* kOpenEntry = "openat64";
 #else
 constexpr const char* kReadDir = "readdir";
 constexpr const char* kStat = "stat";
-constexpr const char* kLinkStat = "lstat";
-constexpr const char* kOpen = "open";
+constexpr const char* kEntryStat = "fstatat";
+constexpr const char* kOpenEntry = "openat";
 #endif
 
 }  // namespace
@@ -148,24 +149,32 @@ extern "C" int stat(const char* __restrict pszPath, struct stat* __restrict pSta
     return pNext(pszPath, pStatus);
 }
 
-extern "C" int lstat(const char* __restrict pszPath, struct stat* __restrict pStatus) noexcept {
-    static const auto pNext = support::NextFunction(static_cast<int (*)(const char*, struct stat*)>(&lstat), kLinkStat);
-    const std::string_view path(pszPath);
-    const std::string_view fails(t_System.strLinkStatFails);
-    if (t_System.nLinkStatError != 0 && path.size() >= fails.size() &&
-        path.substr(path.size() - fails.size()) == fails) {
-        return FailWith(t_System.nLinkStatError);
+extern "C" int fstatat(int nDirectory, const char* __restrict pszName, struct stat* __restrict pStatus,
+                       int nFlags) noexcept {
+    static const auto pNext =
+        support::NextFunction(static_cast<int (*)(int, const char*, struct stat*, int)>(&fstatat), kEntryStat);
+    if (t_System.nEntryStatError != 0 && pszName == t_System.strEntryStatFails) {
+        return FailWith(t_System.nEntryStatError);
     }
-    return t_System.fgLinkStatFollows ? stat(pszPath, pStatus) : pNext(pszPath, pStatus);
+    const int nResult = pNext(nDirectory, pszName, pStatus, t_System.fgEntryStatFollows ? 0 : nFlags);
+    if (t_System.onEntryStat) {
+        t_System.onEntryStat(pszName);
+    }
+    return nResult;
 }
 
-extern "C" int open(const char* pszPath, int nFlags, ...) {
-    static const auto pNext = support::NextFunction(&open, kOpen);
+extern "C" int openat(int nDirectory, const char* pszName, int nFlags, ...) {
+    static const auto pNext = support::NextFunction(&openat, kOpenEntry);
     va_list arguments;
     va_start(arguments, nFlags);
     const mode_t nMode = (nFlags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
-    return IsRefused(pszPath) ? -1 : pNext(pszPath, nFlags, nMode);
+    return IsRefused(pszName) ? -1 : pNext(nDirectory, pszName, nFlags, nMode);
+}
+
+extern "C" int unlinkat(int nDirectory, const char* pszName, int nFlags) noexcept {
+    static const auto pNext = support::NextFunction(&unlinkat, "unlinkat");
+    return IsRefused(pszName) ? -1 : pNext(nDirectory, pszName, nFlags);
 }
 
 extern "C" int rmdir(const char* pszPath) noexcept {
@@ -1455,9 +1464,52 @@ TEST_F(KDirectoryTest, ADirectoryThatBecomesALinkMeanwhileIsNotFollowed) {
     scratch.File("outside/file", "stays");
     fs::create_symlink("../outside", tree + "/link");
     // It was a directory when its status was read, and is a link when it is opened.
-    m_System->fgLinkStatFollows = true;
+    m_System->fgEntryStatFollows = true;
     EXPECT_EQ(LogOf([&] { EXPECT_TRUE(DeleteTree(tree)); }), OpenError(ENOTDIR));
     EXPECT_FALSE(Exists(tree));
+    EXPECT_EQ(support::ContentOf(scratch.Entry("outside/file")), "stays");
+}
+
+TEST_F(KDirectoryTest, ADirectoryThatIsSwappedForALinkWhileItIsEmptiedLeadsNowhereElse) {
+    const ScopedDirectory scratch;
+    const std::string tree = scratch.Entry("tree");
+    fs::create_directories(tree + "/inner");
+    scratch.File("tree/inner/file", "");
+    fs::create_directories(scratch.Entry("outside/inner"));
+    scratch.File("outside/file", "stays");
+    fs::create_directory(scratch.Entry("outside/empty"));
+    fs::create_directory(tree + "/inner/empty");
+    // Of both entries inside the status has been read when their directory's name leads elsewhere.
+    m_System->onEntryStat = [&](const std::string& name) {
+        if ((name == "file" || name == "empty") && !Exists(scratch.Entry("moved"))) {
+            fs::rename(tree + "/inner", scratch.Entry("moved"));
+            fs::create_directory_symlink(scratch.Entry("outside"), tree + "/inner");
+        }
+    };
+    EXPECT_EQ(LogOf([&] { EXPECT_TRUE(DeleteTree(tree)); }), "");
+    EXPECT_FALSE(Exists(tree));
+    EXPECT_TRUE(fs::is_empty(scratch.Entry("moved")));
+    EXPECT_EQ(support::ContentOf(scratch.Entry("outside/file")), "stays");
+    EXPECT_TRUE(Exists(scratch.Entry("outside/empty")));
+    EXPECT_TRUE(Exists(scratch.Entry("outside/inner")));
+}
+
+TEST_F(KDirectoryTest, ATreeThatIsSwappedForALinkWhileItIsEmptiedLeadsNowhereElse) {
+    const ScopedDirectory scratch;
+    const std::string tree = scratch.Entry("tree");
+    fs::create_directory(tree);
+    scratch.File("tree/file", "");
+    fs::create_directory(scratch.Entry("outside"));
+    scratch.File("outside/file", "stays");
+    m_System->onEntryStat = [&](const std::string& name) {
+        if (name == "file") {
+            fs::rename(tree, scratch.Entry("moved"));
+            fs::create_directory_symlink(scratch.Entry("outside"), tree);
+        }
+    };
+    EXPECT_EQ(LogOf([&] { EXPECT_TRUE(DeleteTree(tree)); }), "");
+    EXPECT_FALSE(Exists(tree));
+    EXPECT_TRUE(fs::is_empty(scratch.Entry("moved")));
     EXPECT_EQ(support::ContentOf(scratch.Entry("outside/file")), "stays");
 }
 
@@ -1515,8 +1567,8 @@ TEST_F(KDirectoryTest, AnEntryWithoutAStatusIsLoggedAndDeletedAsAFile) {
     fs::create_directory(tree);
     scratch.File("tree/unknown", "");
     scratch.File("tree/other", "");
-    m_System->nLinkStatError = EIO;
-    m_System->strLinkStatFails = "/unknown";
+    m_System->nEntryStatError = EIO;
+    m_System->strEntryStatFails = "unknown";
     EXPECT_EQ(LogOf([&] { EXPECT_TRUE(DeleteTree(tree)); }), LinkStatError(tree + "/unknown", EIO));
     EXPECT_FALSE(Exists(tree));
 }
@@ -1527,8 +1579,8 @@ TEST_F(KDirectoryTest, ADirectoryWithoutAStatusIsNotEntered) {
     fs::create_directories(tree + "/unknown");
     scratch.File("tree/unknown/file", "");
     scratch.File("tree/other", "");
-    m_System->nLinkStatError = EIO;
-    m_System->strLinkStatFails = "/unknown";
+    m_System->nEntryStatError = EIO;
+    m_System->strEntryStatFails = "unknown";
     EXPECT_EQ(LogOf([&] { EXPECT_FALSE(DeleteTree(tree)); }),
               LinkStatError(tree + "/unknown", EIO) + DeleteError(tree, ENOTEMPTY));
     EXPECT_TRUE(Exists(tree + "/unknown/file"));
@@ -1542,8 +1594,8 @@ TEST_F(KDirectoryTest, WhatCannotBeDeletedInATreeIsPassedOver) {
     fs::create_directories(tree + "/b");
     scratch.File("tree/a/file", "");
     scratch.File("tree/b/file", "");
-    m_System->nLinkStatError = EIO;
-    m_System->strLinkStatFails = "/unknown";
+    m_System->nEntryStatError = EIO;
+    m_System->strEntryStatFails = "unknown";
     EXPECT_EQ(LogOf([&] { EXPECT_FALSE(DeleteTree(tree)); }),
               LinkStatError(tree + "/a/stuck/unknown", EIO) + DeleteError(tree + "/a/stuck", ENOTEMPTY) +
                   DeleteError(tree + "/a", ENOTEMPTY) + DeleteError(tree, ENOTEMPTY));

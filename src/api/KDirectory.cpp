@@ -268,35 +268,36 @@ bool MakeParents(char* pszSystemPath, const KPath& path) {
     return true;
 }
 
-/// Whether an entry is a directory and no link to one. Without a status it counts as a file.
-bool IsRealDirectory(KPath& child) {
-    struct stat status = {};
-    if (lstat(SystemPath(child), &status) != 0) {
-        ReportFailure("Directory Delete lstat Error %s, ErrorNO:%d", child);
-        return false;
-    }
-    return S_ISDIR(status.st_mode);
-}
-
 bool IsSelfOrParent(const char* pszName) {
     return std::strcmp(pszName, ".") == 0 || std::strcmp(pszName, "..") == 0;
 }
 
-/// Opens the directory whose tree is to be deleted. One inside that tree must not have become a link to another in the
-/// meantime.
-DIR* OpenForDeletion(KPath& path, bool fgFollow) {
-    if (fgFollow) {
-        return opendir(SystemPath(path));
-    }
-    const int nDescriptor = open(SystemPath(path), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    DIR* const pDirectory = nDescriptor >= 0 ? fdopendir(nDescriptor) : nullptr;
-    if (pDirectory == nullptr && nDescriptor >= 0) {
-        close(nDescriptor);
-    }
-    return pDirectory;
-}
+/// An entry of an open directory. The system is given no more of its path than the name: a directory on the way to it that
+/// somebody moves, or replaces by a link, while the tree is being deleted leads nowhere else.
+struct Entry {
+    int nDirectory;
+    const char* pszName;
 
-bool DeleteTree(KPath& path, bool fgFollow);
+    bool ReadStatus(struct stat& status) const {
+        return fstatat(nDirectory, pszName, &status, AT_SYMLINK_NOFOLLOW) == 0;
+    }
+
+    /// Opens a directory; a link to one is none.
+    DIR* Open() const {
+        const int nDescriptor = openat(nDirectory, pszName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        DIR* const pDirectory = nDescriptor >= 0 ? fdopendir(nDescriptor) : nullptr;
+        if (pDirectory == nullptr && nDescriptor >= 0) {
+            close(nDescriptor);
+        }
+        return pDirectory;
+    }
+
+    /// Deletes a file, or a directory that is empty.
+    bool Remove() const {
+        return unlinkat(nDirectory, pszName, 0) == 0 ||
+               (errno == EISDIR && unlinkat(nDirectory, pszName, AT_REMOVEDIR) == 0);
+    }
+};
 
 /// Names an entry of a directory. False without memory for the whole text: a shorter one could name something else. It is
 /// set as it stands: a backslash in a name must not become a way out of the directory.
@@ -307,29 +308,49 @@ bool SetChild(KPath& child, const KPath& path, const char* pszName) {
            static_cast<std::size_t>(path.GetPath().Length()) + 1 + std::strlen(pszName);
 }
 
-/// Deletes what is in a directory. Paths are some two kilobytes large and live on the heap, or a deep tree would need more
-/// stack than a thread has.
-void DeleteEntries(DIR* pDirectory, const KPath& path) {
-    const std::unique_ptr<KPath> pChild(new (std::nothrow) KPath());
-    while (const dirent* const pEntry = pChild != nullptr ? readdir(pDirectory) : nullptr) {
-        if (!SetChild(*pChild, path, pEntry->d_name)) {
-            // It stays, and its directory with it.
-        } else if (!IsRealDirectory(*pChild)) {
-            std::remove(SystemPath(*pChild));
-        } else if (!IsSelfOrParent(pEntry->d_name)) {
-            DeleteTree(*pChild, false);
+void DeleteContents(DIR* pDirectory, const KPath& path);
+
+/// Deletes an entry with all that is in it. Without a status it counts as a file.
+void DeleteEntry(const Entry& entry, KPath& path) {
+    // What the system has no room for in a path stays, though its name alone would do.
+    if (*SystemPath(path) == '\0') {
+        errno = ENOENT;
+        ReportFailure("Directory Delete lstat Error %s, ErrorNO:%d", path);
+        return;
+    }
+    struct stat status = {};
+    if (!entry.ReadStatus(status)) {
+        ReportFailure("Directory Delete lstat Error %s, ErrorNO:%d", path);
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        entry.Remove();
+    } else if (!IsSelfOrParent(entry.pszName)) {
+        DeleteContents(entry.Open(), path);
+        if (!entry.Remove()) {
+            ReportFailure("Directory Delete Error %s, ErrorNO:%d", path);
         }
     }
 }
 
-bool DeleteTree(KPath& path, bool fgFollow) {
-    DIR* const pDirectory = OpenForDeletion(path, fgFollow);
+/// Deletes what is in a directory, and closes it; reports one that could not be opened. Paths are some two kilobytes large
+/// and live on the heap, or a deep tree would need more stack than a thread has.
+void DeleteContents(DIR* pDirectory, const KPath& path) {
     if (pDirectory == nullptr) {
         std::perror("Couldn't open the directory");
-    } else {
-        DeleteEntries(pDirectory, path);
-        closedir(pDirectory);
+        return;
     }
+    const std::unique_ptr<KPath> pChild(new (std::nothrow) KPath());
+    while (const dirent* const pEntry = pChild != nullptr ? readdir(pDirectory) : nullptr) {
+        // Without memory for its path an entry stays, and its directory with it.
+        if (SetChild(*pChild, path, pEntry->d_name)) {
+            DeleteEntry({dirfd(pDirectory), pEntry->d_name}, *pChild);
+        }
+    }
+    closedir(pDirectory);
+}
+
+bool DeleteTree(KPath& path) {
+    DeleteContents(opendir(SystemPath(path)), path);
     return std::remove(SystemPath(path)) == 0 || ReportFailure("Directory Delete Error %s, ErrorNO:%d", path);
 }
 
@@ -354,7 +375,7 @@ bool KDirectory::DeleteDir(KPath& path, DirectoryAction eAction) {
             // The wrong way round: programs rely on it.
             return rmdir(SystemPath(path)) != 0 || ReportFailure("Directory Delete Error %s, ErrorNO:%d", path);
         case DIR_RECURSIVE:
-            return DeleteTree(path, true);
+            return DeleteTree(path);
     }
     g_Checks.Fail(pszSignature);
     return true;

@@ -264,9 +264,10 @@ constexpr Spec kUnlink = {"unlink", Tells::MINUS_ONE, {ENOENT, EACCES, EBUSY}};
 constexpr Spec kMkdir = {"mkdir", Tells::MINUS_ONE, {EACCES, ENOSPC, ENOENT, EROFS}};
 constexpr Spec kRmdir = {"rmdir", Tells::MINUS_ONE, {EACCES, EBUSY, ENOTEMPTY}};
 constexpr Spec kStat = {"stat", Tells::MINUS_ONE, {EACCES, ENOENT, ENOTDIR, EOVERFLOW}};
-constexpr Spec kLstat = {"lstat", Tells::MINUS_ONE, {EACCES, ENOENT, EOVERFLOW}};
+constexpr Spec kFstatat = {"fstatat", Tells::MINUS_ONE, {EACCES, ENOENT, EOVERFLOW}};
+constexpr Spec kUnlinkat = {"unlinkat", Tells::MINUS_ONE, {EACCES, EBUSY, ENOENT, EROFS}};
 constexpr Spec kFstat = {"fstat", Tells::MINUS_ONE, {EBADF, EOVERFLOW}};
-constexpr Spec kOpen = {"open", Tells::MINUS_ONE, {EACCES, EINTR, EMFILE, ELOOP, ENOENT}};
+constexpr Spec kOpenat = {"openat", Tells::MINUS_ONE, {EACCES, EINTR, EMFILE, ELOOP, ENOENT}};
 constexpr Spec kOpendir = {"opendir", Tells::NULL_POINTER, {EACCES, EMFILE, ENOENT, ENOMEM, ENOTDIR}};
 constexpr Spec kFdopendir = {"fdopendir", Tells::NULL_POINTER, {ENOMEM, EBADF}};
 constexpr Spec kReaddir = {"readdir", Tells::NULL_POINTER, {EBADF, EIO}};
@@ -340,8 +341,8 @@ char* Mktemp(char* pszPattern) {
     return mkdtemp(pszPattern) != nullptr && rmdir(pszPattern) == 0 ? pszPattern : nullptr;
 }
 
-int Open(const char* pszPath, int nFlags, ...) {
-    return Fails(kOpen) ? -1 : open(pszPath, nFlags);
+int Openat(int nDirectory, const char* pszName, int nFlags, ...) {
+    return Fails(kOpenat) ? -1 : openat(nDirectory, pszName, nFlags);
 }
 
 int KeepText(const std::string& text) {
@@ -596,9 +597,10 @@ const Hook g_Hooks[] = {
     Simple<kMkdir>(&mkdir),
     Simple<kRmdir>(&rmdir),
     Simple<kStat>(&stat),
-    Simple<kLstat>(&lstat),
+    Simple<kFstatat>(&fstatat),
+    Simple<kUnlinkat>(&unlinkat),
     Simple<kFstat>(&fstat),
-    {"open", Address(&Open)},
+    {"openat", Address(&Openat)},
     {"opendir", Address(&Opendir)},
     {"fdopendir", Address(&Fdopendir)},
     Simple<kReaddir>(&readdir),
