@@ -29,6 +29,9 @@
 /// Operations that need the channel record check "m_pInternal"; with the checks off and without a record, they are true
 /// with nothing done, unless stated otherwise.
 ///
+/// Who may open the memory (mode 0666) or connect to the socket file (0777) is everybody, less the process's umask: set
+/// it, or keep the socket file in a directory that only the right users can search, where others have accounts.
+///
 /// Writing to a peer that is gone raises SIGPIPE, which ends the process unless it is ignored: KSystem::Init(), and so
 /// KEntry::Init(), ignores it.
 ///

@@ -27,12 +27,14 @@
 #include "support/Interpose.h"
 #include "support/LogLines.h"
 #include "support/Support.h"
+#include "support/Umask.h"
 
 using support::LogOf;
 using support::ScopedChecks;
 using support::ScopedDirectory;
 using support::ScopedLevel;
 using support::ScopedNoMemory;
+using support::ScopedUmask;
 using support::StderrOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -262,18 +264,6 @@ bool OpenQuietly(KDirectory& directory, const std::string& path) {
     KPath opened = PathOf(path);
     return directory.Open(opened);
 }
-
-/// A file-mode creation mask for the length of a block.
-class ScopedUmask {
- public:
-    explicit ScopedUmask(mode_t nMask) : m_nBefore(umask(nMask)) {}
-    ~ScopedUmask() { umask(m_nBefore); }
-    ScopedUmask(const ScopedUmask&) = delete;
-    ScopedUmask& operator=(const ScopedUmask&) = delete;
-
- private:
-    mode_t m_nBefore;
-};
 
 /// A working directory for the length of a block.
 class ScopedWorkingDirectory {

@@ -24,6 +24,7 @@
 #include "support/LogLines.h"
 #include "support/Process.h"
 #include "support/Support.h"
+#include "support/Umask.h"
 
 namespace {
 
@@ -536,6 +537,20 @@ TEST(KIPCTest, ASharedMemoryServerMakesAZeroedObjectOf520Bytes) {
     EXPECT_THAT(std::vector<unsigned char>(pBytes, pBytes + kRecordSize), Each(0));
 }
 
+TEST(KIPCTest, WhoMayOpenSharedMemoryIsEverybodyLessTheProcesssMask) {
+    for (const mode_t nMask : {0000u, 0022u, 0077u}) {
+        const support::ScopedUmask mask(nMask);
+        const ScopedNumber number;
+        Channel server(number);
+        EXPECT_TRUE(server.Create(true, KIPC::SHARED_MEMORY));
+        struct stat status = {};
+        const int nDescriptor = shm_open(SharedNameOf(number).c_str(), O_RDONLY, 0);
+        EXPECT_EQ(fstat(nDescriptor, &status), 0);
+        close(nDescriptor);
+        EXPECT_EQ(status.st_mode & 07777, 0666 & ~nMask);
+    }
+}
+
 TEST(KIPCTest, SharedMemoryIsNeverMarkedAsCreated) {
     const ScopedNumber number;
     Channel server(number);
@@ -937,6 +952,18 @@ TEST(KIPCTest, ASocketFileThatIsThereIsReplaced) {
     struct stat status = {};
     EXPECT_EQ(stat(SocketFile(directory).c_str(), &status), 0);
     EXPECT_TRUE(S_ISSOCK(status.st_mode));
+}
+
+TEST(KIPCTest, WhoMayConnectToALocalSocketIsEverybodyLessTheProcesssMask) {
+    for (const mode_t nMask : {0000u, 0022u, 0077u}) {
+        const support::ScopedUmask mask(nMask);
+        const ScopedDirectory directory;
+        SocketChannel channel(directory);
+        EXPECT_TRUE(channel.Create(true, KIPC::LOCAL_SOCKET));
+        struct stat status = {};
+        EXPECT_EQ(stat(SocketFile(directory).c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, 0777 & ~nMask);
+    }
 }
 
 TEST(KIPCTest, ASocketFileNameIsCutTo107Characters) {
