@@ -44,8 +44,8 @@ void CopyALog() {
 }  // namespace
 
 /// Stands in front of libc's routine and, where a test asks for it, shows the four items and ends the process.
-extern "C" [[noreturn]] void __assert_fail(const char* pszCondition, const char* pszSource, unsigned int nLine,
-                                           const char* pszSignature) noexcept {
+extern "C" __attribute__((noreturn)) void __assert_fail(const char* pszCondition, const char* pszSource,
+                                                        unsigned int nLine, const char* pszSignature) noexcept {
     if (g_fgShowReport) {
         std::fprintf(stderr, "{%s}{%s}{%s}{%s}\n", pszCondition, pszSource, nLine > 0 ? "line" : "no line",
                      pszSignature);

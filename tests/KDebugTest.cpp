@@ -283,7 +283,7 @@ TEST_F(KDebugTest, AMessageIsWrittenUpToItsFirstNul) {
 }
 
 TEST_F(KDebugTest, ALineLongerThanMostIsWrittenWhole) {
-    for (const std::size_t nLength : {499, 500, 501, 512, 513, 100000}) {
+    for (const std::size_t nLength : {499u, 500u, 501u, 512u, 513u, 100000u}) {
         const std::string message(nLength, 'x');
         EXPECT_EQ(StderrOf([&message] { KDebug::Error("%s", message.c_str()); }), "Error****: " + message + "\n");
     }

@@ -650,7 +650,7 @@ TEST(KIPCTest, AnObjectThatCannotBeGivenItsSizeIsRemovedAndCreateIsTrueWithoutMe
 
 TEST(KIPCTest, AnObjectShorterThan520BytesIsNotMappedAndCreateIsTrue) {
     const ScopedChecks checks(true);
-    for (const std::size_t nSize : {0, 1, 519}) {
+    for (const std::size_t nSize : {0u, 1u, 519u}) {
         for (const bool fgServer : {true, false}) {
             SCOPED_TRACE(testing::Message() << nSize << (fgServer ? " bytes, server" : " bytes, client"));
             const ScopedNumber number;

@@ -257,7 +257,7 @@ TEST(KNetInfoTest, TheRawAddressHasTwentyBytesToSpare) {
     // The capacity handed to the conversion is one more than there is; the checks do not mind, and nothing is written
     // there.
     const ScopedChecks on(true);
-    for (const std::size_t nLength : {0, 1, 15, 255, 2048, 100000}) {
+    for (const std::size_t nLength : {0u, 1u, 15u, 255u, 2048u, 100000u}) {
         const std::string text(nLength, 'x');
         KNetInfo info;
         info.SetAddress(text.c_str());

@@ -700,7 +700,7 @@ TEST(KNetTest, AHostWithoutAnAddressIsNotFound) {
 }
 
 TEST(KNetTest, AHostNameOfAnyLengthIsSafe) {
-    for (const std::size_t nLength : {255, 256, 2048, 100000}) {
+    for (const std::size_t nLength : {255u, 256u, 2048u, 100000u}) {
         const std::string name(nLength, '1');
         Net net(Tcp(9, name.c_str()));
         EXPECT_FALSE(net.GetHostName()) << nLength;
@@ -2294,7 +2294,7 @@ TEST(KNetTest, WritingWithClientInfoToAHostThatIsTooLongFailsTheCheckOfTheConver
 TEST(KNetTest, WritingWithClientInfoToAHostThatIsTooLongFailsWithTheChecksOff) {
     Net net(Udp());
     ASSERT_TRUE(net.CreateSocket());
-    for (const std::size_t nLength : {2048, 2049, 2050, 100000}) {
+    for (const std::size_t nLength : {2048u, 2049u, 2050u, 100000u}) {
         const std::string tooLong(nLength, '1');
         EXPECT_EQ(net.WriteWithClientInfo("x", 1, tooLong.c_str(), 9), -1);
     }

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 
 // Sanitizers have allocators of their own, which end the program where memory is lacking.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -23,19 +24,28 @@ namespace support {
 /// More than the heap ever keeps for itself (32 MiB): an allocation of this size always asks the system.
 constexpr int kMuchMemory = 33 << 20;
 
+/// Whether valgrind runs the program: its allocator has memory in hand that no limit touches.
+inline bool IsUnderValgrind() {
+    const char* const pszPreloaded = std::getenv("LD_PRELOAD");
+    return pszPreloaded != nullptr && std::strstr(pszPreloaded, "vgpreload") != nullptr;
+}
+
 /// What running without memory came to, beside the results of the code itself.
 constexpr int kMemoryCannotBeLimited = 77;
 constexpr int kDiedOfLittleMemory = 78;
 
 /// Runs a piece of code in a process of its own that gets no more memory from the system, and returns what the code
 /// returned (0 to 76): 0 where everything was as expected, else the number of the step that was not. Returns
-/// kMemoryCannotBeLimited where the system or a sanitizer does not let a process be limited; skip the test then.
+/// kMemoryCannotBeLimited where the system, a sanitizer or valgrind does not let a process be limited; skip the test then.
 template <typename Code>
 int InLittleMemory(Code code) {
 #ifdef KALVOREN_TESTS_OWN_ALLOCATOR
     static_cast<void>(code);
     return kMemoryCannotBeLimited;
 #else
+    if (IsUnderValgrind()) {
+        return kMemoryCannotBeLimited;
+    }
     const pid_t nChild = fork();
     if (nChild == 0) {
         const rlimit nothingMore = {1, 1};
