@@ -13,6 +13,7 @@
 #include <type_traits>
 
 #include "support/Interpose.h"
+#include "support/LeaveProcess.h"
 #include "support/LogLines.h"
 #include "support/Support.h"
 
@@ -73,7 +74,7 @@ std::string SystemsName() {
 
 /// Expects that something holds in a process in which nobody has used the class yet.
 void ExpectInAFreshProcess(const std::function<bool()>& holds) {
-    EXPECT_EXIT(_exit(holds() ? 0 : 1), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(support::LeaveProcess(holds() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 bool IsPipeSignalIgnored() {
