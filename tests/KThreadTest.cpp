@@ -979,6 +979,27 @@ TEST(KThreadTest, APauseOrResumeOfAnotherThreadAtTheMomentOfAStopDoesNotUndoIt) 
     }
 }
 
+TEST(KThreadTest, APauseIsTrueWhileAnotherThreadLetsTheBodyGoOnAgainAndAgain) {
+    Body thread;
+    StartAndWait(thread);
+    std::atomic<bool> fgEnd{false};
+    std::thread resumer([&] {
+        for (int i = 0; i < 20000; ++i) {
+            thread.SetStatus(KThread::RUNNING);
+            thread.SetStatus(KThread::PAUSED);
+        }
+        fgEnd = true;
+    });
+    bool fgPaused = true;
+    while (fgPaused && !fgEnd) {
+        fgPaused = thread.Pause();
+    }
+    resumer.join();
+    EXPECT_TRUE(fgPaused);
+    EXPECT_TRUE(thread.IsPaused());
+    EXPECT_TRUE(thread.Stop());
+}
+
 TEST(KThreadTest, TheDestructorStopsARunningBodyAndWaitsForIt) {
     std::atomic<bool> fgEnded{false};
     {
