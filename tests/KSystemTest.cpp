@@ -15,6 +15,7 @@
 #include "support/Interpose.h"
 #include "support/LeaveProcess.h"
 #include "support/LogLines.h"
+#include "support/MutexCalls.h"
 #include "support/Support.h"
 
 using support::LogOf;
@@ -452,6 +453,33 @@ TEST_F(KSystemTest, EachHookMayBeThereAlone) {
     system.SetRegistryHooks(nullptr, ReadFromStore);
     EXPECT_FALSE(system.WriteRegistry(KSystem::REGISTRY_USER, "key", "value"));
     EXPECT_TRUE(system.ReadRegistry(KSystem::REGISTRY_USER, "key", value));
+}
+
+bool NoteAsCall(KSystem::RegistryLevel, const KString&, const KString&) {
+    support::ScopedCalls::Current()->Note("write hook");
+    return true;
+}
+
+bool NoteAsCall(KSystem::RegistryLevel, const KString&, KString&) {
+    support::ScopedCalls::Current()->Note("read hook");
+    return true;
+}
+
+TEST_F(KSystemTest, AHookIsLookedUpUnderTheLockAndCalledWithoutIt) {
+    KSystem& system = *KSystem::Init();
+    system.SetRegistryHooks(NoteAsCall, NoteAsCall);
+    const KString key("key");
+    KString value;
+    {
+        const support::ScopedCalls calls;
+        EXPECT_TRUE(system.WriteRegistry(KSystem::REGISTRY_USER, key, value));
+        EXPECT_THAT(calls.Names(), testing::ElementsAre(support::kLock, support::kUnlock, "write hook"));
+    }
+    {
+        const support::ScopedCalls calls;
+        EXPECT_TRUE(system.ReadRegistry(KSystem::REGISTRY_USER, key, value));
+        EXPECT_THAT(calls.Names(), testing::ElementsAre(support::kLock, support::kUnlock, "read hook"));
+    }
 }
 
 TEST_F(KSystemTest, AHookMayUseTheSystem) {
