@@ -158,7 +158,7 @@ class KALVOREN_API KIPC {
 
     KALVOREN_LOCAL bool CreateSharedMemory();
     KALVOREN_LOCAL bool CreateSocket();
-    KALVOREN_LOCAL bool MapSharedMemory();
+    KALVOREN_LOCAL void MapSharedMemory();
     KALVOREN_LOCAL void CloseSharedMemory();
     KALVOREN_LOCAL void CloseSharedDescriptor();
     KALVOREN_LOCAL void CloseSocket();

@@ -19,6 +19,7 @@
 #include "KNet.h"
 #include "KSystem.h"
 #include "support/FailingNew.h"
+#include "support/LeaveProcess.h"
 #include "support/LogLines.h"
 #include "support/Support.h"
 
@@ -244,7 +245,7 @@ TEST_F(KEntryTest, TheFirstInitHasTheProcessIgnoreThePipeSignal) {
             std::signal(SIGPIPE, SIG_DFL);
             Start();
             raise(SIGPIPE);
-            _exit(0);
+            support::LeaveProcess(0);
         },
         testing::ExitedWithCode(0), "");
 }

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/LeaveProcess.h"
 #include "support/LogLines.h"
 #include "support/Support.h"
 
@@ -569,7 +570,7 @@ TEST_F(KFileTest, AfterGetPositionEveryOtherUseBlocks) {
             std::thread([&] { file.Read(0, &chByte, 1); }).join();
             file.IsValid();
             file.GetPosition(nPosition);
-            _exit(file.IsValid() ? 3 : 4);
+            support::LeaveProcess(file.IsValid() ? 3 : 4);
         },
         testing::ExitedWithCode(3), "")
         << "nothing else keeps the lock, and IsValid() takes none";

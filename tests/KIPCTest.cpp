@@ -1463,6 +1463,23 @@ TEST(KIPCTest, WithTheChecksOffAndWithoutTheRecordOperationsAreTrueWithNothingDo
     EXPECT_THAT(calls.Names(), IsEmpty());
 }
 
+TEST(KIPCTest, WithTheChecksOffAnObjectWithoutTheRecordTakesOnlyTheFieldsOfAnother) {
+    const ScopedChecks checks(false);
+    const ScopedDirectory directory;
+    SocketChannel server(directory, 8);
+    ASSERT_TRUE(server.Create(true, KIPC::LOCAL_SOCKET));
+    WithoutRecord none;
+    KIPC& channel = none;
+    channel = server;
+    EXPECT_EQ(channel.GetIndex(), 8);
+    EXPECT_TRUE(channel.IsServer());
+    EXPECT_TRUE(channel.IsCreated());
+    const ScopedCalls calls;
+    SocketChannel peer(directory);
+    EXPECT_FALSE(channel.WaitForConnectToMe(peer));
+    EXPECT_THAT(calls.Names(), IsEmpty());
+}
+
 // ----------------------------------------------------------------------------------------------------- Two processes
 
 TEST(KIPCTest, TwoProcessesShareTheMemoryOfAChannel) {

@@ -74,6 +74,41 @@ class ScopedHostName {
     ScopedHostName& operator=(const ScopedHostName&) = delete;
 };
 
+/// For the length of a block, this thread's look-ups with less room than @p nEnough are answered instead of passed on, and
+/// the room that each is given is noted.
+class ScopedLookUps {
+ public:
+    ScopedLookUps(int nAnswer, hostent* pFound, std::size_t nEnough)
+        : m_nAnswer(nAnswer), m_pFound(pFound), m_nEnough(nEnough) {
+        Current() = this;
+    }
+    ~ScopedLookUps() { Current() = nullptr; }
+    ScopedLookUps(const ScopedLookUps&) = delete;
+    ScopedLookUps& operator=(const ScopedLookUps&) = delete;
+
+    const std::vector<std::size_t>& Sizes() const { return m_Sizes; }
+
+    std::optional<int> Note(std::size_t nSize, hostent** ppFound) {
+        m_Sizes.push_back(nSize);
+        if (nSize >= m_nEnough) {
+            return std::nullopt;
+        }
+        *ppFound = m_pFound;
+        return m_nAnswer;
+    }
+
+    static ScopedLookUps*& Current() {
+        static thread_local ScopedLookUps* t_pCurrent = nullptr;
+        return t_pCurrent;
+    }
+
+ private:
+    int m_nAnswer;
+    hostent* m_pFound;
+    std::size_t m_nEnough;
+    std::vector<std::size_t> m_Sizes;
+};
+
 /// A call as text: its name and its numbers.
 template <typename... Numbers>
 std::string Call(const std::string& name, Numbers... numbers) {
@@ -160,6 +195,14 @@ int poll(pollfd* pEntries, nfds_t nCount, int nMilliseconds) {
     const pollfd* volatile pAsked = pEntries;
     const std::string call = Call("poll", pAsked->events, nMilliseconds);
     return NoteAs<&poll>(call, "poll", pEntries, nCount, nMilliseconds);
+}
+
+int gethostbyname_r(const char* pszName, hostent* pStorage, char* pBuffer, size_t nSize, hostent** ppFound,
+                    int* pnError) {
+    static const auto pNext = support::NextFunction(&gethostbyname_r, "gethostbyname_r");
+    ScopedLookUps* const pLookUps = ScopedLookUps::Current();
+    const std::optional<int> answer = pLookUps != nullptr ? pLookUps->Note(nSize, ppFound) : std::nullopt;
+    return answer ? *answer : pNext(pszName, pStorage, pBuffer, nSize, ppFound, pnError);
 }
 
 int gethostname(char* pszName, size_t nSize) noexcept {
@@ -673,6 +716,15 @@ TEST(KNetTest, ACopyFromOrToAnObjectWithoutARecordHasTheRest) {
     EXPECT_EQ(copy.GetSocket(), net.GetSocket());
 }
 
+TEST(KNetTest, WithoutMemoryForARecordACopyHasTheRest) {
+    Net net(Tcp(5), 6);
+    ASSERT_TRUE(net.CreateSocket());
+    const ScopedNoMemory none;
+    const KNet copy(net);
+    EXPECT_EQ(copy.GetSocket(), -1);
+    EXPECT_EQ(copy.GetTimeOut(), 6);
+}
+
 // ------------------------------------------------------------------------------------------------------------ Look-ups
 
 TEST(KNetTest, ALookUpFindsAddressesAndNames) {
@@ -706,6 +758,33 @@ TEST(KNetTest, AHostNameOfAnyLengthIsSafe) {
         EXPECT_FALSE(net.GetHostName()) << nLength;
         EXPECT_EQ(net.GetError(), KNet::HOST_NOT_FOUND) << nLength;
     }
+}
+
+TEST(KNetTest, AHostWhoseEntryNeedsMoreRoomIsAskedForAgainWithTwiceAsMuch) {
+    Net net(Tcp(9, "127.0.0.6"));
+    const ScopedLookUps lookUps(ERANGE, nullptr, 4096);
+    EXPECT_TRUE(net.GetHostName());
+    EXPECT_THAT(lookUps.Sizes(), ElementsAre(1024, 2048, 4096));
+}
+
+TEST(KNetTest, AHostWhoseEntryNeedsMoreThanAMebibyteIsNotFound) {
+    Net net(Tcp(9));
+    hostent entry = {};
+    const ScopedLookUps lookUps(ERANGE, &entry, 2097152);
+    EXPECT_FALSE(net.GetHostName());
+    EXPECT_EQ(net.GetError(), KNet::HOST_NOT_FOUND);
+    EXPECT_EQ(lookUps.Sizes().back(), 1048576u);
+}
+
+TEST(KNetTest, AHostWhoseEntryHasNoAddressIsNotFound) {
+    char* noAddress = nullptr;
+    hostent entry = {};
+    entry.h_addrtype = AF_INET;
+    entry.h_addr_list = &noAddress;
+    Net net(Tcp(9));
+    const ScopedLookUps lookUps(0, &entry, 2048);
+    EXPECT_FALSE(net.GetHostName());
+    EXPECT_EQ(net.GetError(), KNet::HOST_NOT_FOUND);
 }
 
 TEST(KNetTest, AFailedLookUpForgetsTheHostFoundBefore) {
@@ -1608,6 +1687,12 @@ TEST(KNetTest, CheckingWithANegativeTimeIsPending) {
     ASSERT_TRUE(Prepare(client));
     ASSERT_GE(client.ASyncConnectionCheckStart(), 0);
     EXPECT_EQ(client.ASyncConnectionChecking(-1), 1);
+}
+
+TEST(KNetTest, CheckingWithoutASocketIsNeither) {
+    Net net(Tcp());
+    EXPECT_EQ(net.ASyncConnectionChecking(0), -1);
+    EXPECT_EQ(net.GetError(), KNet::NONE);
 }
 
 TEST(KNetTest, CheckingIsNeitherWhenAnotherSocketIsTheOneThatIsReady) {

@@ -326,9 +326,14 @@ TEST(KQueueTest, ABufferThatThereWasNoMemoryForGetsItWhenItIsWritten) {
         if (pNothing != nullptr) {
             return 2;
         }
+        const void* const pNoData = buffer.LockReadBuffer(0);
+        buffer.UnlockReadBuffer();
+        if (pNoData != nullptr) {
+            return 3;
+        }
         const void* const pByte = buffer.LockWriteBuffer(1, 0);
         buffer.UnlockWriteBuffer();
-        return pByte != nullptr && buffer.GetCapacity() == 1024 ? 0 : 3;
+        return pByte != nullptr && buffer.GetCapacity() == 1024 ? 0 : 4;
     });
     if (nStep == support::kMemoryCannotBeLimited) {
         GTEST_SKIP() << "memory cannot be limited here";

@@ -13,7 +13,9 @@
 #include <type_traits>
 
 #include "support/Interpose.h"
+#include "support/LeaveProcess.h"
 #include "support/LogLines.h"
+#include "support/MutexCalls.h"
 #include "support/Support.h"
 
 using support::LogOf;
@@ -73,7 +75,7 @@ std::string SystemsName() {
 
 /// Expects that something holds in a process in which nobody has used the class yet.
 void ExpectInAFreshProcess(const std::function<bool()>& holds) {
-    EXPECT_EXIT(_exit(holds() ? 0 : 1), testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(support::LeaveProcess(holds() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 bool IsPipeSignalIgnored() {
@@ -451,6 +453,33 @@ TEST_F(KSystemTest, EachHookMayBeThereAlone) {
     system.SetRegistryHooks(nullptr, ReadFromStore);
     EXPECT_FALSE(system.WriteRegistry(KSystem::REGISTRY_USER, "key", "value"));
     EXPECT_TRUE(system.ReadRegistry(KSystem::REGISTRY_USER, "key", value));
+}
+
+bool NoteAsCall(KSystem::RegistryLevel, const KString&, const KString&) {
+    support::ScopedCalls::Current()->Note("write hook");
+    return true;
+}
+
+bool NoteAsCall(KSystem::RegistryLevel, const KString&, KString&) {
+    support::ScopedCalls::Current()->Note("read hook");
+    return true;
+}
+
+TEST_F(KSystemTest, AHookIsLookedUpUnderTheLockAndCalledWithoutIt) {
+    KSystem& system = *KSystem::Init();
+    system.SetRegistryHooks(NoteAsCall, NoteAsCall);
+    const KString key("key");
+    KString value;
+    {
+        const support::ScopedCalls calls;
+        EXPECT_TRUE(system.WriteRegistry(KSystem::REGISTRY_USER, key, value));
+        EXPECT_THAT(calls.Names(), testing::ElementsAre(support::kLock, support::kUnlock, "write hook"));
+    }
+    {
+        const support::ScopedCalls calls;
+        EXPECT_TRUE(system.ReadRegistry(KSystem::REGISTRY_USER, key, value));
+        EXPECT_THAT(calls.Names(), testing::ElementsAre(support::kLock, support::kUnlock, "read hook"));
+    }
 }
 
 TEST_F(KSystemTest, AHookMayUseTheSystem) {

@@ -1,5 +1,6 @@
 #include "KThread.h"
 
+#include <malloc.h>
 #include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
@@ -979,6 +980,27 @@ TEST(KThreadTest, APauseOrResumeOfAnotherThreadAtTheMomentOfAStopDoesNotUndoIt) 
     }
 }
 
+TEST(KThreadTest, APauseIsTrueWhileAnotherThreadLetsTheBodyGoOnAgainAndAgain) {
+    Body thread;
+    StartAndWait(thread);
+    std::atomic<bool> fgEnd{false};
+    std::thread resumer([&] {
+        for (int i = 0; i < 20000; ++i) {
+            thread.SetStatus(KThread::RUNNING);
+            thread.SetStatus(KThread::PAUSED);
+        }
+        fgEnd = true;
+    });
+    bool fgPaused = true;
+    while (fgPaused && !fgEnd) {
+        fgPaused = thread.Pause();
+    }
+    resumer.join();
+    EXPECT_TRUE(fgPaused);
+    EXPECT_TRUE(thread.IsPaused());
+    EXPECT_TRUE(thread.Stop());
+}
+
 TEST(KThreadTest, TheDestructorStopsARunningBodyAndWaitsForIt) {
     std::atomic<bool> fgEnded{false};
     {
@@ -994,6 +1016,18 @@ TEST(KThreadTest, TheDestructorStopsARunningBodyAndWaitsForIt) {
     }
     EXPECT_TRUE(fgEnded);
 }
+
+#if __GLIBC_PREREQ(2, 33)
+TEST(KThreadTest, TheDestructorGivesTheRecordBack) {
+    const auto makeAndDestroy = [] { KThread thread; };
+    makeAndDestroy();  // libc keeps the first record for the next.
+    const std::size_t nBefore = mallinfo2().uordblks;
+    for (int i = 0; i < 1000; ++i) {
+        makeAndDestroy();
+    }
+    EXPECT_EQ(mallinfo2().uordblks, nBefore);
+}
+#endif
 
 TEST(KThreadTest, TheBasesDestructorStopsADefaultLoop) {
     const ScopedChecks checks(true);

@@ -241,9 +241,10 @@ bool KFile::CreateTempFileName(KPath& out) {
     }
     char szName[kNameSize];
     const int nLen = std::snprintf(szName, kNameSize, "%s/%s", pszDirectory, kTemporaryName);
-    if (nLen < 0 || static_cast<std::size_t>(nLen) >= kNameSize || mktemp(szName) == nullptr) {
+    if (static_cast<std::size_t>(nLen) >= kNameSize) {
         return false;
     }
-    out = KString(szName);
+    // The same buffer, emptied where libc could make no name.
+    out = KString(mktemp(szName));
     return true;
 }

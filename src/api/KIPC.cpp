@@ -97,7 +97,7 @@ bool KIPC::Deinit(int nIndex) {
     KIPC*& pChannel = g_hIPC[0];
     if (pChannel != nullptr && !pChannel->IsCreated()) {
         pChannel->Close();
-        delete pChannel;
+        delete pChannel;  // GCOVR_EXCL_BR_LINE: delete asks once more whether there is one
         pChannel = nullptr;
     }
     return true;
@@ -189,7 +189,11 @@ bool KIPC::CreateSharedMemory() {
     int& nShared = m_pInternal->nShared;
     if (!m_fgServer) {
         nShared = shm_open(name.szName, O_RDONLY, kSharedMode);
-        return nShared != kNone && MapSharedMemory();
+        if (nShared == kNone) {
+            return false;
+        }
+        MapSharedMemory();
+        return true;
     }
     nShared = shm_open(name.szName, O_CREAT | O_EXCL | O_RDWR, kSharedMode);
     if (nShared != kNone) {
@@ -203,12 +207,13 @@ bool KIPC::CreateSharedMemory() {
             return false;
         }
     }
-    return MapSharedMemory();
+    MapSharedMemory();
+    return true;
 }
 
-/// Maps the object. A failure shows only in the address: the result is true. An object that is too short would be mapped
-/// too, and end the process when it is used.
-bool KIPC::MapSharedMemory() {
+/// Maps the object. A failure shows only in the address. An object that is too short would be mapped too, and end the
+/// process when it is used.
+void KIPC::MapSharedMemory() {
     const int nProtection = m_fgServer ? PROT_READ | PROT_WRITE : PROT_READ;
     m_pInternal->pMapped = IsMappable(m_pInternal->nShared)
                                ? mmap(nullptr, sizeof(IPCData), nProtection, MAP_SHARED, m_pInternal->nShared, 0)
@@ -216,7 +221,6 @@ bool KIPC::MapSharedMemory() {
     if (m_pInternal->pMapped == kNotMapped) {
         CloseSharedDescriptor();
     }
-    return true;
 }
 
 /// Makes the socket and the address of the socket file.

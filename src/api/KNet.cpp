@@ -182,7 +182,7 @@ struct SharedHost {
 
     static void Release(hostent* pEntry) {
         if (pEntry != nullptr && Of(pEntry)->nUsers.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-            delete Of(pEntry);
+            delete Of(pEntry);  // GCOVR_EXCL_BR_LINE: delete asks once more whether there is one
         }
     }
 
@@ -329,12 +329,18 @@ int KNet::GetSocket() const {
 
 /// Whether there is a record; sets the error where there is none.
 bool KNet::HasInfo(const char* pszSignature) {
-    return g_Checks.Hold(pInfo != nullptr, "pInfo", pszSignature) || Fail(NO_SOCKET);
+    if (!g_Checks.Hold(pInfo != nullptr, "pInfo", pszSignature)) {
+        return Fail(NO_SOCKET);
+    }
+    return true;
 }
 
 /// Whether there is a socket; sets the error where there is none.
 bool KNet::HasSocket() {
-    return pInfo->nSocket >= 0 || Fail(NO_SOCKET);
+    if (pInfo->nSocket < 0) {
+        return Fail(NO_SOCKET);
+    }
+    return true;
 }
 
 bool KNet::Fail(NetError eError) {
@@ -358,7 +364,10 @@ bool KNet::GetHostName() {
         SharedHost::Release(pInfo->pHost);
         pInfo->pHost = lookup.Entry() != nullptr ? SharedHost::Make(*lookup.Entry()) : nullptr;
     }
-    return pInfo->pHost != nullptr || Fail(HOST_NOT_FOUND);
+    if (pInfo->pHost == nullptr) {
+        return Fail(HOST_NOT_FOUND);
+    }
+    return true;
 }
 
 namespace {
@@ -430,7 +439,10 @@ bool KNet::PrepareCasting() {
             if (!fgUdp) {
                 return Fail(CASTING_NEEDS_UDP);
             }
-            return SetOption(pInfo->nSocket, IPPROTO_IP, IP_MULTICAST_LOOP, 0) || FailAndClose(MULTICAST_FAILED);
+            if (!SetOption(pInfo->nSocket, IPPROTO_IP, IP_MULTICAST_LOOP, 0)) {
+                return FailAndClose(MULTICAST_FAILED);
+            }
+            return true;
         case KNetInfo::BROADCAST:
             if (!fgUdp) {
                 return Fail(CASTING_NEEDS_UDP);
@@ -489,7 +501,10 @@ bool KNet::JoinGroup() {
 }
 
 bool KNet::BindTest() {
-    return Bind() && DeleteSocket();
+    if (!Bind()) {
+        return false;
+    }
+    return DeleteSocket();
 }
 
 bool KNet::Accept(KNet& client) {
@@ -543,7 +558,10 @@ bool KNet::SyncConnectWithBlock() {
     if (!HasInfo("bool KNet::SyncConnectWithBlock()") || !HasSocket()) {
         return false;
     }
-    return (SetTargetAddress() && Connect()) || FailAndClose(CONNECT_FAILED);
+    if (!SetTargetAddress() || !Connect()) {
+        return FailAndClose(CONNECT_FAILED);
+    }
+    return true;
 }
 
 bool KNet::SyncConnectWithTimedBlock(int nMilliseconds) {

@@ -64,9 +64,7 @@ KSystem& KSystem::operator=(const KSystem&) {
 
 /// May run any number of times on the one instance.
 KSystem::~KSystem() {
-    DiskInformation disk;
-    while (g_DiskInfo.Pop(disk, -1)) {
-    }
+    g_DiskInfo.Reset();
     const KString empty;
     g_HWInfo.m_strName = empty;
     g_HWInfo.m_strVersion = empty;
