@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdlib>
 
+#include "LeaveProcess.h"
+
 // Sanitizers have allocators of their own, which end the program where memory is lacking.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define KALVOREN_TESTS_OWN_ALLOCATOR
@@ -38,12 +40,16 @@ int InLittleMemory(Code code) {
 #else
     const pid_t nChild = fork();
     if (nChild == 0) {
-        const rlimit nothingMore = {1, 1};
+        rlimit before = {};
+        getrlimit(RLIMIT_AS, &before);
+        const rlimit nothingMore = {1, before.rlim_max};
         if (setrlimit(RLIMIT_AS, &nothingMore) != 0) {
-            _exit(kMemoryCannotBeLimited);
+            LeaveProcess(kMemoryCannotBeLimited);
         }
         void* volatile pProbe = std::malloc(static_cast<std::size_t>(kMuchMemory));
-        _exit(pProbe != nullptr ? kMemoryCannotBeLimited : code());
+        const int nResult = pProbe != nullptr ? kMemoryCannotBeLimited : code();
+        setrlimit(RLIMIT_AS, &before);
+        LeaveProcess(nResult);
     }
     int nStatus = 0;
     const bool fgExited = waitpid(nChild, &nStatus, 0) == nChild && WIFEXITED(nStatus);

@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "LeaveProcess.h"
+
 namespace support {
 
 /// A piece of code in a process of its own: a copy of this one that ends with the code, without exit handlers. An
@@ -30,7 +32,7 @@ class ChildProcess {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
             std::forward<Code>(code)();
             std::fflush(nullptr);
-            _exit(testing::Test::HasFailure() ? kFailed : kPassed);
+            LeaveProcess(testing::Test::HasFailure() ? kFailed : kPassed);
         }
         EXPECT_GT(m_nProcess, 0);
     }
