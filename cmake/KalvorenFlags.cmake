@@ -35,6 +35,8 @@ if(KALVOREN_COVERAGE)
   # The counters are updated atomically, or tests with threads lose counts.
   add_compile_options(--coverage -fprofile-update=atomic)
   add_link_options(--coverage)
+  # The parts of templates are functions of their own, counted once and not once for each place that they become part of.
+  add_compile_definitions(KALVOREN_INLINE=inline)
 endif()
 
 # kalvoren_harden(<target>): what makes a memory error in a device's software harder to use against it. Sanitizers and

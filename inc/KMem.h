@@ -140,7 +140,7 @@ class KALVOREN_API KMem {
     struct KALVOREN_LOCAL MemInfoContainer;
     static MemInfoContainer* g_pMemInfoContainer;
 
-    bool HasBytes() const { return m_nSize >= 1 && m_pBuf != nullptr; }
+    bool HasBytes() const { return m_nSize >= 1; }
     KALVOREN_LOCAL bool Take(const char* pFirst, int nFirst, const char* pSecond, int nSecond,
                              const char* pszSignature);
 

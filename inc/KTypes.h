@@ -16,8 +16,11 @@
 #define KALVOREN_LOCAL __attribute__((visibility("hidden")))
 
 /// Marks the small parts of a template whose larger operations the shared library exports: they become part of whatever
-/// calls them, in every build, so that no program needs a symbol for them.
+/// calls them, in every build, so that no program needs a symbol for them. (A build that counts how often each function
+/// runs keeps them apart: library and program together define it as `inline`.)
+#ifndef KALVOREN_INLINE
 #define KALVOREN_INLINE __attribute__((always_inline, visibility("hidden"))) inline
+#endif
 
 /// Lets the compiler check the arguments of a printf-like operation. Positions count from 1, and a member's hidden
 /// object argument counts as the first.

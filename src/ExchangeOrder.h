@@ -51,7 +51,7 @@ class PlaceCounts {
         return nSum;
     }
 
-    /// The place of the entry that has @p nBefore entries before it.
+    /// The place of the entry that has @p nBefore entries before it. There is such an entry.
     int Find(int nBefore) const {
         int nPlace = 0;
         for (int nStep = HighestBit(m_nSize); nStep > 0; nStep /= 2) {
@@ -66,7 +66,7 @@ class PlaceCounts {
  private:
     /// A node holds the entries of this many places, the last of which is its own: the lowest bit of its number.
     static int Span(int i) { return i & -i; }
-    static int HighestBit(int n) { return n > 0 ? 1 << (31 - __builtin_clz(static_cast<unsigned>(n))) : 0; }
+    static int HighestBit(int n) { return 1 << (31 - __builtin_clz(static_cast<unsigned>(n))); }
 
     int& Node(int i) { return m_pTree.get()[i]; }
     int Node(int i) const { return m_pTree.get()[i]; }

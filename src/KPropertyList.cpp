@@ -62,13 +62,13 @@ void KPropertyNode::DetachDoomed(KList<KPropertyNode*>::Appender& parents) {
     int nDoomed = (m_Children.GetCount() + 1) / 2;
     {
         KList<KPropertyNode*>::Reader children(m_Children);
-        for (KPropertyNode** ppChild = children.Next(); nDoomed > 0 && ppChild != nullptr; ppChild = children.Next()) {
-            if (*ppChild == nullptr || (*ppChild)->GetNodeCount() == 0) {
-                delete *ppChild;
+        for (; nDoomed > 0; --nDoomed) {
+            KPropertyNode* const pChild = *children.Next();
+            if (pChild == nullptr || pChild->GetNodeCount() == 0) {
+                delete pChild;
             } else {
-                parents.Add(*ppChild);
+                parents.Add(pChild);
             }
-            --nDoomed;
         }
     }
     m_Children.Reset();

@@ -1,7 +1,5 @@
 #include "KAssert.h"
 
-#include <unistd.h>
-
 #include <atomic>
 #include <climits>
 #include <cstdio>
@@ -13,6 +11,7 @@
 #include "KThread.h"
 #include "KTime.h"
 #include "support/Interpose.h"
+#include "support/LeaveProcess.h"
 #include "support/Support.h"
 
 namespace {
@@ -49,7 +48,7 @@ extern "C" __attribute__((noreturn)) void __assert_fail(const char* pszCondition
     if (g_fgShowReport) {
         std::fprintf(stderr, "{%s}{%s}{%s}{%s}\n", pszCondition, pszSource, nLine > 0 ? "line" : "no line",
                      pszSignature);
-        _exit(kReportedStatus);
+        support::LeaveProcess(kReportedStatus);
     }
     support::NextFunction(&__assert_fail, "__assert_fail")(pszCondition, pszSource, nLine, pszSignature);
     std::abort();  // not reached

@@ -363,6 +363,21 @@ TEST(KListTest, WhenTheChainEndsEarlyPopLowersTheCountAndRemovesNothing) {
     EXPECT_EQ(Values(list), (std::vector<int>{10, 20}));
 }
 
+TEST(KListTest, WhenTheChainEndsEarlyArrangeGetsTheElementsThatAreThere) {
+    const auto reverse = [](int** ppFirst, int nCount) { std::reverse(ppFirst, ppFirst + nCount); };
+    KList<int> list;
+    Fill(list, {10, 20, 30});
+    ClaimCount(list, 5);
+    EXPECT_TRUE(list.Arrange(reverse));
+    EXPECT_EQ(list.GetCount(), 5);
+    EXPECT_EQ(Values(list), (std::vector<int>{30, 20, 10}));
+    // No more than are counted, where there are more.
+    ClaimCount(list, 2);
+    EXPECT_TRUE(list.Arrange(reverse));
+    ClaimCount(list, 3);
+    EXPECT_EQ(Values(list), (std::vector<int>{20, 30, 10}));
+}
+
 TEST(KListTest, WhenTheChainEndsEarlyResetLeavesAnEmptyList) {
     KList<int> list;
     Fill(list, {10, 20});
@@ -610,6 +625,7 @@ TEST(KListTest, ArrangingAnEmptyListDoesNothing) {
 TEST(KListTest, WhereMemoryIsLackingAddAndArrangeAreFalseAndTheListStaysAsItIs) {
     KList<int> list;
     Fill(list, {1, 2, 3});
+    const auto reverse = [](int** ppFirst, int nCount) { std::reverse(ppFirst, ppFirst + nCount); };
     const int nStep = support::InLittleMemory([&] {
         constexpr int kEnough = 100000000;
         int nAdded = 0;
@@ -625,11 +641,13 @@ TEST(KListTest, WhereMemoryIsLackingAddAndArrangeAreFalseAndTheListStaysAsItIs) 
         if (list.Add(4) || list.GetCount() != 3 + nAdded) {
             return 2;
         }
-        if (list.Arrange([](int** ppFirst, int nCount) { std::reverse(ppFirst, ppFirst + nCount); })) {
+        if (list.Arrange(reverse)) {
             return 3;
         }
         return *list[2] == 3 ? 0 : 4;
     });
+    EXPECT_TRUE(list.Arrange(reverse));
+    EXPECT_EQ(Values(list), (std::vector<int>{3, 2, 1}));
     if (nStep == support::kMemoryCannotBeLimited) {
         GTEST_SKIP() << "memory cannot be limited here";
     }

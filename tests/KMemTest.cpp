@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/FailingNew.h"
+#include "support/LittleMemory.h"
 #include "support/Sanitizers.h"
 #include "support/Support.h"
 
@@ -57,6 +58,26 @@ template struct Opened<&KMem::g_pMemInfoContainer>;
 /// The registry, or null.
 const Record* Registry() {
     return static_cast<const Record*>(RegistryAddress());
+}
+
+/// What lies behind the record for objects and once more for blocks: which slots are taken, in three levels of bits, and
+/// a table of cells by which pointers are found.
+struct Finder {
+    std::uint64_t words[kSlots / 64];
+    std::uint64_t groups[kSlots / 64 / 64];
+    std::uint64_t nTop;
+    std::int32_t cells[1 << 18];
+};
+
+struct WholeRegistry {
+    Record record;
+    Finder objects;
+    Finder blocks;
+};
+
+/// The registry to be changed as threads without a lock change it: what one has noted, another one overwrites.
+WholeRegistry& RacedRegistry() {
+    return *static_cast<WholeRegistry*>(const_cast<void*>(RegistryAddress()));
 }
 
 /// The registry as it is described: plain arrays that are searched from the start.
@@ -280,6 +301,32 @@ TEST_F(KMemTest, EveryFirstEntryMakesTheRegistry) {
         KMem::Remove(AsObject(Address(1)));
         Drop();
     }
+}
+
+TEST_F(KMemTest, WithoutMemoryForTheRegistryNothingIsEnteredAndWithTheChecksOffAllElseWorks) {
+    const int nStep = support::InLittleMemory([] {
+        // The heap may still hold enough.
+        void* volatile pTaken = nullptr;
+        for (std::size_t nSize = sizeof(WholeRegistry); nSize > 1000; nSize /= 2) {
+            do {
+                pTaken = std::malloc(nSize);
+            } while (pTaken != nullptr);
+        }
+        if (KMem::Init() || KMem::Add(AsObject(Address(1))) || KMem::AddForNonClass(Address(1), 1)) {
+            return 1;
+        }
+        void* pBlock = KMem::Malloc(3);
+        if (pBlock == nullptr || Registry() != nullptr) {
+            return 2;
+        }
+        KMem::Free(&pBlock);
+        const KMem mem;
+        return pBlock == nullptr && mem.GetSize() == 0 && Registry() == nullptr ? 0 : 3;
+    });
+    if (nStep == support::kMemoryCannotBeLimited) {
+        GTEST_SKIP() << "memory cannot be limited here";
+    }
+    EXPECT_EQ(nStep, 0);
 }
 
 TEST_F(KMemTest, RemovingMakesNoRegistryAndIsNotFoundWithoutOne) {
@@ -575,6 +622,83 @@ TEST_F(KMemTest, EntriesFromSeveralThreadsWithoutALockLoseNothingButEntries) {
     EXPECT_TRUE(std::all_of(std::begin(Registry()->objects), std::end(Registry()->objects),
                             [](const void* p) { return p == nullptr; }));
     LeakReport();
+}
+
+// ------------------------------------------------------------------------- Registry: what threads without a lock leave
+
+TEST_F(KMemTest, WhatFindsSlotsLiesBehindTheRecord) {
+    KMem::AddForNonClass(Address(1), 1);
+    KMem::AddForNonClass(Address(2), 1);
+    const Finder& blocks = RacedRegistry().blocks;
+    EXPECT_EQ(blocks.words[0], 3u);
+    EXPECT_EQ(std::count(std::begin(blocks.cells), std::end(blocks.cells), 0), (1 << 18) - 2);
+    EXPECT_EQ(std::accumulate(std::begin(blocks.cells), std::end(blocks.cells), 0), 1 + 2);
+    EXPECT_EQ(RacedRegistry().objects.words[0], 0u);
+    KMem::Add(AsObject(Address(1)));
+    EXPECT_EQ(RacedRegistry().objects.words[0], 1u);
+    KMem::Remove(AsObject(Address(1)));
+}
+
+TEST_F(KMemTest, AnEntryWhoseCellWasLostIsStillFoundAndRemoved) {
+    for (int i = 0; i < 3; ++i) {
+        KMem::Add(AsObject(Address(i)));
+        KMem::AddForNonClass(Address(i), 1);
+    }
+    for (Finder* const pFinder : {&RacedRegistry().objects, &RacedRegistry().blocks}) {
+        std::fill(std::begin(pFinder->cells), std::end(pFinder->cells), 0);
+    }
+    for (const int i : {1, 2, 0}) {
+        EXPECT_TRUE(KMem::Remove(AsObject(Address(i))));
+        EXPECT_FALSE(KMem::Remove(AsObject(Address(i))));
+        EXPECT_EQ(Registry()->objects[i], nullptr);
+        EXPECT_TRUE(KMem::RemoveForNonClass(Address(i)));
+        EXPECT_FALSE(KMem::RemoveForNonClass(Address(i)));
+        EXPECT_EQ(Registry()->blocks[i], nullptr);
+    }
+    EXPECT_EQ(Registry()->nCount, 0);
+    EXPECT_EQ(RacedRegistry().blocks.words[0], 0u) << "the slots can be taken again";
+}
+
+TEST_F(KMemTest, EveryWalkEndsWhereNoCellIsFree) {
+    KMem::Init();
+    auto& cells = RacedRegistry().blocks.cells;
+    const auto loseAll = [&cells] { std::fill(std::begin(cells), std::end(cells), 1); };
+    loseAll();
+    EXPECT_TRUE(KMem::AddForNonClass(Address(1), 1));
+    EXPECT_TRUE(KMem::AddForNonClass(Address(2), 1));
+    loseAll();
+    EXPECT_FALSE(KMem::RemoveForNonClass(Address(3)));
+    EXPECT_TRUE(KMem::RemoveForNonClass(Address(2))) << "of no cell";
+    EXPECT_EQ(Registry()->blocks[1], nullptr);
+    EXPECT_TRUE(KMem::AddForNonClass(Address(4), 1));
+    EXPECT_EQ(Registry()->blocks[1], Address(4));
+    EXPECT_TRUE(KMem::RemoveForNonClass(Address(4))) << "of one cell";
+    EXPECT_EQ(Registry()->blocks[1], nullptr);
+    EXPECT_TRUE(KMem::RemoveForNonClass(Address(1)));
+    EXPECT_EQ(Registry()->nCount, 0);
+}
+
+TEST_F(KMemTest, AnEntryGoesOnBehindAFullWordThatIsNotNotedAsFull) {
+    KMem::Init();
+    RacedRegistry().blocks.words[0] = ~std::uint64_t{0};
+    EXPECT_TRUE(KMem::AddForNonClass(Address(1), 1));
+    EXPECT_EQ(Registry()->blocks[64], Address(1));
+}
+
+TEST_F(KMemTest, AFullRegistryRefusesEntriesAlsoWhereItIsNotNotedAsFull) {
+    Fill();
+    for (Finder* const pFinder : {&RacedRegistry().objects, &RacedRegistry().blocks}) {
+        pFinder->nTop &= ~(std::uint64_t{1} << 24);
+    }
+    EXPECT_FALSE(KMem::Add(AsObject(Address(kSlots))));
+    EXPECT_FALSE(KMem::AddForNonClass(Address(kSlots), 1));
+    for (Finder* const pFinder : {&RacedRegistry().objects, &RacedRegistry().blocks}) {
+        pFinder->groups[24] &= ~(std::uint64_t{1} << 63);
+    }
+    EXPECT_FALSE(KMem::Add(AsObject(Address(kSlots))));
+    EXPECT_FALSE(KMem::AddForNonClass(Address(kSlots), 1));
+    EXPECT_EQ(Registry()->nCount, 2 * kSlots);
+    RemoveObjects();
 }
 
 // ------------------------------------------------------------------------------------------------------- The leak report

@@ -338,6 +338,23 @@ TEST(KMessageTest, AHandlerUnderTwoNamesReceivesWhatIsSentToEither) {
     EXPECT_THAT(notes, ElementsAre("L:1", "L:2", "L:4"));
 }
 
+TEST(KMessageTest, NamesThatEndAlikeAreDifferentNames) {
+    Listener::Notes notes;
+    Listener listener("L", notes);
+    // Eight bytes at the end are the same; two of them have the same length.
+    const char* const names[] = {"KMessageTest/a/door/open", "KMessageTest/b/door/open", "KMessageTest/door/open",
+                                 "oor/open"};
+    for (const char* const pszRegistered : names) {
+        listener.Register(pszRegistered);
+        for (const char* const pszSent : names) {
+            notes.clear();
+            Send(pszSent, "1");
+            EXPECT_EQ(notes.size(), pszSent == pszRegistered ? 1u : 0u) << pszRegistered << ' ' << pszSent;
+        }
+        EXPECT_TRUE(listener.Unregister(pszRegistered));
+    }
+}
+
 TEST(KMessageTest, UnregisteringNeedsBothTheHandlerAndTheName) {
     Listener::Notes notes;
     Listener a("a", notes);

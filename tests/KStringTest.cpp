@@ -1,5 +1,8 @@
 #include "KString.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <climits>
 #include <clocale>
@@ -17,6 +20,7 @@
 #include "KDebug.h"
 #include "KMem.h"
 #include "support/LittleMemory.h"
+#include "support/Sanitizers.h"
 #include "support/Support.h"
 
 using namespace std::string_literals;
@@ -65,6 +69,49 @@ KString Cut() {
     text.Sprintf("%s", std::string(kCutLength, 'x').c_str());
     return text;
 }
+
+/// A text of gigabytes that takes hardly any memory: the same few pages again and again.
+class EndlessText {
+ public:
+    explicit EndlessText(std::size_t nLength) {
+        const std::size_t nPieces = nLength / kPiece + 1;
+        m_nSize = nPieces * kPiece;
+        void* const pRoom = mmap(nullptr, m_nSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        const int nFile = memfd_create("text", MFD_CLOEXEC);
+        m_pszText = pRoom != MAP_FAILED ? static_cast<char*>(pRoom) : nullptr;
+        bool fgMade = m_pszText != nullptr && ftruncate(nFile, kPiece) == 0;
+        for (std::size_t i = 0; i < nPieces && fgMade; ++i) {
+            // The last piece has a NUL in it, so that it is its own.
+            const int nKind = i + 1 < nPieces ? MAP_SHARED : MAP_PRIVATE;
+            fgMade =
+                mmap(m_pszText + i * kPiece, kPiece, PROT_READ | PROT_WRITE, nKind | MAP_FIXED, nFile, 0) != MAP_FAILED;
+        }
+        close(nFile);
+        if (fgMade) {
+            std::memset(m_pszText, 'x', kPiece);
+            m_pszText[nLength] = '\0';
+        } else if (m_pszText != nullptr) {
+            munmap(m_pszText, m_nSize);
+            m_pszText = nullptr;
+        }
+    }
+    ~EndlessText() {
+        if (m_pszText != nullptr) {
+            munmap(m_pszText, m_nSize);
+        }
+    }
+    EndlessText(const EndlessText&) = delete;
+    EndlessText& operator=(const EndlessText&) = delete;
+
+    /// Null where there are not enough addresses for it.
+    const char* Text() const { return m_pszText; }
+
+ private:
+    static constexpr std::size_t kPiece = 16 << 20;
+
+    std::size_t m_nSize;
+    char* m_pszText;
+};
 
 /// Sets the locale for the length of a block.
 class ScopedLocale {
@@ -361,6 +408,20 @@ TEST(KStringTest, ATextOutOfItsOwnBufferCanBeAppended) {
     EXPECT_EQ(Bytes(text), "hellolohellolo");
     text += text.GetBuffer() + text.Length();
     EXPECT_EQ(Bytes(text), "hellolohellolo");
+}
+
+TEST(KStringTest, WhatWouldMakeTheStringLongerThanALengthCanTellIsNotAppended) {
+    if (KALVOREN_WITH_TSAN != 0) {
+        GTEST_SKIP() << "the thread sanitizer notes every byte that is read, in memory of its own";
+    }
+    const EndlessText endless(INT_MAX - 2);
+    if (endless.Text() == nullptr) {
+        GTEST_SKIP() << "there are not enough addresses here";
+    }
+    ASSERT_EQ(KString::LengthOfString(endless.Text()), INT_MAX - 2);
+    KString text("ab");
+    text += endless.Text();
+    EXPECT_EQ(Bytes(text), "ab");
 }
 
 TEST(KStringTest, TheSumIsANewString) {
@@ -943,9 +1004,9 @@ TEST(KStringTest, AllocAndCopyCopiesTheTextOrOneByteMoreThanTheCount) {
     }
 }
 
-TEST(KStringTest, AllocAndCopyOfNoBytesIsFalseAndLeavesNull) {
+TEST(KStringTest, AllocAndCopyOfNoBytesOrOfMoreThanCanBeAllocatedIsFalseAndLeavesNull) {
     char text[] = "abc";
-    for (const int nCount : {-2, -3, INT_MIN, INT_MAX}) {
+    for (const int nCount : {-2, -3, INT_MIN, INT_MAX, INT_MAX - 1, INT_MAX / 4}) {
         char* pCopy = text;
         EXPECT_FALSE(KString::AllocAndCopy(&pCopy, text, nCount)) << nCount;
         EXPECT_EQ(pCopy, nullptr) << nCount;
@@ -971,6 +1032,7 @@ TEST(KStringTest, AllocAndCopyAllocatesFourBytesForEachByteCopiedAndEntersThemIn
 TEST(KStringTest, FreeingNoAllocatedTextIsTrue) {
     char* pNone = nullptr;
     EXPECT_TRUE(KString::FreeAllocedString(&pNone));
+    EXPECT_TRUE(KString::FreeAllocedString(nullptr));
 }
 
 TEST(KStringTest, CopyWritesANulBehindTheBytesItCopies) {
@@ -1286,6 +1348,10 @@ TEST(KStringTest, ReplacesEveryByteWithinTheLength) {
     EXPECT_EQ(Bytes(text), "a+b\0+c"s);
     EXPECT_TRUE(text.Replace('\0', '.'));
     EXPECT_EQ(Bytes(text), "a+b.+c");
+    EXPECT_TRUE(text.Replace('c', 'a'));
+    EXPECT_EQ(Bytes(text), "a+b.+a") << "up to the last byte";
+    EXPECT_TRUE(text.Replace('a', 'a'));
+    EXPECT_EQ(Bytes(text), "a+b.+a");
     KString high("\xFF\xE9");
     EXPECT_TRUE(high.Replace('\xFF', 'y'));
     EXPECT_EQ(Bytes(high), "y\xE9");
@@ -1327,6 +1393,17 @@ TEST(KStringTest, ReplacingATextIsFalseWhenThereIsNothingToLookForOrToPutIn) {
     EXPECT_FALSE(text.Replace("", "x"));
     EXPECT_EQ(text.GetBuffer(), pszBefore);
     EXPECT_EQ(Bytes(text), "banana");
+}
+
+TEST(KStringTest, ReplacingATextIsFalseWhenTheResultWouldBeLongerThanALengthCanTell) {
+    const std::string source(1 << 20, 'x');
+    KString text(source.c_str());
+    // 4,294,967,296 bytes: more than an int holds, and 0 in an unsigned int.
+    EXPECT_FALSE(text.Replace("x", std::string(4096, 'y').c_str()));
+    EXPECT_TRUE(Bytes(text) == source);
+    // 2,147,483,648 bytes.
+    EXPECT_FALSE(text.Replace("x", std::string(2048, 'y').c_str()));
+    EXPECT_TRUE(Bytes(text) == source);
 }
 
 TEST(KStringTest, ReplacingATextInAnEmptyStringIsTrueAndLeavesItEmpty) {

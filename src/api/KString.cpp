@@ -370,23 +370,38 @@ KString KString::FromWideString(const wchar_t* p) {
     return result;
 }
 
+namespace {
+
+/// Renders a text into a new block, cut where it does not fit, and stores its count of characters as `vsnprintf` tells
+/// it. Null, with the count as it was, when the memory is lacking.
+tchar* Format(int nCapacity, int& nCount, const char* format, va_list arguments) {
+    const std::size_t nSize = static_cast<std::size_t>(nCapacity);
+    tchar* const pszText = Allocate(nSize);
+    if (pszText != nullptr) {
+        nCount = std::vsnprintf(pszText, nSize, format, arguments);
+    }
+    return pszText;
+}
+
+}  // namespace
+
 int KString::Sprintf(const char* format, ...) {
     int nCapacity = kFormatCapacity;
     int nCount = 0;
-    tchar* pszText = nullptr;
-    // The same arguments give the same count, so that an exact fit happens once at the most.
-    for (bool fgExact = true; fgExact;) {
+    va_list arguments;
+    va_start(arguments, format);
+    tchar* pszText = Format(nCapacity, nCount, format, arguments);
+    va_end(arguments);
+    if (nCount == nCapacity) {
+        // The same arguments give the same count: once more is enough.
         std::free(pszText);
-        pszText = Allocate(static_cast<std::size_t>(nCapacity));
-        if (pszText == nullptr) {
-            return 0;
-        }
-        va_list arguments;
+        nCapacity *= kFormatGrowth;
         va_start(arguments, format);
-        nCount = std::vsnprintf(pszText, static_cast<std::size_t>(nCapacity), format, arguments);
+        pszText = Format(nCapacity, nCount, format, arguments);
         va_end(arguments);
-        fgExact = nCount == nCapacity && nCapacity == kFormatCapacity;
-        nCapacity *= fgExact ? kFormatGrowth : 1;
+    }
+    if (pszText == nullptr) {
+        return 0;
     }
     tchar* const pszFitted =
         nCount > 0 ? static_cast<tchar*>(std::realloc(pszText, static_cast<std::size_t>(nCount) + 1)) : nullptr;
