@@ -29,9 +29,6 @@
 
 namespace {
 
-constexpr int kNoLines = 3;
-constexpr int kAllLines = 0;
-
 /// The figure behind a comparison's name: where the line goes.
 enum Target : std::int64_t { TO_NULL = 0, TO_FILE = 1 };
 
@@ -152,10 +149,19 @@ void MessageGlib(benchmark::State& state) {
     const Redirected redirected(state);
     int nStream = 0;
     for (auto _ : state) {
-        g_log(G_LOG_DOMAIN, G_LOG_LEVEL_WARNING, kFormat, ++nStream, kText);
+        g_message(kFormat, ++nStream, kText);
     }
 }
-BENCHMARK(MessageGlib)->Name("log a line without a stamp|GLib: g_warning")->Apply(Targets);
+BENCHMARK(MessageGlib)->Name("log a line with a stamp|GLib: g_message")->Apply(Targets);
+
+void LineGlib(benchmark::State& state) {
+    const Redirected redirected(state);
+    int nStream = 0;
+    for (auto _ : state) {
+        g_printerr("Error****: stream %d: %s\n", ++nStream, kText);
+    }
+}
+BENCHMARK(LineGlib)->Name("log a line without a stamp|GLib: g_printerr")->Apply(Targets);
 #endif
 
 #ifdef KALVOREN_PEER_POCO

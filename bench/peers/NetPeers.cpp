@@ -81,6 +81,28 @@ void RecordLimit(benchmark::State& state) {
 }
 BENCHMARK(RecordLimit)->Name("a 520-byte record there and back|limit: send, recv");
 
+#ifdef KALVOREN_PEER_POCO
+void RecordPoco(benchmark::State& state) {
+    const ScratchDirectory directory;
+    Poco::Net::ServerSocket server;
+    const Poco::Net::SocketAddress address(Poco::Net::SocketAddress::UNIX_LOCAL, directory.Path() + "/socket");
+    server.bind(address);
+    server.listen();
+    Poco::Net::StreamSocket client(address);
+    Poco::Net::StreamSocket peer = server.acceptConnection();
+    char record[520] = {};
+    constexpr int kSize = sizeof record;
+    for (auto _ : state) {
+        int nSum = client.sendBytes(record, kSize) + peer.receiveBytes(record, kSize);
+        nSum += peer.sendBytes(record, kSize) + client.receiveBytes(record, kSize);
+        if (nSum != 4 * kSize) {
+            state.SkipWithError("bytes were lost");
+        }
+    }
+}
+BENCHMARK(RecordPoco)->Name("a 520-byte record there and back|POCO");
+#endif
+
 // ------------------------------------------------------------------------------------------------------------ TCP
 
 /// Each kind of connection has the two ends as sockets, and `Echo` and `Pass`, which move so many bytes.

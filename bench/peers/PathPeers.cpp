@@ -39,11 +39,29 @@ BENCHMARK(JoinStd)->Name("join a directory and a name|std::filesystem");
 void SplitKalvoren(benchmark::State& state) {
     const KPath path(kPath);
     for (auto _ : state) {
+        const KPath name = path.GetSubPath();
+        benchmark::DoNotOptimize(name.GetPath().GetBuffer());
+    }
+}
+BENCHMARK(SplitKalvoren)->Name("the name at a path's end|Kalvoren");
+
+void StemKalvoren(benchmark::State& state) {
+    const KPath path(kPath);
+    for (auto _ : state) {
         const KString name = path.GetNameOnly();
         benchmark::DoNotOptimize(name.GetBuffer());
     }
 }
-BENCHMARK(SplitKalvoren)->Name("the name at a path's end|Kalvoren");
+BENCHMARK(StemKalvoren)->Name("the name without its extension|Kalvoren");
+
+void DirectoryKalvoren(benchmark::State& state) {
+    const KPath path(kPath);
+    for (auto _ : state) {
+        const KString directory = path.GetRootOnly();
+        benchmark::DoNotOptimize(directory.GetBuffer());
+    }
+}
+BENCHMARK(DirectoryKalvoren)->Name("the directory of a path|Kalvoren");
 
 void SplitStd(benchmark::State& state) {
     const std::filesystem::path path(kPath);
@@ -53,6 +71,24 @@ void SplitStd(benchmark::State& state) {
     }
 }
 BENCHMARK(SplitStd)->Name("the name at a path's end|std::filesystem");
+
+void StemStd(benchmark::State& state) {
+    const std::filesystem::path path(kPath);
+    for (auto _ : state) {
+        const std::filesystem::path name = path.stem();
+        benchmark::DoNotOptimize(name.c_str());
+    }
+}
+BENCHMARK(StemStd)->Name("the name without its extension|std::filesystem");
+
+void DirectoryStd(benchmark::State& state) {
+    const std::filesystem::path path(kPath);
+    for (auto _ : state) {
+        const std::filesystem::path directory = path.parent_path();
+        benchmark::DoNotOptimize(directory.c_str());
+    }
+}
+BENCHMARK(DirectoryStd)->Name("the directory of a path|std::filesystem");
 
 void ParentKalvoren(benchmark::State& state) {
     for (auto _ : state) {
@@ -132,7 +168,9 @@ void ParentGlib(benchmark::State& state) {
         g_free(pszParent);
     }
 }
+// There is no path object: to the library's two jobs this is the one.
 BENCHMARK(ParentGlib)->Name("make a path and go up|GLib");
+BENCHMARK(ParentGlib)->Name("the directory of a path|GLib");
 
 void SystemGlib(benchmark::State& state) {
     for (auto _ : state) {
@@ -162,6 +200,24 @@ void SplitPoco(benchmark::State& state) {
     }
 }
 BENCHMARK(SplitPoco)->Name("the name at a path's end|POCO");
+
+void StemPoco(benchmark::State& state) {
+    const Poco::Path path(kPath);
+    for (auto _ : state) {
+        const std::string name = path.getBaseName();
+        benchmark::DoNotOptimize(name.data());
+    }
+}
+BENCHMARK(StemPoco)->Name("the name without its extension|POCO");
+
+void DirectoryPoco(benchmark::State& state) {
+    const Poco::Path path(kPath);
+    for (auto _ : state) {
+        const std::string directory = path.parent().toString();
+        benchmark::DoNotOptimize(directory.data());
+    }
+}
+BENCHMARK(DirectoryPoco)->Name("the directory of a path|POCO");
 
 void ParentPoco(benchmark::State& state) {
     for (auto _ : state) {

@@ -24,6 +24,10 @@ inline std::string TextOf(std::int64_t nSize) {
     return text;
 }
 
+/// A level of the log.
+constexpr int kNoLines = 3;
+constexpr int kAllLines = 0;
+
 /// A directory of the program's own below the one for temporary files, gone with everything in it at the end.
 class ScratchDirectory {
  public:

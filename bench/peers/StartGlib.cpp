@@ -1,6 +1,10 @@
 // Does with GLib what GLib programs begin with: a main context and its end.
 #include <glib.h>
 
-int main() {
-    g_main_context_unref(g_main_context_new());
+#include "Start.h"
+
+int main(int argc, char** argv) {
+    GMainContext* pContext = nullptr;
+    return StartAndStop(
+        argc, argv, [&] { pContext = g_main_context_new(); }, [&] { g_main_context_unref(pContext); });
 }

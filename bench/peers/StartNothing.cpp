@@ -1,6 +1,10 @@
 // A program that needs the language's library and does nothing.
 #include <iostream>
 
-int main() {
-    return std::cout.good() ? 0 : 1;
+#include "Start.h"
+
+int main(int argc, char** argv) {
+    return std::cout.good() ? StartAndStop(
+                                  argc, argv, [] {}, [] {})
+                            : 1;
 }

@@ -1,0 +1,42 @@
+// What the programs share that start a library and stop it.
+#ifndef KALVOREN_BENCH_START_H
+#define KALVOREN_BENCH_START_H
+
+#include <cstdio>
+#include <cstring>
+
+/// The process's memory that is there, in KiB, as the kernel adds it up; -1 where it does not.
+inline long ResidentKilobytes() {
+    std::FILE* const pSums = std::fopen("/proc/self/smaps_rollup", "r");
+    long nKilobytes = -1;
+    char szLine[256];
+    while (pSums != nullptr && std::fgets(szLine, sizeof szLine, pSums) != nullptr) {
+        if (std::sscanf(szLine, "Rss: %ld", &nKilobytes) == 1) {
+            break;
+        }
+    }
+    if (pSums != nullptr) {
+        std::fclose(pSums);
+    }
+    return nKilobytes;
+}
+
+/// A program's main function. With the argument --memory it prints the memory before the library is started, while it is
+/// and after it was stopped.
+template <class Start, class Stop>
+int StartAndStop(int argc, char** argv, Start start, Stop stop) {
+    if (argc != 2 || std::strcmp(argv[1], "--memory") != 0) {
+        start();
+        stop();
+        return 0;
+    }
+    ResidentKilobytes();  // What looking costs is there from now on.
+    const long nBefore = ResidentKilobytes();
+    start();
+    const long nStarted = ResidentKilobytes();
+    stop();
+    std::printf("%ld %ld %ld\n", nBefore, nStarted, ResidentKilobytes());
+    return 0;
+}
+
+#endif  // KALVOREN_BENCH_START_H
