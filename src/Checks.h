@@ -11,8 +11,15 @@ class Checks {
     explicit constexpr Checks(const char* pszSource) : m_pszSource(pszSource) {}
 
     /// Returns @p fgHolds, so that the caller can take its quiet way where it does not hold and the checks are off.
-    bool Hold(bool fgHolds, const char* pszCondition, const char* pszSignature,
-              unsigned int nLine = __builtin_LINE()) const {
+    ///
+    /// Where size is what counts a compiler would rather call it: four arguments made ready, and a jump, to learn that a
+    /// pointer is not null. Inlined, the file is no larger.
+#ifdef __OPTIMIZE__
+    [[gnu::always_inline]]
+#endif
+    bool
+    Hold(bool fgHolds, const char* pszCondition, const char* pszSignature,
+         unsigned int nLine = __builtin_LINE()) const {
         if (__builtin_expect(!fgHolds, 0)) {
             Report(pszCondition, pszSignature, nLine);
         }
