@@ -3,7 +3,6 @@
 
 Runs the camera from the directory PROGRAMS for MINUTES with clients that come and go; see scripts/soak.
 """
-import http.client
 import json
 import os
 import random
@@ -11,18 +10,15 @@ import re
 import socket
 import subprocess
 import sys
-import tempfile
 import threading
 import time
+
+from camera_process import CameraProcess, fail
 
 CLIENTS = 8
 WARM_UP = 120  # seconds until what the camera has is what it needs
 LONGEST_VISIT = 6.0  # seconds
 MOST_GROWTH = 512  # KB; in the ten minutes behind the figures in docs/camera.md it was 63
-
-
-def fail(message):
-    sys.exit(f"soak-camera: {message}")
 
 
 class Tally:
@@ -40,38 +36,15 @@ class Tally:
         return self.counts.get(what, 0)
 
 
-class Soak:
+class Soak(CameraProcess):
     def __init__(self, programs, configuration, suppressions):
-        self.programs, self.tally, self.ending = os.path.abspath(programs), Tally(), threading.Event()
-        self.directory = tempfile.TemporaryDirectory()
-        with open(configuration, encoding="utf-8") as file:
-            text = file.read()
-        text = re.sub(r"(<key>Channel</key>\s*<integer>)\d+", rf"\g<1>{100 + os.getpid() % 800}", text)
-        text = re.sub(r"(<key>SegmentSeconds</key>\s*<integer>)\d+", r"\g<1>10", text)
-        text = re.sub(r"(<key>LimitKilobytes</key>\s*<integer>)\d+", r"\g<1>20000", text)
-        with open(os.path.join(self.directory.name, "camera.plist"), "w", encoding="utf-8") as file:
-            file.write(text)
         suppressions = os.path.abspath(suppressions)
-        self.environment = dict(os.environ,
-                                LSAN_OPTIONS=f"print_suppressions=0:suppressions={suppressions}/lsan.supp",
-                                TSAN_OPTIONS=f"suppressions={suppressions}/tsan.supp")
-        self.log = open(os.path.join(self.directory.name, "log"), "w+", encoding="utf-8", errors="replace")
-        self.camera = self.start("camera", "--port", "0", stdout=subprocess.PIPE, stderr=self.log, text=True)
-        line = self.camera.stdout.readline()
-        if not line.startswith("camera: http"):
-            fail("the camera does not start: " + self.read_log())
-        with open(f"/proc/{self.camera.pid}/maps", encoding="utf-8") as file:
+        super().__init__(programs, configuration, {"SegmentSeconds": 10, "LimitKilobytes": 20000},
+                         dict(os.environ, LSAN_OPTIONS=f"print_suppressions=0:suppressions={suppressions}/lsan.supp",
+                              TSAN_OPTIONS=f"suppressions={suppressions}/tsan.supp"))
+        self.tally, self.ending = Tally(), threading.Event()
+        with open(f"/proc/{self.process.pid}/maps", encoding="utf-8") as file:
             self.sanitized = re.search(r"/lib[at]san\.so", file.read()) is not None
-        self.port = int(line.rstrip("/\n").rsplit(":", 1)[1])
-
-    def start(self, program, *arguments, **options):
-        return subprocess.Popen([os.path.join(self.programs, program), *arguments], cwd=self.directory.name,
-                                env=self.environment, **options)
-
-    def read_log(self):
-        self.log.flush()
-        with open(self.log.name, encoding="utf-8", errors="replace") as file:
-            return file.read()
 
     def control(self, *words):
         """Sends a command as camera-ctl does. Returns its answer; one that is missing counts."""
@@ -85,15 +58,9 @@ class Soak:
         return answer
 
     def get(self, path):
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
-        try:
-            connection.request("GET", path)
-            response = connection.getresponse()
-            body = response.read()
-            self.tally.add("requests answered" if response.status == 200 else f"status {response.status}")
-            return body
-        finally:
-            connection.close()
+        status, body = self.request(path)
+        self.tally.add("requests answered" if status == 200 else f"status {status}")
+        return body
 
     def watch(self):
         """A client of the stream: joins, reads for a while, slowly at times, and leaves."""
@@ -137,12 +104,6 @@ class Soak:
                     print(f"{work.__name__}: {error!r}")
         return run
 
-    def usage(self):
-        """Resident memory in KB, descriptors, threads."""
-        with open(f"/proc/{self.camera.pid}/status", encoding="ascii") as file:
-            status = dict(line.split(":", 1) for line in file)
-        return int(status["VmRSS"].split()[0]), len(os.listdir(f"/proc/{self.camera.pid}/fd")), int(status["Threads"])
-
 
 def wait_until_all_left(soak):
     """Waits until no client's descriptor is left but that of the question. Returns the usage then."""
@@ -160,24 +121,24 @@ def run(soak, seconds):
         thread.start()
     samples = []
     began = time.monotonic()
-    while time.monotonic() - began < seconds and soak.camera.poll() is None:
+    while time.monotonic() - began < seconds and soak.is_running():
         time.sleep(1)
-        if soak.camera.poll() is None:
+        if soak.is_running():
             samples.append((time.monotonic() - began, *soak.usage()))
         if len(samples) % 60 == 0 and samples:
             _, rss, descriptors, running = samples[-1]
             print(f"{len(samples) // 60:3} min  {rss} KB resident  {descriptors} descriptors  {running} threads  "
                   f"{soak.tally['visits']} visits  {soak.tally['commands answered']} commands", flush=True)
-    status = json.loads(soak.get("/status.json")) if soak.camera.poll() is None else None
+    status = json.loads(soak.get("/status.json")) if soak.is_running() else None
     soak.ending.set()
     for thread in threads:
         thread.join()
     if status is None:
-        fail(f"the camera ended with {soak.camera.returncode}: {soak.read_log()}")
+        fail(f"the camera ended with {soak.process.returncode}: {soak.read_log()}")
     rest = wait_until_all_left(soak)
     final = json.loads(soak.get("/status.json"))
     soak.control("stop")
-    return samples, status, before, rest, final, soak.camera.wait(60)
+    return samples, status, before, rest, final, soak.process.wait(60)
 
 
 def mean(values):
@@ -201,8 +162,8 @@ def main():
         samples, status, before, rest, final, code = run(soak, minutes * 60)
     finally:
         soak.ending.set()
-        if soak.camera.poll() is None:
-            soak.camera.kill()
+        if soak.is_running():
+            soak.process.kill()
     tally, faults = soak.tally, []
 
     print(f"\npictures        {status['frames']}, {status['frames'] / (minutes * 60):.2f} a second; {status['drops']} dropped, "
