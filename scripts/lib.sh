@@ -75,3 +75,10 @@ configure_demo() {
 build_preset() {
     cmake --build "${ROOT}/build/$1" --parallel "${JOBS}"
 }
+
+# build_preset_targets PRESET TARGET...
+build_preset_targets() {
+    local preset=$1
+    shift
+    cmake --build "${ROOT}/build/${preset}" --parallel "${JOBS}" --target "$@"
+}

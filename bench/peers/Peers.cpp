@@ -25,14 +25,16 @@ ScratchDirectory::~ScratchDirectory() {
 namespace {
 
 /// The level that the jobs run at: nothing is logged but by the jobs that are about it. With KALVOREN_BENCH_LEVEL in the
-/// environment it is another one, and standard error goes to /dev/null, so that the lines cost what they cost at least.
+/// environment it is another one, and standard error goes to the file KALVOREN_BENCH_LOG or else to /dev/null, where lines
+/// cost the least.
 void SetLevel() {
     g_eDebugLevel = kNoLines;
     if (const char* const pszLevel = std::getenv("KALVOREN_BENCH_LEVEL")) {
         g_eDebugLevel = std::atoi(pszLevel);
-        const int nNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        dup2(nNull, STDERR_FILENO);
-        close(nNull);
+        const char* const pszLog = std::getenv("KALVOREN_BENCH_LOG");
+        const int nLog = open(pszLog != nullptr ? pszLog : "/dev/null", O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
+        dup2(nLog, STDERR_FILENO);
+        close(nLog);
     }
 }
 

@@ -1,5 +1,8 @@
-// LinearJobs JOB N: does one job on something of size N. What counts is done in Measured(), so that an instrument can
-// count there alone.
+// LinearJobs [--bare] JOB N: does one job on something of size N; --bare does it without the library. LinearJobs --list
+// prints the jobs, one a line: name, title, what is counted by, sizes, and whether there is a bare one. What counts is done
+// in Measured(), so that an instrument can count there alone.
+#include "LinearJobs.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -7,29 +10,54 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <functional>
-#include <map>
 #include <memory>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "KAssert.h"
 #include "KDebug.h"
 #include "KDirectory.h"
+#include "KEntry.h"
+#include "KIPC.h"
 #include "KMem.h"
 #include "KMessage.h"
 #include "KPropertyList.h"
+#include "KQueue.h"
 #include "KString.h"
+#include "KThread.h"
+#include "KTime.h"
 
 namespace {
 
-using Job = std::function<void()>;
+constexpr int kNoLines = 3;
+constexpr int kAllLines = 0;
 
-/// Everything behind the call is measured.
+}  // namespace
+
+extern "C" {
+
+// Where an emulator's counter begins and ends.
+[[gnu::noinline, gnu::used]] void CountFromHere() {
+    asm volatile("");
+}
+[[gnu::noinline, gnu::used]] void CountToHere() {
+    asm volatile("");
+}
+
+}  // extern "C"
+
 [[gnu::noinline]] void Measured(const Job& job) {
+    CountFromHere();
     job();
     std::fflush(stdout);
+    CountToHere();
+}
+
+void MeasuredWithLines(const Job& job) {
+    const int nNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(nNull, STDERR_FILENO);
+    close(nNull);
+    g_eDebugLevel = kAllLines;
+    Measured(job);
 }
 
 std::string Repeated(const std::string& piece, int nTimes) {
@@ -40,11 +68,38 @@ std::string Repeated(const std::string& piece, int nTimes) {
     return text;
 }
 
+FilledDirectory::FilledDirectory(int nFiles)
+    : m_Path(std::filesystem::temp_directory_path() / "kalvoren-linear-XXXXXX") {
+    if (mkdtemp(m_Path.data()) == nullptr) {
+        std::exit(2);
+    }
+    std::mt19937 random(1);
+    for (int i = 0; i < nFiles; ++i) {
+        close(open((m_Path + "/" + std::to_string(random())).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+    }
+}
+
+FilledDirectory::~FilledDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_Path, ignored);
+}
+
+namespace {
+
+void MakeText(int n) {
+    const std::string text(static_cast<std::size_t>(n), 'x');
+    Measured([&] {
+        for (int i = 0; i < kRepetitions; ++i) {
+            const KString made(text.c_str());
+        }
+    });
+}
+
 void Append(int n) {
     KString text;
     Measured([&] {
         for (int i = 0; i < n; ++i) {
-            text += "sixteen letters.";
+            text += kPiece;
         }
     });
 }
@@ -72,6 +127,24 @@ void FillList(int n) {
         for (int i = 0; i < n; ++i) {
             appender.Add(i);
         }
+    });
+}
+
+void WalkList(int n) {
+    KList<int> list;
+    {
+        KList<int>::Appender appender(list);
+        for (int i = 0; i < n; ++i) {
+            appender.Add(1);
+        }
+    }
+    Measured([&] {
+        KList<int>::Reader reader(list);
+        int nSum = 0;
+        while (const int* const pValue = reader.Next()) {
+            nSum += *pValue;
+        }
+        asm volatile("" : : "r"(nSum));
     });
 }
 
@@ -119,19 +192,13 @@ void ReadBroken(int n) {
 }
 
 void OpenDirectory(int n) {
-    std::string name = std::filesystem::temp_directory_path() / "kalvoren-linear-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) {
-        std::exit(2);
-    }
-    std::mt19937 random(1);
-    for (int i = 0; i < n; ++i) {
-        close(open((name + "/" + std::to_string(random())).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    }
-    KPath path(name.c_str());
-    KDirectory directory;
-    Measured([&] { directory.Open(path); });
-    directory.Close();
-    std::filesystem::remove_all(name);
+    const FilledDirectory files(n);
+    KPath path(files.Path());
+    Measured([&] {
+        KDirectory directory;
+        directory.Open(path);
+        directory.Close();
+    });
 }
 
 /// Names without an order, of which many are equal.
@@ -155,7 +222,7 @@ void ReuseABlock(int n) {
         pBlock = KMem::Malloc(64);
     }
     Measured([&] {
-        for (int i = 0; i < 1000; ++i) {
+        for (int i = 0; i < kRepetitions; ++i) {
             KMem::Free(&blocks.back());
             blocks.back() = KMem::Malloc(64);
         }
@@ -171,32 +238,250 @@ class Counter : public KMessageHandler {
     int m_nCount = 0;
 };
 
-void Dispatch(int n) {
+/// So many registrations of which some have the name.
+void SendAmong(int nAll, int nOurs) {
     std::vector<std::unique_ptr<Counter>> handlers;
-    KString name("event");
-    for (int i = 0; i < n; ++i) {
+    for (int i = 0; i < nAll; ++i) {
+        KString name(i < nOurs ? "event" : ("event " + std::to_string(i)).c_str());
         handlers.push_back(std::make_unique<Counter>());
         KMessageHandler::Register(handlers.back().get(), name);
     }
-    Measured([&] { KMessageHandler::SendMessage(name, KMessage()); });
+    const KString name("event");
+    const KMessage message;
+    Measured([&] { KMessageHandler::SendMessage(name, message); });
+}
+
+void Dispatch(int n) {
+    SendAmong(n, n);
+}
+
+void DispatchAmong(int n) {
+    SendAmong(n, 1);
+}
+
+void Lock(int n) {
+    const KMutex mutex;
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            mutex.Lock();
+            mutex.Unlock();
+        }
+    });
+}
+
+class Errand : public KThread {
+ public:
+    ~Errand() override { Stop(); }
+    int ThreadMainLoop() override { return 0; }
+};
+
+void StartThread(int n) {
+    Errand thread;
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            thread.Start(10, KThread::NORMAL, -1, nullptr);
+            thread.Stop();
+        }
+    });
+}
+
+void Fields(int n) {
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            KTime::MakeHumanTime(MomentOf(i), 0, 0, 0);
+        }
+    });
+}
+
+void Seconds(int n) {
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            const Date date = DateOf(i);
+            KTime::MakeUnixTime(date.nYear, date.nMonth, date.nDay, date.nHour, 0, 0, 0, 0);
+        }
+    });
+}
+
+void TimeText(int n) {
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            KTime(static_cast<int>(MomentOf(i)), 0, 0).GetHumanTimeString(3, 0, 0);
+        }
+    });
+}
+
+constexpr const char* kPath = "/var/lib/camera/records/2024-05-06/segment-000123.mjpeg";
+
+void JoinPath(int n) {
+    KPath directory("/var/lib/camera/records/2024-05-06");
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            directory + "segment-000123.mjpeg";
+        }
+    });
+}
+
+void SplitPath(int n) {
+    const KPath path(kPath);
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            path.GetRootOnly();
+            path.GetSubPath();
+            path.GetExt();
+        }
+    });
+}
+
+void SystemPath(int n) {
+    KPath path(kPath);
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            path.GetSystemPath(KPath::CONV_SLASH);
+        }
+    });
+}
+
+void LogError(int n) {
+    MeasuredWithLines([&] {
+        for (int i = 0; i < n; ++i) {
+            KDebug::Error(kLogFormat, i, kLogText);
+        }
+    });
+}
+
+void LogStamped(int n) {
+    MeasuredWithLines([&] {
+        for (int i = 0; i < n; ++i) {
+            KDebug::Log(kLogFormat, i, kLogText);
+        }
+    });
+}
+
+void HandOver(int n) {
+    KManagedDynamicDataQueue queue(2);
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            queue.PushWrite(queue.PopWrite());
+            queue.PushRead(queue.PopRead());
+        }
+    });
+}
+
+void PassRecord(int n) {
+    const FilledDirectory directory(0);
+    KIPC server;
+    KIPC client;
+    KIPC peer;
+    for (KIPC* const pChannel : {&server, &client, &peer}) {
+        pChannel->SetIndex(1);
+        pChannel->SetType(KIPC::LOCAL_SOCKET);
+        pChannel->SetPath(KPath(directory.Path()));
+    }
+    server.Create(true, KIPC::LOCAL_SOCKET);
+    client.CreateClient();
+    if (!client.ConnectToServer() || !server.WaitForConnectToMe(peer)) {
+        std::exit(2);
+    }
+    KIPC::IPCData data = {};
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            client.Write(data);
+            peer.Read(data);
+            peer.Write(data);
+            client.Read(data);
+        }
+    });
+}
+
+void StartLibrary(int n) {
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            KEntry::Init(0, nullptr);
+            KEntry::Deinit();
+        }
+    });
+}
+
+struct Entry {
+    const char* pszName;
+    const char* pszTitle;
+    const char* pszUnit;  ///< What the instructions are divided by: "n", or a number.
+    const char* pszSizes;
+    void (*pJob)(int);
+};
+
+constexpr const char* kRepeated = "1000";
+
+const Entry kEntries[] = {
+    {"MakeText", "make a text of n bytes", kRepeated, "8,32,1024,65536", MakeText},
+    {"Append", "append 16 bytes n times", "n", "1024,4096,16384", Append},
+    {"Search", "search 8 n bytes for a word that is not there", "n", "100,1000,10000", Search},
+    {"Replace", "replace n words of a text by longer ones", "n", "1000,4000,16000", Replace},
+    {"Divide", "divide a line of n fields", "n", "900,9000,90000", Divide},
+    {"FillList", "fill a list with n numbers", "n", "100,1000,10000", FillList},
+    {"WalkList", "walk a list of n numbers", "n", "100,1000,10000", WalkList},
+    {"CopyList", "copy a list of n texts", "n", "100,1000,10000", CopyList},
+    {"PopList", "pop n numbers", "n", "100,1000,10000", PopList},
+    {"Lock", "lock and unlock n times", "n", "100,1000,10000", Lock},
+    {"StartThread", "start and join n threads", "n", "10,40,160", StartThread},
+    {"LogError", "log n lines without a stamp", "n", "100,1000", LogError},
+    {"LogStamped", "log n lines with a stamp", "n", "100,1000", LogStamped},
+    {"Fields", "n times seconds to calendar fields", "n", "100,1000,10000", Fields},
+    {"Seconds", "n times calendar fields to seconds", "n", "100,1000,10000", Seconds},
+    {"TimeText", "n times' texts", "n", "100,1000,10000", TimeText},
+    {"JoinPath", "join a directory and a name n times", "n", "100,1000", JoinPath},
+    {"SplitPath", "directory, name and extension of a path n times", "n", "100,1000", SplitPath},
+    {"SystemPath", "a path's system form n times", "n", "100,1000", SystemPath},
+    {"OpenDirectory", "open a directory of n entries", "n", "100,1000,10000", OpenDirectory},
+    {"SortPaths", "sort n paths, many of them equal", "n", "250,1000,4000", SortPaths},
+    {"ReadFlat", "read a property list of 2 n values", "n", "100,1000,10000", ReadFlat},
+    {"ReadNested", "read n nested dictionaries", "n", "100,1000,10000", ReadNested},
+    {"ReadBroken", "read n tags without an end", "n", "1000,4000,16000", ReadBroken},
+    {"ReuseABlock", "free and allocate a block beside n live ones, 1,000 times", kRepeated, "1,1000,10000,100000",
+     ReuseABlock},
+    {"HandOver", "hand a buffer over and back n times", "n", "100,1000,10000", HandOver},
+    {"Dispatch", "a message to n handlers", "n", "10,100,1000", Dispatch},
+    {"DispatchAmong", "a message to one handler among n registrations", "n", "10,100,1000", DispatchAmong},
+    {"PassRecord", "n records of 520 bytes there and back", "n", "100,1000", PassRecord},
+    {"StartLibrary", "start and stop the library n times", "n", "10,40", StartLibrary},
+};
+
+int PrintList() {
+    for (const Entry& entry : kEntries) {
+        std::printf("%s|%s|%s|%s|%s\n", entry.pszName, entry.pszTitle, entry.pszUnit, entry.pszSizes,
+                    BareJobs().count(entry.pszName) != 0 ? "bare" : "");
+    }
+    return 0;
+}
+
+/// The job of a name, null when there is none.
+void (*Find(const std::string& name, bool fgBare))(int) {
+    if (fgBare) {
+        const auto bare = BareJobs().find(name);
+        return bare == BareJobs().end() ? nullptr : bare->second;
+    }
+    for (const Entry& entry : kEntries) {
+        if (name == entry.pszName) {
+            return entry.pJob;
+        }
+    }
+    return nullptr;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::map<std::string, void (*)(int)> jobs = {
-        {"Append", Append},         {"Divide", Divide},          {"Replace", Replace},
-        {"Search", Search},         {"FillList", FillList},      {"CopyList", CopyList},
-        {"PopList", PopList},       {"ReadFlat", ReadFlat},      {"ReadNested", ReadNested},
-        {"ReadBroken", ReadBroken}, {"SortPaths", SortPaths},    {"OpenDirectory", OpenDirectory},
-        {"Dispatch", Dispatch},     {"ReuseABlock", ReuseABlock}};
-    const auto job = argc == 3 ? jobs.find(argv[1]) : jobs.end();
-    if (job == jobs.end()) {
-        std::fprintf(stderr, "Usage: LinearJobs JOB N\n");
+    if (argc == 2 && std::strcmp(argv[1], "--list") == 0) {
+        return PrintList();
+    }
+    const bool fgBare = argc == 4 && std::strcmp(argv[1], "--bare") == 0;
+    void (*const pJob)(int) = argc == 3 || fgBare ? Find(argv[argc - 2], fgBare) : nullptr;
+    if (pJob == nullptr) {
+        std::fprintf(stderr, "Usage: LinearJobs [--bare] JOB N | --list\n");
         return 2;
     }
-    g_eDebugLevel = 3;
+    g_eDebugLevel = kNoLines;
     KAssert::SetActive(false);
-    job->second(std::atoi(argv[2]));
+    pJob(std::atoi(argv[argc - 1]));
     return 0;
 }

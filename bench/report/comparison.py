@@ -1,0 +1,233 @@
+"""The library beside other libraries and beside the limit: tables, goals and a plot of cost against size."""
+import collections
+import pathlib
+import platform
+import statistics
+
+from shown import US, read_runs, shown_bytes, shown_met, shown_size, shown_time, size_order, table
+
+TITLE, MAKE = "Beside other libraries", "scripts/bench --compare"
+
+
+class Row:
+    """What was measured of a job at a size: times in ns by who did it, and by how many bytes starting made a process grow."""
+
+    def __init__(self, size, times, growth):
+        self.size, self.times, self.growth = size, times, growth
+
+    def ours(self):
+        return max(time for who, time in self.times.items() if who.startswith(US))
+
+    def limit(self):
+        return next(time for who, time in self.times.items() if who.startswith("limit"))
+
+    def best(self):
+        """The best of the others, without the limit."""
+        return min(time for who, time in self.times.items() if not who.startswith((US, "limit", "the exchange sort")))
+
+
+class Goal:
+    """What is wanted of a job: a text, and whether a row meets it. A row that lacks a peer raises one of LACKING."""
+
+    LACKING = (KeyError, StopIteration, ValueError)
+
+    def __init__(self, text, is_met):
+        self.text, self.is_met = text, is_met
+
+    def check(self, row):
+        """None when a peer is missing."""
+        try:
+            return bool(self.is_met(row))
+        except Goal.LACKING:
+            return None
+
+
+def within_limit(factor):
+    return Goal(f"within {factor} of the limit", lambda row: row.ours() <= factor * row.limit())
+
+
+def faster_than(peer, factor):
+    return Goal(f"at least {factor} times faster than {peer}", lambda row: factor * row.ours() <= row.times[peer])
+
+
+FASTEST = Goal("faster than all", lambda row: row.ours() <= row.best())
+NO_WORSE = Goal("no worse than the best (within 1.05, what two runs differ by)", lambda row: row.ours() <= 1.05 * row.best())
+
+
+def directory_goal(row):
+    if int(row.size) <= 1000:
+        return row.ours() <= 1.3 * row.best()
+    exchanged = row.times.get("the exchange sort alone")
+    return row.ours() <= 3 * row.best() and (exchanged is None or 30 * row.ours() <= exchanged)
+
+
+GOALS = {
+    "make a text": within_limit(1.2),
+    "copy a text": within_limit(1.2),
+    "compare equal texts": within_limit(1.2),
+    "search a text for its last word": Goal(
+        "within 1.2 of the limit, and at least 5 times faster than std::string",
+        lambda row: row.ours() <= 1.2 * row.limit() and 5 * row.ours() <= row.times["std::string"]),
+    "search a text, the word's first letter is rare": within_limit(1.2),
+    "append 16 bytes n times": Goal("no worse than the limit (within 1.05, what two runs differ by)",
+                                    lambda row: row.ours() <= 1.05 * row.limit()),
+    "divide a line of n fields": FASTEST,
+    "fill a list and destroy it": NO_WORSE,
+    "walk a list": NO_WORSE,
+    "fill a list and pop all": NO_WORSE,
+    "lock and unlock": within_limit(1.1),
+    "log a line without a stamp": FASTEST,
+    "log a line with a stamp": within_limit(1.3),
+    "seconds to calendar fields": faster_than("gmtime_r", 4),
+    "calendar fields to seconds": faster_than("timegm", 4),
+    "a time's text": FASTEST,
+    "join a directory and a name": FASTEST,
+    "the name at a path's end": FASTEST,
+    "the name without its extension": FASTEST,
+    "the directory of a path": FASTEST,
+    "make a path and go up": FASTEST,
+    "a path's extension": FASTEST,
+    "a path's system form": FASTEST,
+    "open a directory of n entries": Goal(
+        "up to 1,000 entries within 1.3 of the best, above within 3 and 30 times faster than the exchange sort",
+        directory_goal),
+    "read a property list of n bytes": Goal(
+        "3 times faster than libplist, faster than expat",
+        lambda row: 3 * row.ours() <= row.times["libplist"] and row.ours() <= row.times["expat: no tree"]),
+    "allocate and free 64 bytes beside n live blocks": within_limit(2.5),
+    "hand a buffer on, one thread": faster_than("GAsyncQueue", 1),
+    "hand 10,000 buffers on, two threads": Goal(
+        "no worse than std::mutex, std::deque (within 1.05)",
+        lambda row: row.ours() <= 1.05 * row.times["std::mutex, std::deque"]),
+    "dispatch by name": Goal("within 1.2 of the vector under a mutex",
+                             lambda row: row.ours() <= 1.2 * row.times["std::mutex, std::vector"]),
+    "a 520-byte record there and back": within_limit(1.05),
+    "64 bytes over TCP and back": within_limit(1.05),
+    "64 KiB over TCP": within_limit(1.05),
+    "start and join a thread": within_limit(1.1),
+    "start a program and the library, stop both": Goal(
+        "at most 1 ms more than the bare program, and a growth of at most 200 KiB by the start",
+        lambda row: row.ours() <= row.limit() + 1e6 and row.growth[US] <= 200 * 1024),
+    "start the library and stop it, in the process": Goal("at most 1 ms", lambda row: row.ours() <= 1e6),
+}
+
+
+class Results:
+    """All repetitions in a directory of Google Benchmark's files; those whose name begins with "memory" hold no times."""
+
+    def __init__(self, directory):
+        def by_size():
+            return collections.defaultdict(lambda: collections.defaultdict(dict))
+
+        samples = collections.defaultdict(list)
+        self.times, self.memory, self.growth, self.context = by_size(), by_size(), by_size(), None
+        for file in sorted(pathlib.Path(directory).glob("*.json")):
+            context, runs = read_runs(file)
+            self.context = self.context or context
+            for job, who, size, time, run in runs:
+                if file.name.startswith("memory"):
+                    self.memory[job][size][who] = run.get("max_bytes_used", 0)
+                    continue
+                samples[job, size, who].append(time)
+                if "growth_bytes" in run:
+                    self.memory[job][size][who] = run["resident_bytes"]
+                    self.growth[job][size][who] = run["growth_bytes"]
+        for (job, size, who), values in samples.items():
+            self.times[job][size][who] = statistics.median(values)
+        self.repetitions = max((len(values) for values in samples.values()), default=0)
+
+    def rows(self, job):
+        """Those of each size, the smallest first."""
+        return [Row(size, self.times[job][size], self.growth[job][size])
+                for size in sorted(self.times[job], key=size_order)]
+
+
+def job_section(results, job, notes):
+    rows = results.rows(job)
+    everyone = list(dict.fromkeys(who for row in rows for who in row.times))
+    lines, marks = [], []
+    for row in rows:
+        cells = [shown_size(row.size)]
+        for who in everyone:
+            if who not in row.times:
+                cells.append("")
+                continue
+            cell = shown_time(row.times[who])
+            if not who.startswith(US):
+                cell += f" ({row.times[who] / row.ours():.2f})"
+            used = results.memory[job][row.size].get(who)
+            if used:
+                cell += f"<br>{shown_bytes(used)}"
+            if who in row.growth:
+                cell += f"<br>growth {shown_bytes(row.growth[who])}"
+            cells.append(cell)
+        marks.append(GOALS[job].check(row))
+        lines.append(cells + [shown_met(marks[-1])])
+    section = [f"### {job[0].upper()}{job[1:]}", "", f"Goal: {GOALS[job].text}.", "",
+               *table(["", *everyone, "goal"], lines), ""]
+    if False in marks:
+        section += [notes.get(job, "Why it is missed has not been looked into."), ""]
+    return section, marks
+
+
+def section(directory, notes, plot):
+    results = Results(directory)
+    if not results.times:
+        return None
+    unknown = sorted(set(results.times) - set(GOALS))
+    if unknown:
+        raise ValueError(f"these jobs have no goal: {', '.join(unknown)}")
+    sections, met, missed = [], 0, []
+    for job in GOALS:
+        if job not in results.times:
+            continue
+        job_lines, marks = job_section(results, job, notes)
+        sections += job_lines
+        met += marks.count(True)
+        if False in marks:
+            sizes = [shown_size(row.size) for row, mark in zip(results.rows(job), marks) if mark is False]
+            missed.append(job + (f" ({', '.join(sizes)})" if any(sizes) else ""))
+    lines = [
+        f"Made by `{MAKE}`; medians of {results.repetitions} interleaved repetitions on {platform.machine()}, "
+        f"{results.context['num_cpus']} processors,",
+        f"{results.context['date'][:10]}. Times are of the processor, or of the wall clock where several threads or processes",
+        "take part. In brackets: how many times the library's time. \"Limit\" is the least that the system's own calls take",
+        "for the job. Below the times: the most memory that the job held at once; where a program is started, its resident",
+        "memory, and by how much it grows between the first line of its main function and the end of the start. A size is the",
+        "n of the job's name, or bytes. The log's level is 3, except where lines are what is measured.", "",
+        f"{met} rows meet their goal." + (f" Missed, with the reasons below the tables: {'; '.join(missed)}." if missed else
+                                          " None misses it."), ""]
+    if plot:
+        lines += [f"![Cost against size]({plot})", ""]
+    return lines + sections
+
+
+def draw(directory, file):
+    import matplotlib
+    matplotlib.use("svg")
+    import matplotlib.pyplot as plt
+
+    results = Results(directory)
+    jobs = [job for job in GOALS if job in results.times and sum(size.isdigit() for size in results.times[job]) > 2]
+    if not jobs:
+        return False
+    columns = 3
+    rows = (len(jobs) + columns - 1) // columns
+    figure, axes = plt.subplots(rows, columns, figsize=(5 * columns, 3.6 * rows), squeeze=False)
+    for axis in axes.flat[len(jobs):]:
+        axis.set_visible(False)
+    for job, axis in zip(jobs, axes.flat):
+        by_size = results.times[job]
+        for who in dict.fromkeys(who for by_who in by_size.values() for who in by_who):
+            points = sorted((int(size), by_who[who]) for size, by_who in by_size.items() if who in by_who)
+            axis.plot(*zip(*points), marker="o", markersize=3, label=who, linewidth=2.5 if who.startswith(US) else 1)
+        # A job that begins with nothing has no logarithm there.
+        axis.set_xscale("symlog" if "0" in by_size else "log")
+        axis.set_yscale("log")
+        axis.set_title(job, fontsize=10)
+        axis.set_ylabel("ns")
+        axis.grid(True, which="major", alpha=0.3)
+        axis.legend(fontsize=7)
+    figure.tight_layout()
+    figure.savefig(file, metadata={"Date": None})
+    return True

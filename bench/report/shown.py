@@ -1,0 +1,61 @@
+"""How figures are written, and how what Google Benchmark wrote is read."""
+import json
+
+US = "Kalvoren"
+NANOSECONDS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
+
+
+def shown_time(nanoseconds):
+    for unit, factor in (("ns", 1.0), ("µs", 1e3), ("ms", 1e6), ("s", 1e9)):
+        if nanoseconds < 1000 * factor or unit == "s":
+            return f"{nanoseconds / factor:.3g} {unit}"
+    return ""
+
+
+def shown_size(number):
+    return f"{int(number):,}" if number.isdigit() else number.replace(":", " ").replace("/", ", ")
+
+
+def shown_bytes(number):
+    for unit, factor in (("B", 1), ("KiB", 1024), ("MiB", 1024 * 1024)):
+        if number < 1024 * factor or unit == "MiB":
+            return f"{number / factor:.3g} {unit}"
+    return ""
+
+
+def shown_count(number):
+    return f"{number:,.0f}" if number >= 100 else f"{number:.1f}"
+
+
+def shown_met(met):
+    return {True: "met", False: "**missed**", None: "a peer is missing"}[met]
+
+
+def size_order(size):
+    return [int(word) for word in size.replace(":", "/").split("/") if word.isdigit()]
+
+
+def table(columns, rows, alignment="---:"):
+    """A table whose first column is on the left."""
+    return ["| " + " | ".join(columns) + " |", "|---|" + f"{alignment}|" * (len(columns) - 1)] + \
+        ["| " + " | ".join(row) + " |" for row in rows]
+
+
+def split_name(name):
+    """Job, who and size of "job|who/size"."""
+    job, rest = name.split("|")
+    who, *parts = rest.split("/")
+    return job, who, "/".join(part for part in parts if part != "real_time")
+
+
+def read_runs(file):
+    """The file's context, and its runs: (job, who, size, time in ns, run). A job's name is "job|who/size"."""
+    report = json.loads(file.read_text(encoding="utf-8"))
+    runs = []
+    for run in report["benchmarks"]:
+        if run.get("run_type") != "iteration" or "error_message" in run:
+            continue
+        job, who, size = split_name(run["run_name"])
+        measure = "real_time" if run["run_name"].endswith("/real_time") else "cpu_time"
+        runs.append((job, who, size, run[measure] * NANOSECONDS[run["time_unit"]], run))
+    return report["context"], runs

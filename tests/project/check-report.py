@@ -1,0 +1,188 @@
+#!/usr/bin/env python3
+"""check-report.py SOURCE-DIRECTORY
+
+The document about performance says what was measured and marks what is met and what is missed: made here of small results
+that are known. No plot is drawn, so that nothing but Python is needed.
+"""
+import json
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+
+SOURCE = pathlib.Path(sys.argv[1]).resolve()
+CONTEXT = {"date": "2024-05-06T14:20:07+00:00", "num_cpus": 2}
+
+
+def benchmarks(file, runs, **more):
+    """A file as Google Benchmark writes it, of (name, time in ns)."""
+    file.parent.mkdir(parents=True, exist_ok=True)
+    file.write_text(json.dumps({"context": CONTEXT, "benchmarks": [
+        {"run_name": name, "run_type": "iteration", "cpu_time": time, "real_time": 1000 * time, "time_unit": "ns", **more}
+        for name, time in runs]}), encoding="utf-8")
+
+
+def write_comparison(directory):
+    # Two of three repetitions say 110 ns: the median meets "within 1.1 of the limit", the mean does not.
+    for number, time in enumerate((110, 110, 900)):
+        benchmarks(directory / f"time-lock-{number}.json",
+                   [("lock and unlock|Kalvoren", time), ("lock and unlock|limit: pthread", 100)])
+    benchmarks(directory / "time-1-1.json", [
+        ("walk a list|Kalvoren/100", 50), ("walk a list|std::list, std::mutex/100", 60),
+        ("walk a list|Kalvoren/10000", 9000), ("walk a list|std::list, std::mutex/10000", 5000),
+        ("read a property list of n bytes|Kalvoren/10000", 100), ("read a property list of n bytes|libplist/10000", 500),
+        ("open a directory of n entries|Kalvoren/10000", 100), ("open a directory of n entries|GDir/10000", 40),
+        ("open a directory of n entries|the exchange sort alone/10000", 2999)])
+    # The wall clock counts where it says so.
+    benchmarks(directory / "time-2-1.json", [("start and join a thread|Kalvoren/real_time", 105),
+                                             ("start and join a thread|limit: pthread/real_time", 100)])
+    benchmarks(directory / "time-3-1.json", [("start a program and the library, stop both|Kalvoren/real_time", 1000)],
+               resident_bytes=3 * 1024 * 1024, growth_bytes=250 * 1024)
+    benchmarks(directory / "time-3-2.json",
+               [("start a program and the library, stop both|limit: a program/real_time", 900)])
+    benchmarks(directory / "memory.json", [("walk a list|Kalvoren/100", 1)], max_bytes_used=2048)
+
+
+def write_log(directory):
+    benchmarks(directory / "level-3-1.json", [("open a directory of n entries|Kalvoren/100", 1000)])
+    benchmarks(directory / "level-0-1.json", [("open a directory of n entries|Kalvoren/100", 2500)])
+    (directory / "lines.tsv").write_text("102\topen a directory of n entries|Kalvoren/100\n0\tlock and unlock|Kalvoren\n",
+                                         encoding="utf-8")
+
+
+def camera(costs, fewest):
+    """Results with one of the costs, in ms a picture, for each number of clients."""
+    rows = [{"clients": clients, "seconds": 10.0, "pictures": 250, "fewest": fewest if clients else None,
+             "processor": 250 * cost / 1e3, "resident": (10000 + 16 * clients) * 1024, "threads": 6 + clients}
+            for clients, cost in costs]
+    return {"rate": 25, "machine": "x86_64", "date": "2024-05-06", "rows": rows}
+
+
+def instructions(job, title, here, there, bare_there=None):
+    """Rows of 10, 100 and so on, with so many instructions a unit."""
+    rows = []
+    for power, (one, other) in enumerate(zip(here, there), start=1):
+        size = 10 ** power
+        row = {"job": job, "title": title, "size": size, "units": size, "64": one * size, "32": other * size}
+        if bare_there:
+            row.update({"bare 64": one * size, "bare 32": bare_there[power - 1] * size})
+        rows.append(row)
+    return rows
+
+
+class Document:
+    def __init__(self, results, target):
+        self.target = target
+        made = subprocess.run([sys.executable, "-B", SOURCE / "bench/report/report.py", results, target],
+                              stderr=subprocess.PIPE, text=True, check=False)
+        if made.returncode != 0:
+            sys.exit(f"check-report: the document was not made:\n{made.stderr}")
+        self.text = target.read_text(encoding="utf-8")
+
+    def part(self, title):
+        """What stands below a heading, up to the next of its kind."""
+        mark, name = title.split(" ", 1)
+        found = re.search(rf"^{mark} {re.escape(name)}\n(.*?)(?=^#{{1,{len(mark)}}} |\Z)", self.text,
+                          re.MULTILINE | re.DOTALL)
+        if not found:
+            sys.exit(f"check-report: there is no part {title} in:\n{self.text}")
+        return found.group(1)
+
+    def expect(self, title, *texts, absent=()):
+        part = self.part(title)
+        for text in texts:
+            if text not in part:
+                sys.exit(f"check-report: {title} does not say: {text}\n{part}")
+        for text in absent:
+            if text in part:
+                sys.exit(f"check-report: {title} says: {text}\n{part}")
+
+
+def check_nothing_measured(directory):
+    document = Document(directory / "nothing", directory / "nothing.md")
+    for title, option in (("Beside other libraries", "compare"), ("What the log costs", "log"),
+                          ("The camera and its clients", "camera"), ("On the target", "instructions")):
+        document.expect(f"## {title}", f"Not measured yet; `scripts/bench --{option}` does it.")
+
+
+def check_comparison(document):
+    document.expect("## Beside other libraries", "medians of 3 interleaved repetitions", "3 rows meet their goal",
+                    "Missed, with the reasons below the tables: walk a list (10,000); open a directory of n entries (10,000); "
+                    "start a program and the library, stop both")
+    document.expect("### Lock and unlock", "Goal: within 1.1 of the limit.",
+                    "|  | 110 ns | 100 ns (0.91) | met |", absent=["missed"])
+    document.expect("### Walk a list", "| 100 | 50 ns<br>2 KiB | 60 ns (1.20) | met |",
+                    "| 10,000 | 9 µs | 5 µs (0.56) | **missed** |")
+    document.expect("### Read a property list of n bytes", "a peer is missing", absent=["missed"])
+    document.expect("### Open a directory of n entries", "**missed**", "Each entry carries its buffer")
+    document.expect("### Start and join a thread", "105 µs", "met")
+    document.expect("### Start a program and the library, stop both", "3 MiB", "growth 250 KiB", "**missed**")
+
+
+def check_log(document):
+    document.expect("## What the log costs", "| open a directory of n entries, 100 | 102 | 1 µs | 2.5 µs | 2.50 |",
+                    "write no line, so that the level makes no difference to them: lock and unlock.")
+
+
+def check_camera(directory, results):
+    straight = [(0, 2.0), (1, 2.05), (2, 2.1), (4, 2.2), (64, 5.2)]
+    title = "## The camera and its clients"
+
+    def document(costs, fewest):
+        (results / "camera.json").write_text(json.dumps(camera(costs, fewest)), encoding="utf-8")
+        return Document(results, directory / "camera.md")
+
+    document(straight, 250).expect(title, "| 64 | 25.0 | 25.0 | 5.2 ms | 50 µs | 10.8 MiB | 16 KiB | 70 |",
+                                   "2 ms of processor time a picture and 50 µs for each client",
+                                   "Processor time: met, memory: met.", "All clients got all pictures.")
+    document(straight[:-1] + [(64, 8.0)], 250).expect(title, "Processor time: **missed**, memory: met.")
+    document(straight, 240).expect(title, "**Not all pictures reached all clients** of: 1, 2, 4, 64.")
+
+
+def check_instructions(document):
+    document.expect("## On the target", "| 100 | 50.0 | 70.0 | 1.40 | 1.00 | 1.00 |  |  | met |",
+                    "| 100 | 50.0 | 140 | 2.80 | 1.00 | 2.00 |  |  | **missed** |",
+                    "| 100 | 50.0 | 280 | 5.60 | 1.00 | 4.00 | 1.00 | 1.00 | met |",
+                    "**These grow worse on ARM**: a job that does.")
+
+
+def check_sections_stay(directory, document):
+    """A section whose results are gone stays as it was."""
+    again = Document(directory / "nothing", document.target)
+    if again.text != document.text:
+        sys.exit("check-report: without results, the document loses what it had")
+
+
+def check_every_job_has_a_goal():
+    names = set()
+    for file in (SOURCE / "bench/peers").glob("*Peers.cpp"):
+        names |= set(re.findall(r'"([a-z0-9][^"|\n]*[^"|\n ])\|', file.read_text(encoding="utf-8")))
+    sys.path.insert(0, str(SOURCE / "bench/report"))
+    sys.dont_write_bytecode = True
+    import comparison
+    if names != set(comparison.GOALS):
+        sys.exit(f"check-report: jobs without a goal, or goals without a job: {names ^ set(comparison.GOALS)}")
+
+
+def main():
+    with tempfile.TemporaryDirectory() as scratch:
+        directory = pathlib.Path(scratch)
+        results = directory / "results"
+        write_comparison(results / "peers")
+        write_log(results / "log")
+        (results / "instructions.json").write_text(json.dumps(
+            instructions("Even", "an even job", (50, 50), (70, 70))
+            + instructions("Worse", "a job that does", (50, 50), (70, 140))
+            + instructions("Libc", "a job of libc's", (50, 50), (70, 280), (70, 280))), encoding="utf-8")
+        check_nothing_measured(directory)
+        document = Document(results, directory / "document.md")
+        check_comparison(document)
+        check_log(document)
+        check_instructions(document)
+        check_camera(directory, results)
+        check_sections_stay(directory, Document(results, directory / "document.md"))
+    check_every_job_has_a_goal()
+
+
+main()
