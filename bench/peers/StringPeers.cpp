@@ -217,7 +217,7 @@ const bool g_fgSearchesRegistered = [] {
     add("std::string", SearchStd);
     add("limit: strstr", SearchLimit);
 #ifdef KALVOREN_PEER_GLIB
-    add("GString", SearchGlib);
+    add("GLib: g_strstr_len", SearchGlib);
 #endif
     return true;
 }();

@@ -2,7 +2,7 @@
 import json
 import pathlib
 
-from shown import shown_bytes, shown_met, shown_time, table
+from shown import paragraph, shown_bytes, shown_met, shown_time, table
 
 TITLE, MAKE = "The camera and its clients", "scripts/bench --camera"
 COMPLETE = 0.98  # of the pictures: a client's last one may be on its way when counting ends
@@ -72,19 +72,22 @@ def section(file, plot):
     late = [str(row["clients"]) for row in rows
             if row["fewest"] is not None and row["fewest"] < COMPLETE * results["rate"] * row["seconds"]]
     lines = [
-        f"Made by `{MAKE}` on {results['machine']}, {results['date']}: the [camera](camera.md) as it is configured at first, at "
-        f"{results['rate']} pictures a second,",
-        f"for {alone['seconds']:.0f} seconds with each number of clients that read the stream, in a process of its own. The "
-        "processor's time is that of all",
-        "the camera's threads, the kernel's work for them included; drawing, encoding and recording a picture are in it. Memory",
-        "is what is resident; the sockets' buffers, which are the kernel's, are not in it.", "",
+        *paragraph(
+            f"Made by `{MAKE}` on {results['machine']}, {results['date']}: the [camera](camera.md) as it is configured at first,",
+            f"at {results['rate']} pictures a second, for {alone['seconds']:.0f} seconds with each number of clients that read",
+            f"the stream, in a process of its own, {results['rounds']} times each; of these the one that is in the middle. The",
+            "processor's time is that of all the camera's threads, the kernel's work for them included; drawing, encoding and",
+            "recording a picture are in it. Memory is what is resident; the sockets' buffers, which are the kernel's, are not in",
+            "it."),
         *table(["clients", "pictures a second", "the slowest client's", "processor, a picture", "a picture and client",
                 "resident memory", "a client", "threads"], cells), "",
-        f"The straight lines: {shown_time(cost_start)} of processor time a picture and {shown_time(cost_slope)} for each client; "
-        f"{shown_bytes(memory_start)} of memory and {shown_bytes(memory_slope)} for each client.", "",
-        "Goal: linear, which is that the most clients take at most 1.15 times what the line through the others foretells. "
-        + "Processor time: " + shown_straight(costs(rows)) + ", memory: " + shown_straight(memories(rows)) + ".",
-        "All clients got all pictures." if not late else f"**Not all pictures reached all clients** of: {', '.join(late)}.", ""]
+        *paragraph(
+            f"The straight lines: {shown_time(cost_start)} of processor time a picture and {shown_time(cost_slope)} for each",
+            f"client; {shown_bytes(memory_start)} of memory and {shown_bytes(memory_slope)} for each client."),
+        *paragraph(
+            f"Goal: linear, which is that the most clients take at most {STRAIGHT} times what the line through the others",
+            f"foretells. Processor time: {shown_straight(costs(rows))}, memory: {shown_straight(memories(rows))}.",
+            "All clients got all pictures." if not late else f"**Not all pictures reached all clients** of: {', '.join(late)}.")]
     if plot:
         lines += [f"![Cost and memory against clients]({plot})", ""]
     return lines

@@ -4,7 +4,7 @@ import pathlib
 import platform
 import statistics
 
-from shown import US, read_runs, shown_bytes, shown_met, shown_size, shown_time, size_order, table
+from shown import US, paragraph, read_runs, shown_bytes, shown_met, shown_size, shown_time, size_order, table
 
 TITLE, MAKE = "Beside other libraries", "scripts/bench --compare"
 
@@ -188,15 +188,16 @@ def section(directory, notes, plot):
             sizes = [shown_size(row.size) for row, mark in zip(results.rows(job), marks) if mark is False]
             missed.append(job + (f" ({', '.join(sizes)})" if any(sizes) else ""))
     lines = [
-        f"Made by `{MAKE}`; medians of {results.repetitions} interleaved repetitions on {platform.machine()}, "
-        f"{results.context['num_cpus']} processors,",
-        f"{results.context['date'][:10]}. Times are of the processor, or of the wall clock where several threads or processes",
-        "take part. In brackets: how many times the library's time. \"Limit\" is the least that the system's own calls take",
-        "for the job. Below the times: the most memory that the job held at once; where a program is started, its resident",
-        "memory, and by how much it grows between the first line of its main function and the end of the start. A size is the",
-        "n of the job's name, or bytes. The log's level is 3, except where lines are what is measured.", "",
-        f"{met} rows meet their goal." + (f" Missed, with the reasons below the tables: {'; '.join(missed)}." if missed else
-                                          " None misses it."), ""]
+        *paragraph(
+            f"Made by `{MAKE}`; medians of {results.repetitions} interleaved repetitions on {platform.machine()},",
+            f"{results.context['num_cpus']} processors, {results.context['date'][:10]}. Times are of the processor, or of the",
+            "wall clock where several threads or processes take part. In brackets: how many times the library's time. \"Limit\"",
+            "is the least that the system's own calls take for the job. Below the times: the most memory that the job held at",
+            "once; where a program is started, its resident memory, and by how much it grows between the first line of its main",
+            "function and the end of the start. A size is the n of the job's name, or bytes. The log's level is 3, except where",
+            "lines are what is measured."),
+        *paragraph(f"{met} rows meet their goal.",
+                   f"Missed, with the reasons below the tables: {'; '.join(missed)}." if missed else "None misses it.")]
     if plot:
         lines += [f"![Cost against size]({plot})", ""]
     return lines + sections

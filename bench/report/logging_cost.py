@@ -1,7 +1,7 @@
 """What the log costs the jobs that write lines: the library at level 3 and at level 0."""
 import pathlib
 
-from shown import read_runs, shown_size, shown_time, size_order, split_name, table
+from shown import paragraph, read_runs, shown_size, shown_time, size_order, split_name, table
 
 TITLE, MAKE = "What the log costs", "scripts/bench --log"
 
@@ -36,9 +36,11 @@ def section(directory):
         return None
     writing = {job for (job, _), count in lines.items() if count > 0}
     quiet = list(dict.fromkeys(job for job, _ in lines if job not in writing))
-    text = [f"Made by `{MAKE}`, {date}, one repetition: the library's jobs at the level 3, at which nothing is written, and at",
-            "0, at which everything is, to /dev/null. The lines are those of the job done once, with what it takes to set it up.",
-            "", *table(["", "lines", "level 3", "level 0", "ratio"], rows), ""]
+    text = [
+        *paragraph(f"Made by `{MAKE}`, {date}, one repetition: the library's jobs at the level 3, at which nothing is written,",
+                   "and at 0, at which everything is, to /dev/null. The lines are those of the job done once, with what it takes",
+                   "to set it up."),
+        *table(["", "lines", "level 3", "level 0", "ratio"], rows), ""]
     if quiet:
-        text += [f"These write no line, so that the level makes no difference to them: {'; '.join(quiet)}.", ""]
+        text += paragraph(f"These write no line, so that the level makes no difference to them: {'; '.join(quiet)}.")
     return text

@@ -1,5 +1,6 @@
 """How figures are written, and how what Google Benchmark wrote is read."""
 import json
+import textwrap
 
 US = "Kalvoren"
 NANOSECONDS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
@@ -33,6 +34,11 @@ def shown_met(met):
 
 def size_order(size):
     return [int(word) for word in size.replace(":", "/").split("/") if word.isdigit()]
+
+
+def paragraph(*sentences):
+    """Lines of a document, and an empty one behind them."""
+    return [*textwrap.wrap(" ".join(sentences), 120, break_long_words=False, break_on_hyphens=False), ""]
 
 
 def table(columns, rows, alignment="---:"):
