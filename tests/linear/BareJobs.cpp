@@ -259,6 +259,7 @@ void SendAmong(int nAll, int nOurs) {
     };
     std::mutex mutex;
     std::vector<std::pair<std::string, Handler>> handlers;
+    handlers.reserve(static_cast<std::size_t>(nAll));
     for (int i = 0; i < nAll; ++i) {
         handlers.emplace_back(i < nOurs ? "event" : "event " + std::to_string(i), Handler());
     }
