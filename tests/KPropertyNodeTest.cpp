@@ -49,7 +49,8 @@ void* Allocate(std::size_t nSize) noexcept {
     return std::malloc(nSize > 0 ? nSize : 1);
 }
 
-void Free(void* p) noexcept {
+// Not inlined, or GCC takes it for a free() of what came from operator new.
+__attribute__((noinline)) void Free(void* p) noexcept {
     FreedBlocks::Note(p);
     std::free(p);
 }
