@@ -130,11 +130,14 @@ class Kalvoren {
     Kalvoren& operator=(const Kalvoren&) = delete;
 
     int Send(const char* pBytes, int nSize) { return m_Client.Write(pBytes, nSize); }
-    int Receive(char* pBytes, int nSize) { return m_Peer.Read(pBytes, nSize, false); }
+    int Receive(char* pBytes, int nSize) { return Get(m_Peer, pBytes, nSize); }
     int Answer(const char* pBytes, int nSize) { return m_Peer.Write(pBytes, nSize); }
-    int ReceiveAnswer(char* pBytes, int nSize) { return m_Client.Read(pBytes, nSize, false); }
+    int ReceiveAnswer(char* pBytes, int nSize) { return Get(m_Client, pBytes, nSize); }
 
  private:
+    /// Reading is -1 when all bytes have come.
+    static int Get(KNet& net, char* pBytes, int nSize) { return net.Read(pBytes, nSize, false) == -1 ? nSize : 0; }
+
     KNet m_Server;
     KNet m_Client;
     KNet m_Peer;

@@ -1,5 +1,6 @@
 """How figures are written, and how what Google Benchmark wrote is read."""
 import json
+import sys
 import textwrap
 
 US = "Kalvoren"
@@ -59,8 +60,10 @@ def read_runs(file):
     report = json.loads(file.read_text(encoding="utf-8"))
     runs = []
     for run in report["benchmarks"]:
-        if run.get("run_type") != "iteration" or "error_message" in run:
+        if run.get("run_type") != "iteration":
             continue
+        if run.get("error_occurred"):
+            sys.exit(f"report.py: {run['run_name']}: {run['error_message']}")
         job, who, size = split_name(run["run_name"])
         measure = "real_time" if run["run_name"].endswith("/real_time") else "cpu_time"
         runs.append((job, who, size, run[measure] * NANOSECONDS[run["time_unit"]], run))

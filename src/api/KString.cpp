@@ -1,5 +1,7 @@
 #include "KString.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cctype>
 #include <climits>
@@ -155,6 +157,17 @@ void KString::AssignText(const char* p, std::size_t nLen) {
     Adopt(nLen > 0 ? Duplicate(p, nLen) : nullptr, static_cast<int>(nLen));
 }
 
+namespace {
+
+/// A block of text that has room for so many bytes: the one that is there, or one that has an eighth more, so that text
+/// appended piece by piece asks for memory a few times and not for every piece. Null when the memory is lacking.
+tchar* WithRoom(tchar* pszBlock, std::size_t nSize) {
+    const std::size_t nRoom = pszBlock != nullptr ? malloc_usable_size(pszBlock) : 0;
+    return nSize <= nRoom ? pszBlock : static_cast<tchar*>(std::realloc(pszBlock, nSize + nSize / 8));
+}
+
+}  // namespace
+
 /// Appends bytes that may be this string's own.
 void KString::Append(const char* p, int n) {
     if (n < 1 || n >= INT_MAX - m_nLen) {
@@ -166,7 +179,7 @@ void KString::Append(const char* p, int n) {
         Append(copy.m_pszString, copy.m_nLen);
         return;
     }
-    tchar* const pszGrown = static_cast<tchar*>(std::realloc(m_pszString, static_cast<std::size_t>(m_nLen + n) + 1));
+    tchar* const pszGrown = WithRoom(m_pszString, static_cast<std::size_t>(m_nLen + n) + 1);
     if (pszGrown == nullptr) {
         return;
     }

@@ -665,8 +665,9 @@ const std::set<std::string> g_CannotFail = {
     // Refuses only numbers that are no signal's.
     "signal",
     // Looks at its arguments.
-    "vsscanf", "strcasecmp", "strcasestr", "strchr", "strcmp", "strlen", "strncasecmp", "strncmp", "strstr", "strcspn",
-    "strspn", "strrchr", "tolower", "toupper", "wcslen", "memchr", "memcmp", "memcpy", "memmove", "memrchr", "memset",
+    "vsscanf", "strcasecmp", "strcasestr", "strchr", "strcmp", "strlen", "malloc_usable_size", "strncasecmp", "strncmp",
+    "strstr", "strcspn", "strspn", "strrchr", "tolower", "toupper", "wcslen", "memchr", "memcmp", "memcpy", "memmove",
+    "memrchr", "memset",
     // Looks at the process.
     "getenv", "getgid", "getuid", "stderr"};
 
