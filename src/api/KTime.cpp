@@ -390,34 +390,49 @@ KTime KTime::GetCurrentTime() {
                  static_cast<char>(zone.tz_minuteswest / -15), static_cast<char>(GetDSTOffSet15Min(zone.tz_dsttime)));
 }
 
+namespace {
+
+/// What the parts of a time's text are separated by; a part without a separator is left out.
+struct TimeForm {
+    int nFormat;
+    const char* pszDate;          ///< Between year, month and day.
+    const char* pszTimeBefore;    ///< Before the time of day.
+    const char* pszTime;          ///< Between hours, minutes and seconds.
+    const char* pszMicroseconds;  ///< Before the microseconds.
+};
+constexpr TimeForm kTimeForms[] = {
+    {1, "/", "", nullptr, nullptr}, {2, nullptr, "", ":", nullptr}, {3, "/", " ", ":", nullptr},
+    {6, nullptr, "", ":", " "},     {7, "/", " ", ":", " "},        {8, "", "", "", nullptr},
+    {16, "", "", "", ""},
+};
+
+const TimeForm* FindTimeForm(int nFormat) {
+    for (const TimeForm& form : kTimeForms) {
+        if (form.nFormat == nFormat) {
+            return &form;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
 KString KTime::GetHumanTimeString(int nFormat, char gmt, char dst) const {
     const KHumanTime human = GetHumanTime(gmt, dst);
+    const TimeForm* const pForm = FindTimeForm(nFormat);
+    if (pForm == nullptr) {
+        g_Checks.Fail("KString KTime::GetHumanTimeString(int, char, char) const");
+        return KString();
+    }
     TimeText text;
-    switch (nFormat) {
-        case 1:
-            text.Date(human, "/");
-            break;
-        case 2:
-            text.TimeOfDay(human, ":");
-            break;
-        case 3:
-            text.Date(human, "/").Text(" ").TimeOfDay(human, ":");
-            break;
-        case 6:
-            text.TimeOfDay(human, ":").Text(" ").Microseconds(human);
-            break;
-        case 7:
-            text.Date(human, "/").Text(" ").TimeOfDay(human, ":").Text(" ").Microseconds(human);
-            break;
-        case 8:
-            text.Date(human, "").TimeOfDay(human, "");
-            break;
-        case 16:
-            text.Date(human, "").TimeOfDay(human, "").Microseconds(human);
-            break;
-        default:
-            g_Checks.Fail("KString KTime::GetHumanTimeString(int, char, char) const");
-            return KString();
+    if (pForm->pszDate != nullptr) {
+        text.Date(human, pForm->pszDate);
+    }
+    if (pForm->pszTime != nullptr) {
+        text.Text(pForm->pszTimeBefore).TimeOfDay(human, pForm->pszTime);
+    }
+    if (pForm->pszMicroseconds != nullptr) {
+        text.Text(pForm->pszMicroseconds).Microseconds(human);
     }
     return KString(text.Begin(), static_cast<int>(text.Length()));
 }
