@@ -264,6 +264,15 @@ TEST_F(KFileTest, OpeningAnotherPathKeepsWhatItWasMadeFor) {
     EXPECT_EQ(ContentOf(second), "kept") << "it was opened for writing";
 }
 
+TEST_F(KFileTest, AFileMadeWithoutAPathIsForReading) {
+    const std::string path = Directory().File("a", "kept");
+    KFile file;
+    ASSERT_TRUE(file.Open(PathOf(path), false));
+    ASSERT_TRUE(file.Open());
+    EXPECT_TRUE(file.Close());
+    EXPECT_EQ(ContentOf(path), "kept");
+}
+
 TEST_F(KFileTest, OpeningTakesTheTypeOfThePath) {
     KPath path = PathOf(Directory().Path());
     path.SetType(KPath::TYPE_DIRECTORY);

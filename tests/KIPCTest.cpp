@@ -720,6 +720,16 @@ TEST(KIPCTest, ClosingSharedMemoryUnmapsItClosesItsDescriptorAndRemovesItsNameOn
     }
 }
 
+TEST(KIPCTest, ClosingSharedMemoryLeavesNothingAtItsAddress) {
+    const ScopedNumber number;
+    Channel server(number);
+    ASSERT_TRUE(server.Create(true, KIPC::SHARED_MEMORY));
+    void* const pMemory = server.GetSharedMemory();
+    ASSERT_EQ(msync(pMemory, kRecordSize, MS_ASYNC), 0);
+    EXPECT_TRUE(server.Close());
+    EXPECT_EQ(msync(pMemory, kRecordSize, MS_ASYNC), -1);
+}
+
 TEST(KIPCTest, ClosingSharedMemoryTwiceOnlyRemovesTheNameAgain) {
     const ScopedNumber number;
     Channel server(number);

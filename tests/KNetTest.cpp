@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -33,6 +34,7 @@
 #include "support/FailingNew.h"
 #include "support/Hosts.h"
 #include "support/Interpose.h"
+#include "support/Process.h"
 #include "support/Support.h"
 
 namespace {
@@ -820,6 +822,24 @@ TEST(KNetTest, WithoutMemoryForTheTextTheHostFoundBeforeStays) {
     EXPECT_EQ(FoundBy(net), "2 127.0.0.5:9");
 }
 
+#if __GLIBC_PREREQ(2, 33)
+TEST(KNetTest, AHostEntryIsGivenBackWithTheLastOfItsUsers) {
+    const auto lookUpCopyAndForget = [] {
+        Net net(Tcp(9));
+        EXPECT_TRUE(net.GetHostName());
+        KNet copy(net);
+        EXPECT_TRUE(net.GetHostName());
+        copy = net;
+    };
+    lookUpCopyAndForget();  // libc keeps the first blocks for the next.
+    const std::size_t nBefore = mallinfo2().uordblks;
+    for (int i = 0; i < 100; ++i) {
+        lookUpCopyAndForget();
+    }
+    EXPECT_EQ(mallinfo2().uordblks, nBefore);
+}
+#endif
+
 TEST(KNetTest, LookUpsOfSeveralObjectsDoNotMix) {
     Net first(Udp(9, "127.0.0.2"));
     Net second(Udp(9, "127.0.0.3"));
@@ -1223,7 +1243,9 @@ TEST(KNetTest, AMulticastBindFailsWhereTheGroupCannotBeJoined) {
 TEST(KNetTest, AMulticastBindFailsWithoutAHostThatWasFound) {
     Net net(Udp(0, "239.1.2.3", KNetInfo::MULTICAST));
     ASSERT_TRUE(net.CreateSocket());
+    const ScopedCalls calls;
     EXPECT_FALSE(net.Bind());
+    EXPECT_THAT(calls.Names(), ElementsAre(kReuse, "bind 0 0.0.0.0:0 16")) << "it neither joins nor listens";
     EXPECT_EQ(net.GetError(), KNet::BIND_FAILED);
     EXPECT_EQ(net.GetSocket(), -1);
 }
@@ -1505,6 +1527,18 @@ TEST(KNetTest, ATimedConnectTakesTheMillisecondsOverWholeSecondsForMicroseconds)
     }
 }
 
+TEST(KNetTest, ASecondTimedConnectDoesNotWaitForTheSocketOfTheFirst) {
+    const ClosedPort closed;  // What is refused is ready for reading.
+    Net client(Tcp(closed.Port()));
+    ASSERT_TRUE(Prepare(client));
+    ASSERT_TRUE(client.SyncConnectWithTimedBlock(kLong));
+    {
+        const Descriptor first(client.GetSocket());
+        ASSERT_TRUE(client.CreateSocket());
+    }
+    EXPECT_TRUE(client.SyncConnectWithTimedBlock(kLong)) << "the first is closed, and cannot be waited for";
+}
+
 TEST(KNetTest, ATimedConnectEndsWhereTheServerDoesNotAnswer) {
     const FullServer server;
     Net client(Tcp(server.Port()));
@@ -1713,6 +1747,57 @@ TEST(KNetTest, ADoneConnectWithoutASocketIsTrue) {
     EXPECT_EQ(net.GetError(), KNet::NONE);
     EXPECT_TRUE(net.ASyncConnectionCheckDone(false));
     EXPECT_EQ(net.GetError(), KNet::CONNECT_FAILED);
+}
+
+// ------------------------------------------------------------------------------------------------------ Descriptor zero
+
+TEST(KNetTest, DescriptorZeroIsASocketLikeAnyOther) {
+    support::InChildProcess([] {
+        Server server;
+        Net client(Tcp(server.Port()));
+        close(STDIN_FILENO);
+        ASSERT_TRUE(Prepare(client));
+        ASSERT_EQ(client.GetSocket(), STDIN_FILENO);
+        EXPECT_TRUE(client.SyncConnectWithTimedBlock(kLong));
+        EXPECT_EQ(client.Write("x", 1), 1);
+        EXPECT_TRUE(client.DeleteSocket());
+        EXPECT_FALSE(IsOpen(STDIN_FILENO));
+        ASSERT_TRUE(client.CreateSocket());
+        ASSERT_EQ(client.GetSocket(), STDIN_FILENO);
+        ASSERT_GE(client.ASyncConnectionCheckStart(), 0);
+        EXPECT_EQ(client.ASyncConnectionChecking(kLong), 0);
+        char chByte = 0;
+        EXPECT_EQ(client.Read(&chByte, -1, false), 0);
+        EXPECT_EQ(client.GetError(), KNet::RECEIVE_FAILED);
+    });
+}
+
+TEST(KNetTest, AcceptTakesDescriptorZeroLikeAnyOther) {
+    support::InChildProcess([] {
+        Server server;
+        Net client(Tcp(server.Port()));
+        ASSERT_TRUE(Connect(client));
+        close(STDIN_FILENO);
+        Net peer;
+        EXPECT_TRUE(server.Accept(peer));
+        EXPECT_EQ(peer.GetSocket(), STDIN_FILENO);
+        EXPECT_EQ(client.Write("x", 1), 1);
+        char chByte = 0;
+        EXPECT_EQ(peer.Read(&chByte, 1, false), -1);
+    });
+}
+
+TEST(KNetTest, AServerAtDescriptorZeroAcceptsLikeAnyOther) {
+    support::InChildProcess([] {
+        close(STDIN_FILENO);
+        Server server;
+        ASSERT_EQ(server.GetSocket(), STDIN_FILENO);
+        Net client(Tcp(server.Port()));
+        ASSERT_TRUE(Connect(client));
+        Net peer;
+        EXPECT_TRUE(server.Accept(peer));
+        EXPECT_EQ(server.GetError(), KNet::NONE);
+    });
 }
 
 // ---------------------------------------------------------------------------------- Descriptors that do not fit fd_set
@@ -2076,6 +2161,20 @@ TEST(KNetTest, AnEmptyDatagramIsZeroWithoutAnError) {
     EXPECT_EQ(receiver.GetError(), KNet::NONE);
     EXPECT_EQ(TextOf(from.ip), "127.0.0.1");
     EXPECT_EQ(from.nPort, sender.Port());
+}
+
+TEST(KNetTest, ReadingNothingWithClientInfoTakesADatagramAndTellsItsSender) {
+    Receiver receiver;
+    const Bare sender(SOCK_DGRAM);
+    sender.SendTo("lost", receiver.Port());
+    Await(receiver.GetSocket(), POLLIN);
+    char buffer[1];
+    Sender from;
+    EXPECT_EQ(receiver.ReadWithClientInfo(buffer, 0, from.ip, from.nPort, false), 0);
+    EXPECT_EQ(receiver.GetError(), KNet::NONE);
+    EXPECT_EQ(from.nPort, sender.Port());
+    EXPECT_EQ(receiver.ReadWithClientInfo(buffer, 1, from.ip, from.nPort, false), 0);
+    EXPECT_EQ(receiver.GetError(), KNet::RECEIVE_FAILED) << "there was one";
 }
 
 TEST(KNetTest, ADatagramThatIsTooLongIsCut) {

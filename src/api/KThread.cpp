@@ -272,7 +272,7 @@ int KThread::ThreadMainLoop() {
 // for a body that was told to go on.
 
 bool KThread::Pause() {
-    Status eSeen = GetStatus();
+    Status eSeen = RUNNING;  // A guess: the exchange tells where it is wrong.
     while (eSeen <= PAUSED) {
         if (m_eStatus.compare_exchange_weak(eSeen, PAUSED, std::memory_order_relaxed)) {
             return true;

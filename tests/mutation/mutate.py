@@ -269,9 +269,11 @@ class Build:
 
 def sandboxed(command):
     """A command that can change nothing outside it, whatever a changed library does."""
-    return ["bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--tmpfs", "/tmp", "--tmpfs", "/var/tmp",
-            "--unshare-pid", "--unshare-net", "--unshare-ipc", "--die-with-parent", "--setenv", "TMPDIR", "/tmp",
-            "--chdir", os.path.join(BUILD, "tests"), *command]  # fmt: skip
+    # Tests of permissions write to /tmp as another user than the one that started them.
+    return ["bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--perms", "1777", "--tmpfs", "/tmp",
+            "--perms", "1777", "--tmpfs", "/var/tmp", "--unshare-pid", "--unshare-net", "--unshare-ipc",
+            "--die-with-parent", "--setenv", "TMPDIR", "/tmp", "--chdir", os.path.join(BUILD, "tests"),
+            *command]  # fmt: skip
 
 
 class Tests:

@@ -12,8 +12,6 @@
 
 #include "LeaveProcess.h"
 
-#include "LeaveProcess.h"
-
 // Sanitizers have allocators of their own, which end the program where memory is lacking.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define KALVOREN_TESTS_OWN_ALLOCATOR
