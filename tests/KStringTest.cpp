@@ -418,7 +418,6 @@ TEST(KStringTest, WhatWouldMakeTheStringLongerThanALengthCanTellIsNotAppended) {
     if (endless.Text() == nullptr) {
         GTEST_SKIP() << "there are not enough addresses here";
     }
-    ASSERT_EQ(KString::LengthOfString(endless.Text()), INT_MAX - 2);
     KString text("ab");
     text += endless.Text();
     EXPECT_EQ(Bytes(text), "ab");
