@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
+#include <functional>
 #include <memory>
 #include <new>
 #include <random>
@@ -19,6 +20,7 @@
 
 #include "KDebug.h"
 #include "KMem.h"
+#include "support/HeapUse.h"
 #include "support/LittleMemory.h"
 #include "support/Sanitizers.h"
 #include "support/Support.h"
@@ -1802,6 +1804,50 @@ TEST(KStringTest, RandomEditsKeepTheBytesOfAModelAndATerminatingNul) {
         ASSERT_EQ(Bytes(string), model) << "after step " << i;
         ASSERT_EQ(string.GetBuffer()[string.Length()], '\0');
         ASSERT_EQ(HasBuffer(string), !model.empty());
+    }
+}
+
+TEST(KStringTest, WhatIsReplacedOrDestroyedGivesItsMemoryBack) {
+    const std::string exact(10240, 'x');
+    const std::string cut(20000, 'x');
+    KString kept("kept");
+    const struct {
+        const char* pszWhat;
+        std::function<void()> use;
+    } rows[] = {
+        {"a string", [] { const KString text("text"); }},
+        {"an empty string that has a buffer", [] { const KString text = EmptyWithBuffer(); }},
+        {"assignments", [&] { kept = "other", kept = KString("another"), kept = KString(), kept = EmptyWithBuffer(); }},
+        {"appending", [] { KString("a") += KString("b"); }},
+        {"appending itself",
+         [] {
+             KString text("ab");
+             text += text;
+         }},
+        {"a short format", [&] { kept.Sprintf("%d", 5); }},
+        {"an empty format", [&] { kept.Sprintf("%s", ""); }},
+        {"a format that fits exactly", [&] { kept.Sprintf("%s", exact.c_str()); }},
+        {"a format that is cut", [&] { kept.Sprintf("%s", cut.c_str()); }},
+        {"a wide text", [] { KString::FromWideString(L"wide"); }},
+        {"a wide text of no characters", [] { KString::FromWideString(L""); }},
+        {"replacing", [] { KString("aaa").Replace("a", "bb"); }},
+        {"replacing all", [] { KString("aaa").Replace("a", ""); }},
+        {"parts", [] { KString("text").Insert(1, "x").Sub(1, 9).Trim(" x"); }},
+        {"fields",
+         [] {
+             KList<KString> fields;
+             KString("a,b,c").Divide(",", fields);
+         }},
+        {"an allocated copy",
+         [] {
+             char szText[] = "text";
+             char* pCopy = nullptr;
+             KString::AllocAndCopy(&pCopy, szText, -1);
+             KString::FreeAllocedString(&pCopy);
+         }},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(support::BytesLeftBy(row.use), 0u) << row.pszWhat;
     }
 }
 

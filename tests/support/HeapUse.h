@@ -18,7 +18,7 @@ inline std::size_t BytesInUse() {
 /// The bytes that running a piece of code many times has left allocated, for each time.
 template <typename Code>
 std::size_t BytesLeftBy(Code code) {
-    constexpr std::size_t kTimes = 1000;
+    constexpr std::size_t kTimes = 300;
     code();  // for what is kept from the first time on
     const std::size_t nBefore = BytesInUse();
     for (std::size_t i = 0; i < kTimes; ++i) {
