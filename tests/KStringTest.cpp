@@ -1397,14 +1397,15 @@ TEST(KStringTest, ReplacingATextIsFalseWhenThereIsNothingToLookForOrToPutIn) {
 }
 
 TEST(KStringTest, ReplacingATextIsFalseWhenTheResultWouldBeLongerThanALengthCanTell) {
-    const std::string source(1 << 20, 'x');
+    constexpr std::size_t kMebibyte = 1 << 20;
+    const std::string source(4096, 'x');
     KString text(source.c_str());
     // 4,294,967,296 bytes: more than an int holds, and 0 in an unsigned int.
-    EXPECT_FALSE(text.Replace("x", std::string(4096, 'y').c_str()));
-    EXPECT_TRUE(Bytes(text) == source);
+    EXPECT_FALSE(text.Replace("x", std::string(kMebibyte, 'y').c_str()));
+    EXPECT_EQ(Bytes(text), source);
     // 2,147,483,648 bytes.
-    EXPECT_FALSE(text.Replace("x", std::string(2048, 'y').c_str()));
-    EXPECT_TRUE(Bytes(text) == source);
+    EXPECT_FALSE(text.Replace("x", std::string(kMebibyte / 2, 'y').c_str()));
+    EXPECT_EQ(Bytes(text), source);
 }
 
 TEST(KStringTest, ReplacingATextInAnEmptyStringIsTrueAndLeavesItEmpty) {
