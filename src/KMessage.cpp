@@ -132,8 +132,8 @@ class Index {
 
     void RemoveAt(int nIndex) {
         Entry* const pEntry = m_pEntries + nIndex;
+        std::copy(pEntry + 1, m_pEntries + m_nCount, pEntry);
         --m_nCount;
-        std::copy(pEntry + 1, m_pEntries + m_nCount + 1, pEntry);
         if (m_nCount == 0) {
             Release();
         }

@@ -16,6 +16,7 @@
 
 #include "KString.h"
 #include "KTime.h"
+#include "support/HeapUse.h"
 #include "support/Interpose.h"
 #include "support/Sanitizers.h"
 #include "support/Support.h"
@@ -237,6 +238,11 @@ TEST_F(KDebugTest, DeinitFreesBothBlocksAndMayBeRepeated) {
         EXPECT_EQ(g_pDebugFormat, nullptr);
         EXPECT_EQ(g_pDebugBuffer, nullptr);
     }
+    const auto initAndDeinit = [] {
+        KDebug::Init();
+        KDebug::Deinit();
+    };
+    EXPECT_EQ(support::BytesLeftBy(initAndDeinit), 0u);
 }
 
 TEST_F(KDebugTest, InitTwiceMakesAnotherPairAndLeaksTheFirst) {

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/FailingNew.h"
+#include "support/HeapUse.h"
 #include "support/LittleMemory.h"
 #include "support/Sanitizers.h"
 #include "support/Support.h"
@@ -1186,6 +1187,39 @@ TEST_F(KMemTest, AnAssignmentOfAnEmptyBlockLeaksTheBytes) {
         EXPECT_EQ(BufferOf(mem), nullptr);
         EXPECT_EQ(std::string(pBytes, 3), "abc");
         delete[] pBytes;  // they are still there to be freed
+    }
+}
+
+TEST_F(KMemTest, WhatIsReplacedRemovedOrDestroyedGivesItsMemoryBack) {
+    KMem mem = MemOf("abc");
+    const KMem other = MemOf("defgh");
+    const struct {
+        const char* pszWhat;
+        std::function<void()> use;
+    } rows[] = {
+        {"a block", [] { const KMem made(3); }},
+        {"a copy", [&] { const KMem made(other); }},
+        {"an assignment", [&] { mem = other; }},
+        {"appending", [&] { KMem(mem) += other; }},
+        {"a sum", [&] { delete (mem + other); }},
+        {"removing from the left", [&] { KMem(other).RemoveLBuffer(2); }},
+        {"removing all",
+         [&] {
+             KMem made(other);
+             made.RemoveAll();
+         }},
+        {"raw blocks",
+         [] {
+             void* pBlock = KMem::Malloc(40);
+             pBlock = KMem::Realloc(pBlock, 4000);
+             KMem::Free(&pBlock);
+             pBlock = KMem::Calloc(3, 40);
+             KMem::Free(&pBlock);
+         }},
+        {"a registry", [] { Drop(); }},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(support::BytesLeftBy(row.use), 0u) << row.pszWhat;
     }
 }
 

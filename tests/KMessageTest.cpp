@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -14,7 +15,9 @@
 #include "KMem.h"
 #include "KMessage.h"
 #include "support/FailingNew.h"
+#include "support/HeapUse.h"
 #include "support/Interpose.h"
+#include "support/LittleMemory.h"
 #include "support/LogLines.h"
 #include "support/MutexCalls.h"
 #include "support/Process.h"
@@ -406,6 +409,70 @@ TEST(KMessageTest, ARegistrationWithoutMemoryForItsNameIsTrueAndLeavesNothing) {
     Send("memory-second", "c");
     EXPECT_THAT(notes, ElementsAre("earlier:a", "second:c"));
     EXPECT_FALSE(first.Unregister("memory-first"));
+}
+
+TEST(KMessageTest, RegistrationsThatAreGoneLeaveNothingAllocated) {
+    Listener::Notes notes;
+    Listener listener("L", notes);
+    KString name("KMessageTest/allocated");
+    EXPECT_EQ(support::BytesLeftBy([&] {
+                  KMessageHandler::Register(&listener, name);
+                  KMessageHandler::Unregister(&listener, name);
+              }),
+              0u);
+}
+
+TEST(KMessageTest, ARegistrationWithoutMemoryAmongManyIsTrueAndLeavesNothing) {
+    constexpr int kRegistrations = 2000;
+    Listener::Notes notes;
+    Listener listener("L", notes);
+    const auto nameOf = [](int i) { return KString(("KMessageTest/many/" + std::to_string(10000 + i)).c_str()); };
+    std::vector<KString> names;
+    for (int i = 0; i < kRegistrations; ++i) {
+        names.push_back(nameOf(i));
+    }
+    std::vector<void*> small(8 * kRegistrations);
+    const int nStep = support::InLittleMemory([&] {
+        // Small blocks are left, large ones are not: what is the largest is the first that cannot be had.
+        for (void*& pBlock : small) {
+            pBlock = std::malloc(48);
+        }
+        void* volatile pTaken = nullptr;
+        for (std::size_t nSize = 1 << 24; nSize > 1000; nSize /= 2) {
+            do {
+                pTaken = std::malloc(nSize);
+            } while (pTaken != nullptr);
+        }
+        for (std::size_t i = 0; i < small.size(); i += 2) {
+            std::free(small[i]);
+        }
+        int nRegistered = 0;
+        const KMessage message;
+        for (KString& name : names) {
+            if (!KMessageHandler::Register(&listener, name)) {
+                return 1;
+            }
+            notes.clear();
+            KMessageHandler::SendMessage(name, message);
+            if (notes.empty()) {
+                break;
+            }
+            ++nRegistered;
+        }
+        if (nRegistered == kRegistrations) {
+            return 2;
+        }
+        for (int i = 0; i < kRegistrations; ++i) {
+            if (KMessageHandler::Unregister(&listener, names[static_cast<std::size_t>(i)]) != (i < nRegistered)) {
+                return 3;
+            }
+        }
+        return 0;
+    });
+    if (nStep == support::kMemoryCannotBeLimited) {
+        GTEST_SKIP() << "memory cannot be limited here";
+    }
+    EXPECT_EQ(nStep, 0);
 }
 
 TEST(KMessageTest, TheNameIsCopiedAtTheRegistration) {

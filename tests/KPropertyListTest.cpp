@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "KPath.h"
+#include "support/HeapUse.h"
 #include "support/LogLines.h"
 #include "support/PropertyTree.h"
 #include "support/Support.h"
@@ -490,6 +491,25 @@ TEST(KPropertyListTest, InitReadsTheProcesssListOnce) {
     const ScopedInstance instance(second);
     const ScopedChecks checks(true);
     EXPECT_EQ(DumpOfInstance(), "key(second)");
+}
+
+TEST(KPropertyListTest, WhatWasReadGivesItsMemoryBackWhereverTheReadEnded) {
+    const ScopedChecks checks(false);
+    const ScopedLevel silent(kNoLines);
+    const ScopedDirectory directory;
+    const std::string text = "<plist><dict><key>a</key><array><string>x</string><true/></array></dict></plist>";
+    for (std::size_t nLength = 0; nLength <= text.size(); ++nLength) {
+        const KString part = StringOf(text.substr(0, nLength));
+        EXPECT_EQ(support::BytesLeftBy([&part] { const ReadList list(part); }), 0u) << part.GetBuffer();
+    }
+    const KPath file(directory.File("list", text).c_str());
+    EXPECT_EQ(support::BytesLeftBy([&file] { const ReadList list(file); }), 0u);
+    EXPECT_EQ(support::BytesLeftBy([&file] {
+                  KPropertyList::Init(file);
+                  DestroyChildren(*KPropertyList::GetInstance()->GetRoot());
+                  KPropertyList::Deinit();
+              }),
+              0u);
 }
 
 TEST(KPropertyListTest, InitFromAFileThatIsNotThereMakesAnEmptyList) {

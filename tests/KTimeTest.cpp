@@ -557,6 +557,12 @@ TEST(KTimeTest, TimesAreEqualInTheSameSecondAndOrderedByTheirMicroseconds) {
         EXPECT_EQ(right > left, test.fgLess);
         EXPECT_EQ(right <= left, !test.fgLess);
         EXPECT_EQ(right >= left, !test.fgGreater);
+        const KUnixTime leftRecord = Unix(test.nSec, test.nUSec);
+        EXPECT_EQ(right == leftRecord, test.fgEqual);
+        EXPECT_EQ(right < leftRecord, test.fgGreater);
+        EXPECT_EQ(right > leftRecord, test.fgLess);
+        EXPECT_EQ(right <= leftRecord, !test.fgLess);
+        EXPECT_EQ(right >= leftRecord, !test.fgGreater);
     }
 }
 
