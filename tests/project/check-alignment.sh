@@ -13,7 +13,7 @@ cat >"${scratch}/access.cpp" <<'END'
 #include <cstdlib>
 int main(int, char** argv) {
     alignas(8) static char bytes[16] = "";
-    volatile int* const pNumber = reinterpret_cast<volatile int*>(bytes + std::atoi(argv[1]));
+    const int* const pNumber = reinterpret_cast<const int*>(bytes + std::atoi(argv[1]));
     return *pNumber;
 }
 END

@@ -666,8 +666,8 @@ const std::set<std::string> g_CannotFail = {
     "signal",
     // Looks at its arguments.
     "vsscanf", "strcasecmp", "strcasestr", "strchr", "strcmp", "strlen", "malloc_usable_size", "strncasecmp", "strncmp",
-    "strstr", "strcspn", "strspn", "strrchr", "tolower", "toupper", "wcslen", "memchr", "memcmp", "memcpy", "memmove",
-    "memrchr", "memset",
+    "strstr", "strcspn", "strspn", "strrchr", "tolower", "toupper", "wcslen", "bcmp", "memchr", "memcmp", "memcpy",
+    "memmove", "memrchr", "memset",
     // Looks at the process.
     "getenv", "getgid", "getuid", "stderr"};
 
