@@ -306,6 +306,7 @@ TEST_F(KMemTest, EveryFirstEntryMakesTheRegistry) {
 
 TEST_F(KMemTest, WithoutMemoryForTheRegistryNothingIsEnteredAndWithTheChecksOffAllElseWorks) {
     const int nStep = support::InLittleMemory([] {
+        void* volatile pSmall = std::malloc(3);
         // The heap may still hold enough.
         void* volatile pTaken = nullptr;
         for (std::size_t nSize = sizeof(WholeRegistry); nSize > 1000; nSize /= 2) {
@@ -313,6 +314,7 @@ TEST_F(KMemTest, WithoutMemoryForTheRegistryNothingIsEnteredAndWithTheChecksOffA
                 pTaken = std::malloc(nSize);
             } while (pTaken != nullptr);
         }
+        std::free(pSmall);  // What is left of the heap may be less than even this.
         if (KMem::Init() || KMem::Add(AsObject(Address(1))) || KMem::AddForNonClass(Address(1), 1)) {
             return 1;
         }
