@@ -114,6 +114,13 @@ class Program {
 
     void Signal(int nSignal) const { kill(m_nProcess, nSignal); }
 
+    /// Stops all threads of the program where they are, which takes a moment.
+    void Hold() const {
+        Signal(SIGSTOP);
+        siginfo_t info = {};
+        EXPECT_EQ(waitid(P_PID, static_cast<id_t>(m_nProcess), &info, WSTOPPED), 0);
+    }
+
     bool HasEnded() {
         if (!m_fgEnded && waitpid(m_nProcess, &m_nStatus, WNOHANG) == m_nProcess) {
             m_fgEnded = true;
@@ -862,7 +869,7 @@ TEST(CameraServiceTest, TheWatchedStatusIsOneLineDrawnAnewUntilTheCameraEnds) {
 TEST(CameraServiceTest, ACameraThatHangsDoesNotHoldUpItsControl) {
     Camera camera;
     camera.Port();
-    camera.Process().Signal(SIGSTOP);
+    camera.Process().Hold();
     std::string answer;
     EXPECT_EQ(camera.Control({"rotate"}, answer), 1);
     EXPECT_EQ(answer, "camera-ctl: the camera does not answer\n");
