@@ -1005,7 +1005,8 @@ int Sign(int n) {
 
 TEST_F(KMemTest, CmpComparesBytesWithoutASign) {
     const ScopedChecks checks(true);
-    const std::string texts[] = {"aaa", "aab", "a\0b", std::string("\x80\x00\x01", 3), std::string("\xFF\x7F\x00", 3)};
+    const std::string texts[] = {"aaa", "aab", std::string("a\0b", 3), std::string("\x80\x00\x01", 3),
+                                 std::string("\xFF\x7F\x00", 3)};
     for (const std::string& left : texts) {
         for (const std::string& right : texts) {
             EXPECT_EQ(Sign(KMem::Cmp(left.data(), right.data(), 3)), Sign(left.compare(0, 3, right, 0, 3)));
