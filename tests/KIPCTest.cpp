@@ -79,6 +79,14 @@ std::string SharedNameOf(int nIndex) {
     return "/KALVOREN_IPC_" + std::to_string(nIndex);
 }
 
+struct stat StatusOfSharedMemory(int nIndex) {
+    struct stat status = {};
+    const int nDescriptor = shm_open(SharedNameOf(nIndex).c_str(), O_RDONLY, 0);
+    EXPECT_EQ(fstat(nDescriptor, &status), 0);
+    close(nDescriptor);
+    return status;
+}
+
 bool SharedNameExists(int nIndex) {
     const int nDescriptor = shm_open(SharedNameOf(nIndex).c_str(), O_RDONLY, 0);
     if (nDescriptor >= 0) {
@@ -170,6 +178,12 @@ class SocketChannel : public KIPC {
 
 std::string SocketFile(const ScopedDirectory& directory, int nIndex = 7) {
     return directory.Entry("channel_" + std::to_string(nIndex));
+}
+
+struct stat StatusOfSocketFile(const ScopedDirectory& directory) {
+    struct stat status = {};
+    EXPECT_EQ(stat(SocketFile(directory).c_str(), &status), 0);
+    return status;
 }
 
 /// A record whose every byte depends on its place and on a number.
@@ -527,11 +541,7 @@ TEST(KIPCTest, ASharedMemoryServerMakesAZeroedObjectOf520Bytes) {
     EXPECT_TRUE(server.Create(true, KIPC::SHARED_MEMORY));
     EXPECT_TRUE(server.IsServer());
     EXPECT_EQ(server.GetType(), KIPC::SHARED_MEMORY);
-    struct stat status = {};
-    const int nDescriptor = shm_open(SharedNameOf(number).c_str(), O_RDONLY, 0);
-    EXPECT_EQ(fstat(nDescriptor, &status), 0);
-    close(nDescriptor);
-    EXPECT_EQ(status.st_size, 520);
+    EXPECT_EQ(StatusOfSharedMemory(number).st_size, 520);
     const auto* const pBytes = static_cast<unsigned char*>(server.GetSharedMemory());
     ASSERT_NE(pBytes, nullptr);
     EXPECT_THAT(std::vector<unsigned char>(pBytes, pBytes + kRecordSize), Each(0));
@@ -543,11 +553,7 @@ TEST(KIPCTest, WhoMayOpenSharedMemoryIsEverybodyLessTheProcesssMask) {
         const ScopedNumber number;
         Channel server(number);
         EXPECT_TRUE(server.Create(true, KIPC::SHARED_MEMORY));
-        struct stat status = {};
-        const int nDescriptor = shm_open(SharedNameOf(number).c_str(), O_RDONLY, 0);
-        EXPECT_EQ(fstat(nDescriptor, &status), 0);
-        close(nDescriptor);
-        EXPECT_EQ(status.st_mode & 07777, 0666 & ~nMask);
+        EXPECT_EQ(StatusOfSharedMemory(number).st_mode & 07777, 0666 & ~nMask);
     }
 }
 
@@ -912,9 +918,7 @@ TEST(KIPCTest, ALocalSocketIsMadeBoundAndListenedOnWhicheverTheSide) {
         EXPECT_EQ(t_Given.nBacklog, 1000);
         EXPECT_TRUE(channel.IsCreated());
         EXPECT_EQ(channel.IsServer(), fgServer);
-        struct stat status = {};
-        EXPECT_EQ(stat(SocketFile(directory).c_str(), &status), 0);
-        EXPECT_TRUE(S_ISSOCK(status.st_mode));
+        EXPECT_TRUE(S_ISSOCK(StatusOfSocketFile(directory).st_mode));
     }
 }
 
@@ -973,9 +977,7 @@ TEST(KIPCTest, ASocketFileThatIsThereIsReplaced) {
     directory.File("channel_7", "not a socket");
     SocketChannel channel(directory);
     EXPECT_TRUE(channel.Create(true, KIPC::LOCAL_SOCKET));
-    struct stat status = {};
-    EXPECT_EQ(stat(SocketFile(directory).c_str(), &status), 0);
-    EXPECT_TRUE(S_ISSOCK(status.st_mode));
+    EXPECT_TRUE(S_ISSOCK(StatusOfSocketFile(directory).st_mode));
 }
 
 TEST(KIPCTest, WhoMayConnectToALocalSocketIsEverybodyLessTheProcesssMask) {
@@ -984,9 +986,7 @@ TEST(KIPCTest, WhoMayConnectToALocalSocketIsEverybodyLessTheProcesssMask) {
         const ScopedDirectory directory;
         SocketChannel channel(directory);
         EXPECT_TRUE(channel.Create(true, KIPC::LOCAL_SOCKET));
-        struct stat status = {};
-        EXPECT_EQ(stat(SocketFile(directory).c_str(), &status), 0);
-        EXPECT_EQ(status.st_mode & 07777, 0777 & ~nMask);
+        EXPECT_EQ(StatusOfSocketFile(directory).st_mode & 07777, 0777 & ~nMask);
     }
 }
 
@@ -1075,13 +1075,10 @@ TEST(KIPCTest, AClientMadeThroughCreateTakesTheSocketFileFromTheServerAndCannotC
     SocketChannel server(directory);
     SocketChannel taker(directory);
     SocketChannel late(directory);
-    struct stat before = {};
-    struct stat after = {};
     EXPECT_TRUE(server.Create(true, KIPC::LOCAL_SOCKET));
-    EXPECT_EQ(stat(SocketFile(directory).c_str(), &before), 0);
+    const ino_t nBefore = StatusOfSocketFile(directory).st_ino;
     EXPECT_TRUE(taker.Create(false, KIPC::LOCAL_SOCKET));
-    EXPECT_EQ(stat(SocketFile(directory).c_str(), &after), 0);
-    EXPECT_NE(before.st_ino, after.st_ino);
+    EXPECT_NE(StatusOfSocketFile(directory).st_ino, nBefore);
     EXPECT_FALSE(taker.ConnectToServer());
     // Whoever connects from now on waits at the taker, who is no server and accepts nobody.
     EXPECT_TRUE(late.CreateClient());

@@ -339,11 +339,12 @@ void DeleteContents(DIR* pDirectory, const KPath& path) {
         std::perror("Couldn't open the directory");
         return;
     }
+    const int nDirectory = dirfd(pDirectory);
     const std::unique_ptr<KPath> pChild(new (std::nothrow) KPath());
     while (const dirent* const pEntry = pChild != nullptr ? readdir(pDirectory) : nullptr) {
         // Without memory for its path an entry stays, and its directory with it.
         if (SetChild(*pChild, path, pEntry->d_name)) {
-            DeleteEntry({dirfd(pDirectory), pEntry->d_name}, *pChild);
+            DeleteEntry({nDirectory, pEntry->d_name}, *pChild);
         }
     }
     closedir(pDirectory);

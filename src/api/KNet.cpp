@@ -329,18 +329,12 @@ int KNet::GetSocket() const {
 
 /// Whether there is a record; sets the error where there is none.
 bool KNet::HasInfo(const char* pszSignature) {
-    if (!g_Checks.Hold(pInfo != nullptr, "pInfo", pszSignature)) {
-        return Fail(NO_SOCKET);
-    }
-    return true;
+    return g_Checks.Hold(pInfo != nullptr, "pInfo", pszSignature) || Fail(NO_SOCKET);
 }
 
 /// Whether there is a socket; sets the error where there is none.
 bool KNet::HasSocket() {
-    if (pInfo->nSocket < 0) {
-        return Fail(NO_SOCKET);
-    }
-    return true;
+    return pInfo->nSocket >= 0 || Fail(NO_SOCKET);
 }
 
 bool KNet::Fail(NetError eError) {
@@ -364,10 +358,7 @@ bool KNet::GetHostName() {
         SharedHost::Release(pInfo->pHost);
         pInfo->pHost = lookup.Entry() != nullptr ? SharedHost::Make(*lookup.Entry()) : nullptr;
     }
-    if (pInfo->pHost == nullptr) {
-        return Fail(HOST_NOT_FOUND);
-    }
-    return true;
+    return pInfo->pHost != nullptr || Fail(HOST_NOT_FOUND);
 }
 
 namespace {
@@ -439,10 +430,7 @@ bool KNet::PrepareCasting() {
             if (!fgUdp) {
                 return Fail(CASTING_NEEDS_UDP);
             }
-            if (!SetOption(pInfo->nSocket, IPPROTO_IP, IP_MULTICAST_LOOP, 0)) {
-                return FailAndClose(MULTICAST_FAILED);
-            }
-            return true;
+            return SetOption(pInfo->nSocket, IPPROTO_IP, IP_MULTICAST_LOOP, 0) || FailAndClose(MULTICAST_FAILED);
         case KNetInfo::BROADCAST:
             if (!fgUdp) {
                 return Fail(CASTING_NEEDS_UDP);
@@ -501,10 +489,7 @@ bool KNet::JoinGroup() {
 }
 
 bool KNet::BindTest() {
-    if (!Bind()) {
-        return false;
-    }
-    return DeleteSocket();
+    return Bind() && DeleteSocket();
 }
 
 bool KNet::Accept(KNet& client) {
@@ -558,10 +543,7 @@ bool KNet::SyncConnectWithBlock() {
     if (!HasInfo("bool KNet::SyncConnectWithBlock()") || !HasSocket()) {
         return false;
     }
-    if (!SetTargetAddress() || !Connect()) {
-        return FailAndClose(CONNECT_FAILED);
-    }
-    return true;
+    return (SetTargetAddress() && Connect()) || FailAndClose(CONNECT_FAILED);
 }
 
 bool KNet::SyncConnectWithTimedBlock(int nMilliseconds) {

@@ -220,10 +220,7 @@ bool KThread::Start(int nSpeed, Priority ePriority, int nStackSize, Callback) {
 }
 
 bool KThread::ReStart(int nSpeed, Priority ePriority, int nStackSize, Callback callback) {
-    if (!Stop()) {
-        return false;
-    }
-    return Start(nSpeed, ePriority, nStackSize, callback);
+    return Stop() && Start(nSpeed, ePriority, nStackSize, callback);
 }
 
 bool KThread::Stop() {

@@ -11,15 +11,7 @@
 #include <cstring>
 
 #include "LeaveProcess.h"
-
-// Sanitizers have allocators of their own, which end the program where memory is lacking.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define KALVOREN_TESTS_OWN_ALLOCATOR
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define KALVOREN_TESTS_OWN_ALLOCATOR
-#endif
-#endif
+#include "Sanitizers.h"
 
 namespace support {
 
@@ -41,7 +33,8 @@ constexpr int kDiedOfLittleMemory = 78;
 /// kMemoryCannotBeLimited where the system, a sanitizer or valgrind does not let a process be limited; skip the test then.
 template <typename Code>
 int InLittleMemory(Code code) {
-#ifdef KALVOREN_TESTS_OWN_ALLOCATOR
+#if KALVOREN_WITH_ASAN || KALVOREN_WITH_TSAN
+    // They have allocators of their own, which end the program where memory is lacking.
     static_cast<void>(code);
     return kMemoryCannotBeLimited;
 #else
