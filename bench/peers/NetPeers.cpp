@@ -38,77 +38,13 @@ int PortOf(int nSocket) {
     return ntohs(address.sin_port);
 }
 
-// --------------------------------------------------------------------------------------------- Records, both ways
+// ----------------------------------------------------------------------------------------------------- The connections
 
-void RecordKalvoren(benchmark::State& state) {
-    const ScratchDirectory directory;
-    KIPC server;
-    KIPC client;
-    KIPC peer;
-    for (KIPC* const pChannel : {&server, &client, &peer}) {
-        pChannel->SetIndex(1);
-        pChannel->SetType(KIPC::LOCAL_SOCKET);
-        pChannel->SetPath(KPath(directory.Path().c_str()));
-    }
-    server.Create(true, KIPC::LOCAL_SOCKET);
-    client.CreateClient();
-    if (!client.ConnectToServer() || !server.WaitForConnectToMe(peer)) {
-        state.SkipWithError("no connection");
-    }
-    KIPC::IPCData data = {};
-    for (auto _ : state) {
-        bool fgWhole = client.Write(data) && peer.Read(data) && peer.Write(data) && client.Read(data);
-        benchmark::DoNotOptimize(fgWhole);
-    }
-}
-BENCHMARK(RecordKalvoren)->Name("a 520-byte record there and back|Kalvoren");
-
-void RecordLimit(benchmark::State& state) {
-    int nEnds[2] = {};
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, nEnds) != 0) {
-        state.SkipWithError("no connection");
-    }
-    char record[520] = {};
-    for (auto _ : state) {
-        ssize_t nSum = send(nEnds[0], record, sizeof record, 0);
-        nSum += recv(nEnds[1], record, sizeof record, 0);
-        nSum += send(nEnds[1], record, sizeof record, 0);
-        nSum += recv(nEnds[0], record, sizeof record, 0);
-        benchmark::DoNotOptimize(nSum);
-    }
-    close(nEnds[0]);
-    close(nEnds[1]);
-}
-BENCHMARK(RecordLimit)->Name("a 520-byte record there and back|limit: send, recv");
-
-#ifdef KALVOREN_PEER_POCO
-void RecordPoco(benchmark::State& state) {
-    const ScratchDirectory directory;
-    Poco::Net::ServerSocket server;
-    const Poco::Net::SocketAddress address(Poco::Net::SocketAddress::UNIX_LOCAL, directory.Path() + "/socket");
-    server.bind(address);
-    server.listen();
-    Poco::Net::StreamSocket client(address);
-    Poco::Net::StreamSocket peer = server.acceptConnection();
-    char record[520] = {};
-    constexpr int kSize = sizeof record;
-    for (auto _ : state) {
-        int nSum = client.sendBytes(record, kSize) + peer.receiveBytes(record, kSize);
-        nSum += peer.sendBytes(record, kSize) + client.receiveBytes(record, kSize);
-        if (nSum != 4 * kSize) {
-            state.SkipWithError("bytes were lost");
-        }
-    }
-}
-BENCHMARK(RecordPoco)->Name("a 520-byte record there and back|POCO");
-#endif
-
-// ------------------------------------------------------------------------------------------------------------ TCP
-
-/// Each kind of connection has the two ends as sockets, and `Echo` and `Pass`, which move so many bytes.
-class Kalvoren {
+/// Each kind of connection has two ends, and moves so many bytes from the one to the other or back. What moves them tells
+/// how many.
+class KalvorenTcp {
  public:
-    Kalvoren() {
+    KalvorenTcp() {
         KNetInfo info(KNetInfo::IPV4, KNetInfo::TCP, KNetInfo::UNICAST, kLocal, 0);
         m_Server.SetConnectionInfo(info, 0);
         m_Server.CreateSocket();
@@ -121,13 +57,13 @@ class Kalvoren {
         DoNotDelay(m_Client.GetSocket());
         DoNotDelay(m_Peer.GetSocket());
     }
-    ~Kalvoren() {
+    ~KalvorenTcp() {
         m_Client.DeleteSocket();
         m_Peer.DeleteSocket();
         m_Server.DeleteSocket();
     }
-    Kalvoren(const Kalvoren&) = delete;
-    Kalvoren& operator=(const Kalvoren&) = delete;
+    KalvorenTcp(const KalvorenTcp&) = delete;
+    KalvorenTcp& operator=(const KalvorenTcp&) = delete;
 
     int Send(const char* pBytes, int nSize) { return m_Client.Write(pBytes, nSize); }
     int Receive(char* pBytes, int nSize) { return Get(m_Peer, pBytes, nSize); }
@@ -143,9 +79,67 @@ class Kalvoren {
     KNet m_Peer;
 };
 
+/// Moves records of a size of its own.
+class KalvorenLocal {
+ public:
+    KalvorenLocal() {
+        for (KIPC* const pChannel : {&m_Server, &m_Client, &m_Peer}) {
+            pChannel->SetIndex(1);
+            pChannel->SetType(KIPC::LOCAL_SOCKET);
+            pChannel->SetPath(KPath(m_Directory.Path().c_str()));
+        }
+        m_Server.Create(true, KIPC::LOCAL_SOCKET);
+        m_Client.CreateClient();
+        if (m_Client.ConnectToServer()) {
+            m_Server.WaitForConnectToMe(m_Peer);
+        }
+    }
+
+    int Send(const char*, int nSize) { return m_Client.Write(m_Data) ? nSize : 0; }
+    int Receive(char*, int nSize) { return m_Peer.Read(m_Data) ? nSize : 0; }
+    int Answer(const char*, int nSize) { return m_Peer.Write(m_Data) ? nSize : 0; }
+    int ReceiveAnswer(char*, int nSize) { return m_Client.Read(m_Data) ? nSize : 0; }
+
+ private:
+    ScratchDirectory m_Directory;
+    KIPC m_Server;
+    KIPC m_Client;
+    KIPC m_Peer;
+    KIPC::IPCData m_Data = {};
+};
+
 class Bare {
  public:
-    Bare() {
+    Bare(const Bare&) = delete;
+    Bare& operator=(const Bare&) = delete;
+
+    int Send(const char* pBytes, int nSize) { return Put(m_nClient, pBytes, nSize); }
+    int Receive(char* pBytes, int nSize) { return Get(m_nPeer, pBytes, nSize); }
+    int Answer(const char* pBytes, int nSize) { return Put(m_nPeer, pBytes, nSize); }
+    int ReceiveAnswer(char* pBytes, int nSize) { return Get(m_nClient, pBytes, nSize); }
+
+ protected:
+    Bare() = default;
+    ~Bare() {
+        close(m_nClient);
+        close(m_nPeer);
+    }
+
+    int m_nClient = -1;
+    int m_nPeer = -1;
+
+ private:
+    static int Put(int nSocket, const char* pBytes, int nSize) {
+        return static_cast<int>(send(nSocket, pBytes, static_cast<std::size_t>(nSize), 0));
+    }
+    static int Get(int nSocket, char* pBytes, int nSize) {
+        return static_cast<int>(recv(nSocket, pBytes, static_cast<std::size_t>(nSize), 0));
+    }
+};
+
+class BareTcp : public Bare {
+ public:
+    BareTcp() {
         const int nServer = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address = {};
         address.sin_family = AF_INET;
@@ -161,57 +155,69 @@ class Bare {
         DoNotDelay(m_nClient);
         DoNotDelay(m_nPeer);
     }
-    ~Bare() {
-        close(m_nClient);
-        close(m_nPeer);
-    }
-    Bare(const Bare&) = delete;
-    Bare& operator=(const Bare&) = delete;
+};
 
-    int Send(const char* pBytes, int nSize) { return Put(m_nClient, pBytes, nSize); }
-    int Receive(char* pBytes, int nSize) { return Get(m_nPeer, pBytes, nSize); }
-    int Answer(const char* pBytes, int nSize) { return Put(m_nPeer, pBytes, nSize); }
-    int ReceiveAnswer(char* pBytes, int nSize) { return Get(m_nClient, pBytes, nSize); }
-
- private:
-    static int Put(int nSocket, const char* pBytes, int nSize) {
-        return static_cast<int>(send(nSocket, pBytes, static_cast<std::size_t>(nSize), 0));
+class BareLocal : public Bare {
+ public:
+    BareLocal() {
+        int nEnds[2] = {-1, -1};
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, nEnds) == 0) {
+            m_nClient = nEnds[0];
+            m_nPeer = nEnds[1];
+        }
     }
-    static int Get(int nSocket, char* pBytes, int nSize) {
-        return static_cast<int>(recv(nSocket, pBytes, static_cast<std::size_t>(nSize), 0));
-    }
-
-    int m_nClient = -1;
-    int m_nPeer = -1;
 };
 
 #ifdef KALVOREN_PEER_POCO
-class Poco_ {
+class PocoEnds {
  public:
-    Poco_() {
-        Poco::Net::ServerSocket server(Poco::Net::SocketAddress(kLocal, 0));
-        m_Client.connect(server.address());
-        m_Peer = server.acceptConnection();
-        m_Client.setNoDelay(true);
-        m_Peer.setNoDelay(true);
-    }
-
     int Send(const char* pBytes, int nSize) { return m_Client.sendBytes(pBytes, nSize); }
     int Receive(char* pBytes, int nSize) { return m_Peer.receiveBytes(pBytes, nSize); }
     int Answer(const char* pBytes, int nSize) { return m_Peer.sendBytes(pBytes, nSize); }
     int ReceiveAnswer(char* pBytes, int nSize) { return m_Client.receiveBytes(pBytes, nSize); }
 
- private:
+ protected:
+    PocoEnds() = default;
+
+    void Connect(Poco::Net::ServerSocket& server) {
+        m_Client.connect(server.address());
+        m_Peer = server.acceptConnection();
+    }
+
     Poco::Net::StreamSocket m_Client;
     Poco::Net::StreamSocket m_Peer;
 };
+
+class PocoTcp : public PocoEnds {
+ public:
+    PocoTcp() {
+        Poco::Net::ServerSocket server(Poco::Net::SocketAddress(kLocal, 0));
+        Connect(server);
+        m_Client.setNoDelay(true);
+        m_Peer.setNoDelay(true);
+    }
+};
+
+class PocoLocal : public PocoEnds {
+ public:
+    PocoLocal() {
+        Poco::Net::ServerSocket server;
+        server.bind(Poco::Net::SocketAddress(Poco::Net::SocketAddress::UNIX_LOCAL, m_Directory.Path() + "/socket"));
+        server.listen();
+        Connect(server);
+    }
+
+ private:
+    ScratchDirectory m_Directory;
+};
 #endif
 
-template <class Connection>
+// ------------------------------------------------------------------------------------------------------------ The jobs
+
+template <class Connection, int kSize>
 void Echo(benchmark::State& state) {
     Connection connection;
-    char bytes[64] = {};
-    constexpr int kSize = sizeof bytes;
+    char bytes[kSize] = {};
     for (auto _ : state) {
         int nSum = connection.Send(bytes, kSize) + connection.Receive(bytes, kSize);
         nSum += connection.Answer(bytes, kSize) + connection.ReceiveAnswer(bytes, kSize);
@@ -239,13 +245,16 @@ void Stream(benchmark::State& state) {
     }
 }
 
-BENCHMARK_TEMPLATE(Echo, Kalvoren)->Name("64 bytes over TCP and back|Kalvoren");
-BENCHMARK_TEMPLATE(Echo, Bare)->Name("64 bytes over TCP and back|limit: send, recv");
-BENCHMARK_TEMPLATE(Stream, Kalvoren)->Name("64 KiB over TCP|Kalvoren");
-BENCHMARK_TEMPLATE(Stream, Bare)->Name("64 KiB over TCP|limit: send, recv");
+BENCHMARK_TEMPLATE(Echo, KalvorenLocal, sizeof(KIPC::IPCData))->Name("a 520-byte record there and back|Kalvoren");
+BENCHMARK_TEMPLATE(Echo, BareLocal, sizeof(KIPC::IPCData))->Name("a 520-byte record there and back|limit: send, recv");
+BENCHMARK_TEMPLATE(Echo, KalvorenTcp, 64)->Name("64 bytes over TCP and back|Kalvoren");
+BENCHMARK_TEMPLATE(Echo, BareTcp, 64)->Name("64 bytes over TCP and back|limit: send, recv");
+BENCHMARK_TEMPLATE(Stream, KalvorenTcp)->Name("64 KiB over TCP|Kalvoren");
+BENCHMARK_TEMPLATE(Stream, BareTcp)->Name("64 KiB over TCP|limit: send, recv");
 #ifdef KALVOREN_PEER_POCO
-BENCHMARK_TEMPLATE(Echo, Poco_)->Name("64 bytes over TCP and back|POCO");
-BENCHMARK_TEMPLATE(Stream, Poco_)->Name("64 KiB over TCP|POCO");
+BENCHMARK_TEMPLATE(Echo, PocoLocal, sizeof(KIPC::IPCData))->Name("a 520-byte record there and back|POCO");
+BENCHMARK_TEMPLATE(Echo, PocoTcp, 64)->Name("64 bytes over TCP and back|POCO");
+BENCHMARK_TEMPLATE(Stream, PocoTcp)->Name("64 KiB over TCP|POCO");
 #endif
 
 }  // namespace
