@@ -62,6 +62,22 @@ is_preset() {
     [[ " $(preset_names) " == *" $1 "* ]]
 }
 
+# packages_of PRESET: what it needs to be built and tested, in Debian packages.
+packages_of() {
+    # What looks at the built library, at its packages and at the documentation.
+    local inspection="abigail-tools lintian dpkg-dev file python3 pkg-config"
+    echo "${BUILD_PACKAGES[*]} googletest"
+    case $1 in
+        dev | release) echo "libbenchmark-dev clang clang-format ${inspection} gdb doxygen valgrind ${CAMERA_PACKAGES[*]}" ;;
+        clang) echo "libbenchmark-dev pkg-config clang clang-format ${CAMERA_PACKAGES[*]}" ;;
+        asan | tsan) echo "${CAMERA_PACKAGES[*]}" ;;
+        ubsan) echo "clang ${CAMERA_PACKAGES[*]}" ;;
+        coverage) echo "gcovr ${CAMERA_PACKAGES[*]}" ;;
+        fuzz) echo "clang" ;;
+        arm | arm-release) echo "g++-arm-linux-gnueabihf qemu-user ${inspection} gdb-multiarch" ;;
+    esac
+}
+
 # configure_preset PRESET [CMAKE-OPTION...]
 configure_preset() {
     (cd "${ROOT}" && cmake --preset "$@" --log-level=WARNING >/dev/null)
@@ -72,13 +88,18 @@ configure_demo() {
     configure_preset release -B build/demo -DKALVOREN_BUILD_TESTS=OFF -DKALVOREN_BUILD_BENCHMARKS=OFF
 }
 
+# build_preset PRESET [TARGET...]
 build_preset() {
-    cmake --build "${ROOT}/build/$1" --parallel "${JOBS}"
-}
-
-# build_preset_targets PRESET TARGET...
-build_preset_targets() {
     local preset=$1
     shift
-    cmake --build "${ROOT}/build/${preset}" --parallel "${JOBS}" --target "$@"
+    cmake --build "${ROOT}/build/${preset}" --parallel "${JOBS}" ${1:+--target "$@"}
+}
+
+# Makes a preset ready for its tests to be run.
+prepare_preset() {
+    local packages
+    read -r -d '' -a packages < <(packages_of "$1"; printf '\0') || true
+    require_packages "${packages[@]}"
+    configure_preset "$1"
+    build_preset "$1"
 }
