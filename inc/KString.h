@@ -178,9 +178,9 @@ class KALVOREN_API KString {
     /// @}
 
     /// @name Searching for a text
-    /// Find() returns the first hit at @p nStart or later (`strstr`, `strcasestr`). FindR() returns the last hit whose
-    /// index is at most the length less @p nStart: on "banana", `FindR("an", 3)` is 3 and `FindR("an", 4)` is 1. -1 when
-    /// either text is missing or @p nStart is not below the length. A negative @p nStart counts as 0. Searches end at
+    /// Find() returns the first hit at @p nStart or later (`strchr`, `strstr`, `strcasestr`). FindR() returns the last hit
+    /// whose index is at most the length less @p nStart: on "banana", `FindR("an", 3)` is 3 and `FindR("an", 4)` is 1. -1
+    /// when either text is missing or @p nStart is not below the length. A negative @p nStart counts as 0. Searches end at
     /// the first NUL of either text.
     /// @{
     int Find(const char* p, int nStart) const;

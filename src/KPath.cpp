@@ -131,8 +131,13 @@ KString KPath::GetNameOnly() const {
 }
 
 KPath KPath::GetSubPath() const {
+    KPath name;
     const int nSlash = m_Path.FindR(kSlash, 0);
-    return nSlash >= 0 ? KPath(m_Path.Sub(nSlash + 1, m_Path.Length())) : KPath();
+    if (nSlash >= 0) {
+        name.m_Path = m_Path.Sub(nSlash + 1, m_Path.Length());
+        name.m_Path.Replace(kBackslash, kSlash);
+    }
+    return name;
 }
 
 bool KPath::RemoveSubPath() {

@@ -24,6 +24,48 @@ bool IsQueue(int nIndex, const char* pszSignature) {
     return g_Checks.Hold(nIndex < kQueues, "nIndex < (100)", pszSignature) && nIndex >= 0;
 }
 
+/// Tells the processor that this is a loop that waits.
+void Pause() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__ARM_ARCH) && __ARM_ARCH >= 7
+    __asm__ volatile("yield");
+#endif
+}
+
+/// Holds a queue's lock for the length of a block. The one who has it gives it back sooner than the kernel could put this
+/// thread to sleep and wake it, so it is asked for some times before the kernel is: two threads hand buffers on several
+/// times as fast.
+class QueueLock {
+ public:
+    explicit QueueLock(KMutex& mutex) : m_Mutex(mutex) {
+        if (!TryLock()) {
+            m_Mutex.Lock();
+        }
+    }
+    ~QueueLock() { m_Mutex.Unlock(); }
+
+    QueueLock(const QueueLock&) = delete;
+    QueueLock& operator=(const QueueLock&) = delete;
+
+ private:
+    bool TryLock() {
+        constexpr int kTries = 50;
+        constexpr int kPauses = 25;
+        for (int nTry = 0; nTry < kTries; ++nTry) {
+            if (m_Mutex.TryLock()) {
+                return true;
+            }
+            for (int nPause = 0; nPause < kPauses; ++nPause) {
+                Pause();
+            }
+        }
+        return false;
+    }
+
+    KMutex& m_Mutex;
+};
+
 }  // namespace
 
 // ----------------------------------------------------------------------------------------------- KDynamicDataBuffer
@@ -154,7 +196,7 @@ bool KManagedDynamicDataQueue::IsWholePool(const KDynamicDataBuffer* pBuffer) co
 }
 
 KDynamicDataBuffer* KManagedDynamicDataQueue::PopWrite() {
-    const ScopedLock lock(m_Mutex);
+    const QueueLock lock(m_Mutex);
     for (int i = 0; i < m_nCount; ++i) {
         if (m_ppFree[i] != nullptr) {
             KDynamicDataBuffer* const pBuffer = m_ppFree[i];
@@ -166,20 +208,20 @@ KDynamicDataBuffer* KManagedDynamicDataQueue::PopWrite() {
 }
 
 bool KManagedDynamicDataQueue::PushWrite(KDynamicDataBuffer* pBuffer) {
-    const ScopedLock lock(m_Mutex);
+    const QueueLock lock(m_Mutex);
     m_ReadList.Add(pBuffer);
     return true;
 }
 
 KDynamicDataBuffer* KManagedDynamicDataQueue::PopRead() {
-    const ScopedLock lock(m_Mutex);
+    const QueueLock lock(m_Mutex);
     KDynamicDataBuffer* pBuffer = nullptr;
     m_ReadList.Pop(pBuffer, -1);
     return pBuffer;
 }
 
 bool KManagedDynamicDataQueue::PushRead(KDynamicDataBuffer* pBuffer) {
-    const ScopedLock lock(m_Mutex);
+    const QueueLock lock(m_Mutex);
     for (int i = 0; pBuffer != nullptr && i < m_nCount; ++i) {
         if (m_ppFree[i] == nullptr) {
             pBuffer->SetDataSize(0);
@@ -191,7 +233,7 @@ bool KManagedDynamicDataQueue::PushRead(KDynamicDataBuffer* pBuffer) {
 }
 
 bool KManagedDynamicDataQueue::ClearAll() {
-    const ScopedLock lock(m_Mutex);
+    const QueueLock lock(m_Mutex);
     KDynamicDataBuffer* pBuffer = nullptr;
     while (m_ReadList.Pop(pBuffer, -1)) {
         // Into every empty place, not only the first: programs count on a pool that is full afterwards.

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <cwchar>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <random>
@@ -1180,6 +1181,51 @@ TEST(KStringTest, FindsATextFromTheFront) {
     EXPECT_EQ(text.Find(KString("na"), 3), 4);
     EXPECT_EQ(text.FindCaseIgnore("AN", 2), 3);
     EXPECT_EQ(text.FindCaseIgnore(KString("NA"), 0), 2);
+}
+
+TEST(KStringTest, FindsATextWhereverASearchByteByByteDoes) {
+    // Of letters that are often met, that are not, and of both; near each other, and so far apart that a hit is a surprise.
+    const std::string alphabets[] = {"ae", "xy", "ax", "e x,", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaax"};
+    std::mt19937 random(20);
+    const auto text = [&random](const std::string& alphabet, std::size_t nMost) {
+        std::string made(random() % (nMost + 1), '\0');
+        std::generate(made.begin(), made.end(), [&] { return alphabet[random() % alphabet.size()]; });
+        return made;
+    };
+    int nFound = 0;
+    for (int i = 0; i < 40000; ++i) {
+        const std::string& alphabet = alphabets[random() % std::size(alphabets)];
+        const std::string where = text(alphabet, i % 2 == 0 ? 12 : 400);
+        const std::string what = text(alphabet, 6);
+        const std::size_t nStart = random() % (where.size() + 1);
+        const std::size_t nAt = nStart < where.size() ? where.find(what, nStart) : std::string::npos;
+        const int nExpected = nAt != std::string::npos ? static_cast<int>(nAt) : -1;
+        ASSERT_EQ(KString(where.c_str()).Find(what.c_str(), static_cast<int>(nStart)), nExpected)
+            << '"' << what << "\" in \"" << where << "\" from " << nStart;
+        nFound += nExpected > 0 ? 1 : 0;
+    }
+    EXPECT_GT(nFound, 10000);
+}
+
+TEST(KStringTest, FindsATextWhoseRareLetterIsEverywhere) {
+    std::string text;
+    for (int i = 0; i < 1000; ++i) {
+        text += "ax";
+    }
+    EXPECT_EQ(KString((text + "ay").c_str()).Find("xay", 0), 1999);
+    EXPECT_EQ(KString((text + "axx").c_str()).Find("xx", 0), 2001);
+    EXPECT_EQ(KString(text.c_str()).Find("xx", 0), -1);
+    EXPECT_EQ(KString((std::string(5000, 'a') + text + "aax").c_str()).Find("xaax", 0), 6999);
+}
+
+TEST(KStringTest, NothingIsFoundBehindANul) {
+    KString text("some text, x");
+    text.TrimR('x');
+    ASSERT_EQ(text.Length(), 12) << "the length counts the NUL";
+    EXPECT_EQ(text.Find("x", 0), 7);
+    EXPECT_EQ(text.Find("x", 8), -1);
+    EXPECT_EQ(text.Find(", x", 0), -1);
+    EXPECT_EQ(KString("x").Sub(0, 20).Find("y", 0), -1);
 }
 
 TEST(KStringTest, FindsATextFromTheBackUpToALimitThatIsInclusive) {

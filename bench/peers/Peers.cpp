@@ -1,6 +1,7 @@
 #include "Peers.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -38,9 +39,20 @@ void SetLevel() {
     }
 }
 
+/// What a job frees stays with the process. Otherwise libc gives the kernel memory back, or not, by where the last block
+/// happens to lie, and a job that is done over and over measures that rather than itself: it differs by a factor between two
+/// runs. How much a job holds at once is measured by itself.
+void KeepMemory() {
+    constexpr int kAlways = 1 << 30;
+    constexpr int kLargestInHeap = 32 << 20;
+    mallopt(M_TRIM_THRESHOLD, kAlways);
+    mallopt(M_MMAP_THRESHOLD, kLargestInHeap);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    KeepMemory();
     SetLevel();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {

@@ -22,18 +22,18 @@ constexpr int kNoSlot = -1;
 class SlotSet {
  public:
     int LowestFree() const {
-        const int nGroup = LowestClear(m_nTop);
+        const unsigned int nGroup = LowestClear(m_nTop);
         if (nGroup >= kGroups) {
             return kNoSlot;
         }
-        const int nWord = nGroup * kBits + LowestClear(m_nGroups[nGroup]);
-        const int nSlot = nWord * kBits + LowestClear(m_nWords[nWord < kWords ? nWord : kWords - 1]);
-        return nWord < kWords && nSlot < kSlotCount ? nSlot : kNoSlot;
+        const unsigned int nWord = nGroup * kBits + LowestClear(m_nGroups[nGroup]);
+        const unsigned int nSlot = nWord * kBits + LowestClear(m_nWords[nWord < kWords ? nWord : kWords - 1]);
+        return nWord < kWords && nSlot < kSlotCount ? static_cast<int>(nSlot) : kNoSlot;
     }
 
-    void Take(int nSlot) {
-        const int nWord = nSlot / kBits;
-        const int nGroup = nWord / kBits;
+    void Take(unsigned int nSlot) {
+        const unsigned int nWord = nSlot / kBits;
+        const unsigned int nGroup = nWord / kBits;
         m_nWords[nWord] |= Bit(nSlot);
         if (m_nWords[nWord] == kFull) {
             m_nGroups[nGroup] |= Bit(nWord);
@@ -43,28 +43,30 @@ class SlotSet {
         }
     }
 
-    void Release(int nSlot) {
-        const int nWord = nSlot / kBits;
-        const int nGroup = nWord / kBits;
+    void Release(unsigned int nSlot) {
+        const unsigned int nWord = nSlot / kBits;
+        const unsigned int nGroup = nWord / kBits;
         m_nWords[nWord] &= ~Bit(nSlot);
         m_nGroups[nGroup] &= ~Bit(nWord);
         m_nTop &= ~Bit(nGroup);
     }
 
     /// True when none of the 64 slots around this one is taken.
-    bool IsWordEmpty(int nSlot) const { return m_nWords[nSlot / kBits] == 0; }
+    bool IsWordEmpty(int nSlot) const { return m_nWords[static_cast<unsigned int>(nSlot) / kBits] == 0; }
 
-    static constexpr int kBits = 64;
+    static constexpr unsigned int kBits = 64;
 
  private:
     using Word = std::uint64_t;
     static constexpr Word kFull = ~Word{0};
-    static constexpr int kWords = kSlotCount / kBits;
-    static constexpr int kGroups = kWords / kBits;
+    static constexpr unsigned int kWords = kSlotCount / kBits;
+    static constexpr unsigned int kGroups = kWords / kBits;
     static_assert(kGroups * kBits * kBits == kSlotCount, "every word and every group is whole");
 
-    static Word Bit(int nIndex) { return Word{1} << (nIndex % kBits); }
-    static int LowestClear(Word nWord) { return nWord == kFull ? kBits : __builtin_ctzll(~nWord); }
+    static Word Bit(unsigned int nIndex) { return Word{1} << (nIndex % kBits); }
+    static unsigned int LowestClear(Word nWord) {
+        return nWord == kFull ? kBits : static_cast<unsigned int>(__builtin_ctzll(~nWord));
+    }
 
     Word m_nWords[kWords];
     Word m_nGroups[kGroups];
@@ -83,7 +85,7 @@ class SlotIndex {
         m_nCells[nCell] = nSlot + 1;
     }
 
-    /// Calls @p visit with each slot that holds @p p.
+    /// Calls `visit(nSlot, nCell)` with each slot that holds @p p and the cell that says so.
     template <typename Visitor>
     void Visit(const void* const* pSlots, const void* p, Visitor visit) const {
         std::uint32_t nCell = Home(p);
@@ -93,32 +95,35 @@ class SlotIndex {
                 break;
             }
             if (pSlots[nSlot] == p) {
-                visit(nSlot);
+                visit(nSlot, nCell);
             }
         }
     }
 
-    /// The lowest slot that holds @p p, or kNoSlot.
-    int Find(const void* const* pSlots, const void* p) const {
+    /// Forgets the lowest slot that holds @p p and returns it; kNoSlot when none is known. The slot's pointer must stay in
+    /// place until then.
+    int Remove(const void* const* pSlots, const void* p) {
         int nFound = kNoSlot;
-        Visit(pSlots, p, [&nFound](int nSlot) {
+        std::uint32_t nFoundCell = 0;
+        Visit(pSlots, p, [&nFound, &nFoundCell](int nSlot, std::uint32_t nCell) {
             if (nFound == kNoSlot || nSlot < nFound) {
                 nFound = nSlot;
+                nFoundCell = nCell;
             }
         });
+        if (nFound != kNoSlot) {
+            Close(pSlots, nFoundCell);
+        }
         return nFound;
     }
 
-    /// Takes the cell of one slot out and moves later cells of the same run up, so that no walk ends too early. The
-    /// slot's pointer must still be in place.
-    void Erase(const void* const* pSlots, int nSlot) {
-        std::uint32_t nHole = Home(pSlots[nSlot]);
-        for (std::uint32_t i = 0; i < kCells && m_nCells[nHole] != nSlot + 1; ++i) {
-            nHole = Next(nHole);
-        }
-        if (m_nCells[nHole] != nSlot + 1) {
-            return;  // lost in a race
-        }
+ private:
+    static constexpr std::uint32_t kCellBits = 18;
+    static constexpr std::uint32_t kCells = 1u << kCellBits;
+    static_assert(kCells > 2 * kSlotCount, "at most four cells in ten are taken");
+
+    /// Empties a cell and moves later cells of the same run up, so that no walk ends too early.
+    void Close(const void* const* pSlots, std::uint32_t nHole) {
         std::uint32_t nCell = Next(nHole);
         for (std::uint32_t i = 0; i < kCells; ++i, nCell = Next(nCell)) {
             const int nLater = m_nCells[nCell] - 1;
@@ -132,11 +137,6 @@ class SlotIndex {
         }
         m_nCells[nHole] = 0;
     }
-
- private:
-    static constexpr std::uint32_t kCellBits = 18;
-    static constexpr std::uint32_t kCells = 1u << kCellBits;
-    static_assert(kCells > 2 * kSlotCount, "at most four cells in ten are taken");
 
     static std::uint32_t Home(const void* p) {
         const std::uint64_t nAddress = reinterpret_cast<std::uintptr_t>(p);
@@ -152,54 +152,45 @@ class SlotIndex {
 class SlotFinder {
  public:
     /// Takes the lowest free slot for a pointer, or none for a null pointer. kNoSlot when there is none left.
-    template <typename T>
-    int Enter(T** pSlots, T* p) {
+    int Enter(const void** pSlots, const void* p) {
         const int nSlot = m_Set.LowestFree();
         if (nSlot != kNoSlot && p != nullptr) {
             pSlots[nSlot] = p;
-            m_Set.Take(nSlot);
+            m_Set.Take(static_cast<unsigned int>(nSlot));
             m_Index.Insert(p, nSlot);
         }
         return nSlot;
     }
 
     /// Clears the lowest slot that holds a pointer. A null pointer is held by every free slot.
-    template <typename T>
-    int Leave(T** pSlots, T* p) {
+    int Leave(const void** pSlots, const void* p) {
         if (p == nullptr) {
             return m_Set.LowestFree();
         }
-        int nSlot = m_Index.Find(Plain(pSlots), p);
+        int nSlot = m_Index.Remove(pSlots, p);
         if (nSlot == kNoSlot) {
             // Threads without a lock may have lost the cell; a slot that outlives its object must not stay behind.
             nSlot = Search(pSlots, p);
         }
         if (nSlot != kNoSlot) {
-            m_Index.Erase(Plain(pSlots), nSlot);
             pSlots[nSlot] = nullptr;
-            m_Set.Release(nSlot);
+            m_Set.Release(static_cast<unsigned int>(nSlot));
         }
         return nSlot;
     }
 
-    template <typename T, typename Visitor>
-    void Visit(T* const* pSlots, const T* p, Visitor visit) const {
-        m_Index.Visit(Plain(pSlots), p, visit);
+    template <typename Visitor>
+    void Visit(const void* const* pSlots, const void* p, Visitor visit) const {
+        m_Index.Visit(pSlots, p, visit);
     }
 
     /// True when none of the 64 slots around this one is taken.
     bool IsWordEmpty(int nSlot) const { return m_Set.IsWordEmpty(nSlot); }
 
  private:
-    template <typename T>
-    static const void* const* Plain(T* const* pSlots) {
-        return reinterpret_cast<const void* const*>(pSlots);
-    }
-
-    template <typename T>
-    static int Search(T* const* pSlots, const T* p) {
-        T* const* const pEnd = pSlots + kSlotCount;
-        T* const* const pFound = std::find(pSlots, pEnd, p);
+    static int Search(const void* const* pSlots, const void* p) {
+        const void* const* const pEnd = pSlots + kSlotCount;
+        const void* const* const pFound = std::find(pSlots, pEnd, p);
         return pFound == pEnd ? kNoSlot : static_cast<int>(pFound - pSlots);
     }
 
@@ -214,9 +205,9 @@ class SlotFinder {
 struct KMem::MemInfoContainer {
     int mnReady;
     int mnInstanceCount;
-    KMem* m_pObjects[kSlotCount];
+    const void* m_pObjects[kSlotCount];  ///< Each a KMem.
     std::size_t m_nSizes[kSlotCount];
-    void* m_pBlocks[kSlotCount];
+    const void* m_pBlocks[kSlotCount];
 
     SlotFinder m_ObjectFinder;
     SlotFinder m_BlockFinder;
@@ -234,7 +225,7 @@ struct KMem::MemInfoContainer {
 
     /// Remembers the size of an object that is about to go, for the entries it leaves behind.
     void KeepSize(const KMem* pObject) {
-        m_ObjectFinder.Visit(m_pObjects, pObject, [this, pObject](int nSlot) {
+        m_ObjectFinder.Visit(m_pObjects, pObject, [this, pObject](int nSlot, std::uint32_t) {
             m_fgDestroyed[nSlot] = true;
             m_nLastSizes[nSlot] = pObject->m_nSize;
         });
@@ -245,7 +236,7 @@ struct KMem::MemInfoContainer {
     }
 
     void ReportSlot(int nSlot) const {
-        const KMem* const pObject = m_pObjects[nSlot];
+        const KMem* const pObject = static_cast<const KMem*>(m_pObjects[nSlot]);
         if (pObject != nullptr) {
             const int nSize = m_fgDestroyed[nSlot] ? m_nLastSizes[nSlot] : pObject->m_nSize;
             Report(nSlot, pObject, static_cast<std::size_t>(nSize));
@@ -282,8 +273,9 @@ void KMem::Deinit() {
     }
     const MemInfoContainer& registry = *g_pMemInfoContainer;
     for (int nSlot = 0; nSlot < kSlotCount; ++nSlot) {
-        if (nSlot % SlotSet::kBits == 0 && registry.IsWordEmpty(nSlot)) {
-            nSlot += SlotSet::kBits - 1;
+        constexpr int kWord = SlotSet::kBits;
+        if (nSlot % kWord == 0 && registry.IsWordEmpty(nSlot)) {
+            nSlot += kWord - 1;
         } else {
             registry.ReportSlot(nSlot);
         }
