@@ -4,6 +4,7 @@
 #define KALVOREN_KLIST_H
 
 #include <cstddef>
+#include <cstdlib>
 #include <memory>
 #include <new>
 
@@ -145,6 +146,14 @@ class KALVOREN_API KList {
  private:
     struct KElement {
         KALVOREN_INLINE KElement() : m_Value(), m_pNext(nullptr) {}
+
+        /// Straight from libc: the language's own operator, asked not to throw, is three calls deep.
+        KALVOREN_INLINE static void* operator new(std::size_t nSize, const std::nothrow_t&) noexcept {
+            return std::malloc(nSize);
+        }
+        KALVOREN_INLINE static void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
+        KALVOREN_INLINE static void operator delete(void* p) noexcept { std::free(p); }
+        static_assert(alignof(T) <= alignof(std::max_align_t), "values are no more aligned than what malloc gives");
 
         /// The element that holds a value: the value stands at its start.
         KALVOREN_INLINE static KElement* Of(T* pValue) { return reinterpret_cast<KElement*>(pValue); }

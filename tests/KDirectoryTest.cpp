@@ -23,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/FailingMalloc.h"
 #include "support/FailingNew.h"
 #include "support/Interpose.h"
 #include "support/LogLines.h"
@@ -33,6 +34,7 @@ using support::LogOf;
 using support::ScopedChecks;
 using support::ScopedDirectory;
 using support::ScopedLevel;
+using support::ScopedNoMalloc;
 using support::ScopedNoMemory;
 using support::ScopedUmask;
 using support::StderrOf;
@@ -854,7 +856,7 @@ TEST_F(KDirectoryTest, WithoutMemoryReadingLogsAnErrorAndIsFalse) {
 
     KList<KPath> entries;
     EXPECT_EQ(LogOf([&] {
-                  const ScopedNoMemory noMemory;
+                  const ScopedNoMalloc noMemory;
                   EXPECT_FALSE(directory.ReadAll(entries));
                   EXPECT_FALSE(directory.ReadFiles(entries));
                   EXPECT_FALSE(directories.ReadDirectories(entries));

@@ -14,7 +14,7 @@
 
 #include "KMem.h"
 #include "KMessage.h"
-#include "support/FailingNew.h"
+#include "support/FailingMalloc.h"
 #include "support/HeapUse.h"
 #include "support/Interpose.h"
 #include "support/LittleMemory.h"
@@ -32,7 +32,7 @@ using support::LogOf;
 using support::ScopedCalls;
 using support::ScopedChecks;
 using support::ScopedLevel;
-using support::ScopedNoMemory;
+using support::ScopedNoMalloc;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -400,7 +400,7 @@ TEST(KMessageTest, ARegistrationWithoutMemoryForItsNameIsTrueAndLeavesNothing) {
     EXPECT_TRUE(earlier.Register("memory-earlier"));
     {
         // There is memory for the handler's place in its list, and none for the name's.
-        const ScopedNoMemory noMemory(1);
+        const ScopedNoMalloc noMemory(1);
         EXPECT_TRUE(first.Register("memory-first"));
     }
     EXPECT_TRUE(second.Register("memory-second"));

@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstddef>
 #include <cstring>
@@ -29,6 +30,7 @@ using Buffer = KDynamicDataBuffer;
 using Queue = KManagedDynamicDataQueue;
 using support::InChildProcess;
 using support::kLock;
+using support::kTryLock;
 using support::kUnlock;
 using support::LogOf;
 using support::ScopedCalls;
@@ -756,17 +758,29 @@ TEST(KQueueTest, EveryOperationHoldsTheQueuesLockAndTakesTheListsInsideIt) {
         std::vector<std::string> calls;
     };
     const Case cases[] = {
-        {"PopWrite", [](Queue& q) { q.PopWrite(); }, {kLock, kUnlock}},
-        {"PushRead", [](Queue& q) { q.PushRead(nullptr); }, {kLock, kUnlock}},
-        {"PushWrite", [](Queue& q) { q.PushWrite(nullptr); }, {kLock, kLock, kUnlock, kUnlock}},
-        {"PopRead", [](Queue& q) { q.PopRead(); }, {kLock, kLock, kUnlock, kUnlock}},
-        {"ClearAll", [](Queue& q) { q.ClearAll(); }, {kLock, kLock, kUnlock, kUnlock}},
+        {"PopWrite", [](Queue& q) { q.PopWrite(); }, {kTryLock, kUnlock}},
+        {"PushRead", [](Queue& q) { q.PushRead(nullptr); }, {kTryLock, kUnlock}},
+        {"PushWrite", [](Queue& q) { q.PushWrite(nullptr); }, {kTryLock, kLock, kUnlock, kUnlock}},
+        {"PopRead", [](Queue& q) { q.PopRead(); }, {kTryLock, kLock, kUnlock, kUnlock}},
+        {"ClearAll", [](Queue& q) { q.ClearAll(); }, {kTryLock, kLock, kUnlock, kUnlock}},
     };
     for (const Case& each : cases) {
         const ScopedCalls calls;
         each.pRun(queue);
         EXPECT_EQ(calls.Names(), each.calls) << each.pszName;
     }
+}
+
+TEST(KQueueTest, AQueueThatIsHeldIsAskedForSomeTimesAndThenWaitedFor) {
+    Queue queue(1);
+    const ScopedCalls calls({{kTryLock, EBUSY}});
+    EXPECT_NE(queue.PopWrite(), nullptr);
+    std::vector<std::string> names = calls.Names();
+    const auto waits = std::find_if_not(names.begin(), names.end(), [](const auto& name) { return name == kTryLock; });
+    EXPECT_GT(waits - names.begin(), 1);
+    EXPECT_LE(waits - names.begin(), 100);
+    names.erase(names.begin(), waits);
+    EXPECT_THAT(names, ElementsAre(kLock, kUnlock));
 }
 
 // ------------------------------------------------------------------------------------------------------------ ClearAll

@@ -10,10 +10,21 @@ TITLE, MAKE = "Beside other libraries", "scripts/bench --compare"
 
 
 class Row:
-    """What was measured of a job at a size: times in ns by who did it, and by how many bytes starting made a process grow."""
+    """What was measured of a job at a size: times in ns by who did it, one for each repetition, and by how many bytes starting
+    made a process grow.
 
-    def __init__(self, size, times, growth):
-        self.size, self.times, self.growth = size, times, growth
+    `medians` holds the times. `times` holds what they are compared by: for a peer the library's median times the median of
+    the peer's ratio to the library in the same repetition. All of a row are measured one behind the other, so that a machine
+    that is slow for a while does not count for or against one of them.
+    """
+
+    def __init__(self, size, samples, growth):
+        self.size, self.growth = size, growth
+        self.medians = {who: statistics.median(values) for who, values in samples.items()}
+        us = next((who for who in samples if who.startswith(US)), None)
+        self.times = self.medians if us is None else {
+            who: self.medians[us] * statistics.median(theirs / ours for theirs, ours in zip(values, samples[us]))
+            for who, values in samples.items()}
 
     def ours(self):
         return max(time for who, time in self.times.items() if who.startswith(US))
@@ -119,8 +130,7 @@ class Results:
         def by_size():
             return collections.defaultdict(lambda: collections.defaultdict(dict))
 
-        samples = collections.defaultdict(list)
-        self.times, self.memory, self.growth, self.context = by_size(), by_size(), by_size(), None
+        self.samples, self.memory, self.growth, self.context = by_size(), by_size(), by_size(), None
         for file in sorted(pathlib.Path(directory).glob("*.json")):
             context, runs = read_runs(file)
             self.context = self.context or context
@@ -128,18 +138,17 @@ class Results:
                 if file.name.startswith("memory"):
                     self.memory[job][size][who] = run.get("max_bytes_used", 0)
                     continue
-                samples[job, size, who].append(time)
+                self.samples[job][size].setdefault(who, []).append(time)
                 if "growth_bytes" in run:
                     self.memory[job][size][who] = run["resident_bytes"]
                     self.growth[job][size][who] = run["growth_bytes"]
-        for (job, size, who), values in samples.items():
-            self.times[job][size][who] = statistics.median(values)
-        self.repetitions = max((len(values) for values in samples.values()), default=0)
+        self.repetitions = max((len(values) for rows in self.samples.values() for by_who in rows.values()
+                                for values in by_who.values()), default=0)
 
     def rows(self, job):
         """Those of each size, the smallest first."""
-        return [Row(size, self.times[job][size], self.growth[job][size])
-                for size in sorted(self.times[job], key=size_order)]
+        return [Row(size, self.samples[job][size], self.growth[job][size])
+                for size in sorted(self.samples[job], key=size_order)]
 
 
 def job_section(results, job, notes):
@@ -152,7 +161,7 @@ def job_section(results, job, notes):
             if who not in row.times:
                 cells.append("")
                 continue
-            cell = shown_time(row.times[who])
+            cell = shown_time(row.medians[who])
             if not who.startswith(US):
                 cell += f" ({row.times[who] / row.ours():.2f})"
             used = results.memory[job][row.size].get(who)
@@ -172,14 +181,14 @@ def job_section(results, job, notes):
 
 def section(directory, notes, plot):
     results = Results(directory)
-    if not results.times:
+    if not results.samples:
         return None
-    unknown = sorted(set(results.times) - set(GOALS))
+    unknown = sorted(set(results.samples) - set(GOALS))
     if unknown:
         raise ValueError(f"these jobs have no goal: {', '.join(unknown)}")
     sections, met, missed = [], 0, []
     for job in GOALS:
-        if job not in results.times:
+        if job not in results.samples:
             continue
         job_lines, marks = job_section(results, job, notes)
         sections += job_lines
@@ -191,8 +200,9 @@ def section(directory, notes, plot):
         *paragraph(
             f"Made by `{MAKE}`; medians of {results.repetitions} interleaved repetitions on {platform.machine()},",
             f"{results.context['num_cpus']} processors, {results.context['date'][:10]}. Times are of the processor, or of the",
-            "wall clock where several threads or processes take part. In brackets: how many times the library's time. \"Limit\"",
-            "is the least that the system's own calls take for the job. Below the times: the most memory that the job held at",
+            "wall clock where several threads or processes take part. All of a row are measured one behind the other; in brackets:",
+            "how many times the library's time of the same repetition, the median of that, by which the goals go. \"Limit\" is the",
+            "least that the system's own calls take for the job. Below the times: the most memory that the job held at",
             "once; where a program is started, its resident memory, and by how much it grows between the first line of its main",
             "function and the end of the start. A size is the n of the job's name, or bytes. The log's level is 3, except where",
             "lines are what is measured."),
@@ -209,7 +219,7 @@ def draw(directory, file):
     import matplotlib.pyplot as plt
 
     results = Results(directory)
-    jobs = [job for job in GOALS if job in results.times and sum(size.isdigit() for size in results.times[job]) > 2]
+    jobs = [job for job in GOALS if job in results.samples and sum(size.isdigit() for size in results.samples[job]) > 2]
     if not jobs:
         return False
     columns = 3
@@ -218,7 +228,7 @@ def draw(directory, file):
     for axis in axes.flat[len(jobs):]:
         axis.set_visible(False)
     for job, axis in zip(jobs, axes.flat):
-        by_size = results.times[job]
+        by_size = {row.size: row.medians for row in results.rows(job)}
         for who in dict.fromkeys(who for by_who in by_size.values() for who in by_who):
             points = sorted((int(size), by_who[who]) for size, by_who in by_size.items() if who in by_who)
             axis.plot(*zip(*points), marker="o", markersize=3, label=who, linewidth=2.5 if who.startswith(US) else 1)

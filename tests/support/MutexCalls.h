@@ -10,12 +10,17 @@
 namespace support {
 
 constexpr const char* kLock = "pthread_mutex_lock";
+constexpr const char* kTryLock = "pthread_mutex_trylock";
 constexpr const char* kUnlock = "pthread_mutex_unlock";
 
 }  // namespace support
 
 extern "C" int pthread_mutex_lock(pthread_mutex_t* pMutex) noexcept {
     return support::NoteAndPassOn<&pthread_mutex_lock>(support::kLock, pMutex);
+}
+
+extern "C" int pthread_mutex_trylock(pthread_mutex_t* pMutex) noexcept {
+    return support::NoteAndPassOn<&pthread_mutex_trylock>(support::kTryLock, pMutex);
 }
 
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* pMutex) noexcept {
