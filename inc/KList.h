@@ -14,8 +14,9 @@
 /// A singly linked list of values with a mutex of its own, so that one thread can fill it while another reads or
 /// empties it.
 ///
-/// Elements are held by value: @p T needs a default constructor, a copy assignment and a destructor. A list of pointers
-/// holds the pointers alone and never deletes what they point to. Indexes are zero-based.
+/// Elements are held by value: @p T needs a default constructor, a copy assignment and a destructor, and may not ask for
+/// more alignment than `malloc` gives, where elements come from. A list of pointers holds the pointers alone and never
+/// deletes what they point to. Indexes are zero-based.
 ///
 /// Add() and everything that takes an index walk the chain, so their time grows with the length. To go through a list,
 /// or to fill one with many elements, use a Reader or an Appender: one lock for the whole walk, and the same short time

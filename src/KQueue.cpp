@@ -33,9 +33,9 @@ void Pause() {
 #endif
 }
 
-/// Holds a queue's lock for the length of a block. The one who has it gives it back sooner than the kernel could put this
+/// Holds a queue's lock for the length of a block. Whoever has it mostly gives it back sooner than the kernel could put this
 /// thread to sleep and wake it, so it is asked for some times before the kernel is: two threads hand buffers on several
-/// times as fast.
+/// times as fast. The times are few, for whoever has it may be waiting for this very processor.
 class QueueLock {
  public:
     explicit QueueLock(KMutex& mutex) : m_Mutex(mutex) {

@@ -7,12 +7,14 @@
 #include <cstring>
 #include <deque>
 #include <random>
+#include <stdexcept>
 #include <thread>
 #include <type_traits>
 #include <vector>
 
 #include "KPath.h"
 #include "KString.h"
+#include "support/HeapUse.h"
 #include "support/LittleMemory.h"
 #include "support/Support.h"
 
@@ -652,6 +654,30 @@ TEST(KListTest, WhereMemoryIsLackingAddAndArrangeAreFalseAndTheListStaysAsItIs) 
         GTEST_SKIP() << "memory cannot be limited here";
     }
     EXPECT_EQ(nStep, 0);
+}
+
+/// A value whose constructor throws when it is told to.
+struct Moody {
+    Moody() {
+        if (s_fgThrows) {
+            throw std::runtime_error("not today");
+        }
+    }
+    static inline bool s_fgThrows = false;
+};
+
+TEST(KListTest, AValueThatThrowsWhileItIsMadeLeavesNoElementAndNoLock) {
+    KList<Moody> list;
+    const Moody value;
+    list.Add(value);
+    EXPECT_EQ(support::BytesLeftBy([&] {
+                  Moody::s_fgThrows = true;
+                  EXPECT_THROW(list.Add(value), std::runtime_error);
+                  Moody::s_fgThrows = false;
+              }),
+              0u);
+    EXPECT_EQ(list.GetCount(), 1);
+    EXPECT_TRUE(list.Add(value));
 }
 
 // ---------------------------------------------------------------------------------------------------- Instantiations

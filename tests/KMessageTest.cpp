@@ -398,17 +398,19 @@ TEST(KMessageTest, ARegistrationWithoutMemoryForItsNameIsTrueAndLeavesNothing) {
     Listener first("first", notes);
     Listener second("second", notes);
     EXPECT_TRUE(earlier.Register("memory-earlier"));
+    KString name("memory-first");
     {
         // There is memory for the handler's place in its list, and none for the name's.
         const ScopedNoMalloc noMemory(1);
-        EXPECT_TRUE(first.Register("memory-first"));
+        EXPECT_TRUE(KMessageHandler::Register(&first, name));
+        EXPECT_EQ(noMemory.Refused(), 1);
     }
     EXPECT_TRUE(second.Register("memory-second"));
     Send("memory-earlier", "a");
     Send("memory-first", "b");
     Send("memory-second", "c");
     EXPECT_THAT(notes, ElementsAre("earlier:a", "second:c"));
-    EXPECT_FALSE(first.Unregister("memory-first"));
+    EXPECT_FALSE(KMessageHandler::Unregister(&first, name));
 }
 
 TEST(KMessageTest, RegistrationsThatAreGoneLeaveNothingAllocated) {

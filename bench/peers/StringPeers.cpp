@@ -3,7 +3,6 @@
 #include <cstring>
 #include <list>
 #include <string>
-#include <vector>
 
 #include "KString.h"
 #include "Peers.h"
@@ -18,54 +17,30 @@ void Sizes(benchmark::internal::Benchmark* job) {
     job->Arg(8)->Arg(32)->Arg(1 << 10)->Arg(64 << 10);
 }
 
-/// The same text at eight places, one after the other: how fast a long copy is depends by a factor on how source and target
-/// lie in their pages, and the target's place is malloc's choice.
-template <class Text>
-class Sources {
- public:
-    explicit Sources(std::int64_t nSize) {
-        const std::string text = TextOf(nSize);
-        m_Texts.reserve(kPlaces);
-        for (std::size_t i = 0; i < kPlaces; ++i) {
-            m_Texts.emplace_back(text.c_str());
-            m_Spacers.emplace_back(kStep * i);
-        }
-    }
-
-    const Text& Next() { return m_Texts[m_nNext++ % kPlaces]; }
-
- private:
-    static constexpr std::size_t kPlaces = 8;
-    static constexpr std::size_t kStep = 4096 / kPlaces;
-    std::vector<Text> m_Texts;
-    std::vector<std::vector<char>> m_Spacers;
-    std::size_t m_nNext = 0;
-};
-
 // ------------------------------------------------------------------------------------------------------- Making
 
 void MakeKalvoren(benchmark::State& state) {
-    Sources<std::string> texts(state.range(0));
+    const std::string text = TextOf(state.range(0));
     for (auto _ : state) {
-        const KString made(texts.Next().c_str());
+        const KString made(text.c_str());
         benchmark::DoNotOptimize(made.GetBuffer());
     }
 }
 BENCHMARK(MakeKalvoren)->Name("make a text|Kalvoren")->Apply(Sizes);
 
 void MakeStd(benchmark::State& state) {
-    Sources<std::string> texts(state.range(0));
+    const std::string text = TextOf(state.range(0));
     for (auto _ : state) {
-        const std::string made(texts.Next().c_str());
+        const std::string made(text.c_str());
         benchmark::DoNotOptimize(made.c_str());
     }
 }
 BENCHMARK(MakeStd)->Name("make a text|std::string")->Apply(Sizes);
 
 void MakeLimit(benchmark::State& state) {
-    Sources<std::string> texts(state.range(0));
+    const std::string text = TextOf(state.range(0));
     for (auto _ : state) {
-        const char* pszText = texts.Next().c_str();
+        const char* pszText = text.c_str();
         benchmark::DoNotOptimize(pszText);
         const std::size_t nSize = std::strlen(pszText) + 1;
         void* const pMade = std::malloc(nSize);
@@ -78,9 +53,9 @@ BENCHMARK(MakeLimit)->Name("make a text|limit: strlen, malloc, memcpy")->Apply(S
 
 #ifdef KALVOREN_PEER_GLIB
 void MakeGlib(benchmark::State& state) {
-    Sources<std::string> texts(state.range(0));
+    const std::string text = TextOf(state.range(0));
     for (auto _ : state) {
-        GString* const pMade = g_string_new(texts.Next().c_str());
+        GString* const pMade = g_string_new(text.c_str());
         benchmark::DoNotOptimize(pMade->str);
         g_string_free(pMade, TRUE);
     }
@@ -91,27 +66,26 @@ BENCHMARK(MakeGlib)->Name("make a text|GString")->Apply(Sizes);
 // ------------------------------------------------------------------------------------------------------ Copying
 
 void CopyKalvoren(benchmark::State& state) {
-    Sources<KString> texts(state.range(0));
+    const KString text(TextOf(state.range(0)).c_str());
     for (auto _ : state) {
-        const KString copy(texts.Next());
+        const KString copy(text);
         benchmark::DoNotOptimize(copy.GetBuffer());
     }
 }
 BENCHMARK(CopyKalvoren)->Name("copy a text|Kalvoren")->Apply(Sizes);
 
 void CopyStd(benchmark::State& state) {
-    Sources<std::string> texts(state.range(0));
+    const std::string text = TextOf(state.range(0));
     for (auto _ : state) {
-        const std::string copy(texts.Next());
+        const std::string copy(text);
         benchmark::DoNotOptimize(copy.c_str());
     }
 }
 BENCHMARK(CopyStd)->Name("copy a text|std::string")->Apply(Sizes);
 
 void CopyLimit(benchmark::State& state) {
-    Sources<std::string> texts(state.range(0));
+    const std::string text = TextOf(state.range(0));
     for (auto _ : state) {
-        const std::string& text = texts.Next();
         void* const pCopy = std::malloc(text.size() + 1);
         std::memcpy(pCopy, text.c_str(), text.size() + 1);
         benchmark::DoNotOptimize(pCopy);
@@ -122,9 +96,8 @@ BENCHMARK(CopyLimit)->Name("copy a text|limit: malloc, memcpy")->Apply(Sizes);
 
 #ifdef KALVOREN_PEER_GLIB
 void CopyGlib(benchmark::State& state) {
-    Sources<std::string> texts(state.range(0));
+    const std::string text = TextOf(state.range(0));
     for (auto _ : state) {
-        const std::string& text = texts.Next();
         GString* const pCopy = g_string_new_len(text.c_str(), static_cast<gssize>(text.size()));
         benchmark::DoNotOptimize(pCopy->str);
         g_string_free(pCopy, TRUE);

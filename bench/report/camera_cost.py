@@ -2,7 +2,7 @@
 import json
 import pathlib
 
-from shown import paragraph, shown_bytes, shown_met, shown_time, table
+from shown import paragraph, plotter, shown_bytes, shown_met, shown_time, table
 
 TITLE, MAKE = "The camera and its clients", "scripts/bench --camera"
 COMPLETE = 0.98  # of the pictures: a client's last one may be on its way when counting ends
@@ -97,9 +97,7 @@ def draw(file, target):
     results = read(file)
     if not results or len(results["rows"]) < 2:
         return False
-    import matplotlib
-    matplotlib.use("svg")
-    import matplotlib.pyplot as plt
+    plt = plotter()
 
     figure, axes = plt.subplots(1, 2, figsize=(10, 3.6))
     drawings = ((axes[0], costs(results["rows"]), 1e6, "ms of processor time a picture"),

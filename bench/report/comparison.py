@@ -4,7 +4,7 @@ import pathlib
 import platform
 import statistics
 
-from shown import US, paragraph, read_runs, shown_bytes, shown_met, shown_size, shown_time, size_order, table
+from shown import US, paragraph, plotter, read_runs, shown_bytes, shown_met, shown_size, shown_time, size_order, table
 
 TITLE, MAKE = "Beside other libraries", "scripts/bench --compare"
 
@@ -21,6 +21,8 @@ class Row:
     def __init__(self, size, samples, growth):
         self.size, self.growth = size, growth
         self.medians = {who: statistics.median(values) for who, values in samples.items()}
+        if len({len(values) for values in samples.values()}) > 1:
+            raise ValueError(f"a repetition of size {size} is missing: {sorted(samples)}")
         us = next((who for who in samples if who.startswith(US)), None)
         self.times = self.medians if us is None else {
             who: self.medians[us] * statistics.median(theirs / ours for theirs, ours in zip(values, samples[us]))
@@ -202,10 +204,11 @@ def section(directory, notes, plot):
             f"{results.context['num_cpus']} processors, {results.context['date'][:10]}. Times are of the processor, or of the",
             "wall clock where several threads or processes take part. All of a row are measured one behind the other; in brackets:",
             "how many times the library's time of the same repetition, the median of that, by which the goals go. \"Limit\" is the",
-            "least that the system's own calls take for the job. Below the times: the most memory that the job held at",
-            "once; where a program is started, its resident memory, and by how much it grows between the first line of its main",
-            "function and the end of the start. A size is the n of the job's name, or bytes. The log's level is 3, except where",
-            "lines are what is measured."),
+            "least that the system's own calls take for the job, and for a search what strstr takes. Below the times: the most",
+            "memory that the job held at once; where a program is started, its resident memory, and by how much it grows between",
+            "the first line of its main function and the end of the start. A size is the n of the job's name, or bytes. The log's",
+            "level is 3, except where lines are what is measured. What a job frees stays with its process, and libc copies without",
+            "the processor's own instruction for that: either made the same row differ by a factor from one run to the next."),
         *paragraph(f"{met} rows meet their goal.",
                    f"Missed, with the reasons below the tables: {'; '.join(missed)}." if missed else "None misses it.")]
     if plot:
@@ -214,9 +217,7 @@ def section(directory, notes, plot):
 
 
 def draw(directory, file):
-    import matplotlib
-    matplotlib.use("svg")
-    import matplotlib.pyplot as plt
+    plt = plotter()
 
     results = Results(directory)
     jobs = [job for job in GOALS if job in results.samples and sum(size.isdigit() for size in results.samples[job]) > 2]

@@ -48,6 +48,15 @@ def table(columns, rows, alignment="---:"):
         ["| " + " | ".join(row) + " |" for row in rows]
 
 
+def plotter():
+    """matplotlib, set to write text as text, and the same plot the same way each time."""
+    import matplotlib
+    matplotlib.use("svg")
+    matplotlib.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "kalvoren"})
+    from matplotlib import pyplot
+    return pyplot
+
+
 def split_name(name):
     """Job, who and size of "job|who/size"."""
     job, rest = name.split("|")

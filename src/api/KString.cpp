@@ -119,7 +119,6 @@ bool IsOftenMet(char ch) {
 /// What strstr finds, and sooner in most texts: it looks for a byte that is not often met, which libc does many bytes at a
 /// time, and leaves the rest to strstr where that byte turns out to be met often.
 const char* FindExact(const char* pszText, const char* pszSought) {
-    constexpr std::ptrdiff_t kFarApart = 64;
     std::ptrdiff_t nRare = 0;
     while (IsOftenMet(pszSought[nRare])) {
         ++nRare;
@@ -128,8 +127,10 @@ const char* FindExact(const char* pszText, const char* pszSought) {
         return std::strstr(pszText, pszSought);
     }
     const std::size_t nSought = std::strlen(pszSought);
+    // What a miss takes at most, in bytes of text that could have been looked at instead; a few are free.
+    const std::ptrdiff_t nMissCost = 64 + static_cast<std::ptrdiff_t>(nSought);
     const char* p = pszText;
-    for (std::ptrdiff_t nMisses = -2; nMisses * kFarApart <= p - pszText; ++nMisses) {
+    for (std::ptrdiff_t nSpent = -2 * nMissCost; nSpent <= p - pszText; nSpent += nMissCost) {
         p = std::strchr(p, pszSought[nRare]);
         if (p == nullptr) {
             return nullptr;

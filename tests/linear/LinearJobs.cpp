@@ -120,6 +120,13 @@ void Search(int n) {
     Measured([&] { text.Find("three", 0); });
 }
 
+void SearchNearlyThere(int n) {
+    const std::string piece = "x" + std::string(63, 'a');
+    const KString text(Repeated(piece, n).c_str());
+    const KString word((Repeated(piece, n / 10) + "y").c_str());
+    Measured([&] { text.Find(word, 0); });
+}
+
 void FillList(int n) {
     KList<int> list;
     Measured([&] {
@@ -418,6 +425,8 @@ const Entry kEntries[] = {
     {"MakeText", "make a text of n bytes", kRepeated, "8,32,1024,65536", MakeText},
     {"Append", "append 16 bytes n times", "n", "1024,4096,16384", Append},
     {"Search", "search 8 n bytes for a word that is not there", "n", "100,1000,10000", Search},
+    {"SearchNearlyThere", "search 64 n bytes for a word of 6.4 n bytes that is nearly there", "n", "100,1000,10000",
+     SearchNearlyThere},
     {"Replace", "replace n words of a text by longer ones", "n", "1000,4000,16000", Replace},
     {"Divide", "divide a line of n fields", "n", "900,9000,90000", Divide},
     {"FillList", "fill a list with n numbers", "n", "100,1000,10000", FillList},

@@ -14,18 +14,33 @@ namespace support {
 /// For the length of a block, this thread's malloc gives null, after a number of times that it still works.
 class ScopedNoMalloc {
  public:
-    explicit ScopedNoMalloc(int nStillWorks = 0) { t_nLeft = nStillWorks; }
+    explicit ScopedNoMalloc(int nStillWorks = 0) {
+        t_nLeft = nStillWorks;
+        t_nRefused = 0;
+    }
     ~ScopedNoMalloc() { t_nLeft = INT_MAX; }
     ScopedNoMalloc(const ScopedNoMalloc&) = delete;
     ScopedNoMalloc& operator=(const ScopedNoMalloc&) = delete;
 
+    /// How many times it gave null so far.
+    int Refused() const { return t_nRefused; }
+
     /// Whether the next one works; counts it.
     __attribute__((no_sanitize("thread", "address", "undefined"))) static bool Take() {
-        return t_nLeft == INT_MAX || t_nLeft-- > 0;
+        if (t_nLeft == INT_MAX) {
+            return true;
+        }
+        if (t_nLeft > 0) {
+            --t_nLeft;
+            return true;
+        }
+        ++t_nRefused;
+        return false;
     }
 
  private:
     static inline thread_local int t_nLeft = INT_MAX;
+    static inline thread_local int t_nRefused = 0;
 };
 
 }  // namespace support
@@ -33,9 +48,11 @@ class ScopedNoMalloc {
 /// The sanitizers call this before code that they instrumented could run.
 extern "C" __attribute__((no_sanitize("thread", "address", "undefined"))) void* malloc(std::size_t nSize) noexcept {
     using Malloc = void* (*)(std::size_t);
-    static Malloc pNext = nullptr;
+    static Malloc pFound = nullptr;
+    Malloc pNext = __atomic_load_n(&pFound, __ATOMIC_RELAXED);
     if (pNext == nullptr) {
-        pNext = support::NextFunction(&malloc, "malloc");
+        pNext = support::NextFunction(static_cast<Malloc>(&malloc), "malloc");
+        __atomic_store_n(&pFound, pNext, __ATOMIC_RELAXED);
     }
     if (!support::ScopedNoMalloc::Take()) {
         errno = ENOMEM;
