@@ -1,4 +1,4 @@
-// A directory opened: its entries read, told apart and sorted without regard to case.
+// A directory opened: its entries read and sorted without regard to case. The library notes each entry's kind, too.
 #include <dirent.h>
 #include <fcntl.h>
 #include <strings.h>

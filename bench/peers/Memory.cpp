@@ -4,6 +4,7 @@
 #include <malloc.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 
@@ -12,6 +13,7 @@ extern "C" {
 void* __libc_malloc(std::size_t nSize);
 void* __libc_calloc(std::size_t nCount, std::size_t nSize);
 void* __libc_realloc(void* pBlock, std::size_t nSize);
+void* __libc_memalign(std::size_t nAlignment, std::size_t nSize);
 void __libc_free(void* pBlock);
 }
 
@@ -71,6 +73,16 @@ void* calloc(std::size_t nCount, std::size_t nSize) {
 void* realloc(void* pBlock, std::size_t nSize) {
     Discount(pBlock);
     return Count(__libc_realloc(pBlock, nSize));
+}
+void* memalign(std::size_t nAlignment, std::size_t nSize) {
+    return Count(__libc_memalign(nAlignment, nSize));
+}
+void* aligned_alloc(std::size_t nAlignment, std::size_t nSize) {
+    return Count(__libc_memalign(nAlignment, nSize));
+}
+int posix_memalign(void** ppBlock, std::size_t nAlignment, std::size_t nSize) {
+    *ppBlock = Count(__libc_memalign(nAlignment, nSize));
+    return *ppBlock != nullptr ? 0 : ENOMEM;
 }
 void free(void* pBlock) {
     Discount(pBlock);

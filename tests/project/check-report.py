@@ -121,7 +121,7 @@ def check_comparison(document):
     document.expect("### Walk a list", "| 100 | 50 ns<br>2 KiB | 60 ns (1.20) | met |",
                     "| 10,000 | 9 µs | 5 µs (0.56) | **missed** |")
     document.expect("### Read a property list of n bytes", "a peer is missing", absent=["missed"])
-    document.expect("### Open a directory of n entries", "**missed**", "Each entry carries its buffer")
+    document.expect("### Open a directory of n entries", "**missed**", "each with its buffer of 2,048 characters")
     document.expect("### Start and join a thread", "105 µs", "met")
     document.expect("### Start a program and the library, stop both", "3 MiB", "growth 250 KiB", "**missed**")
 
