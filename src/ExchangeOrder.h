@@ -131,10 +131,17 @@ bool SortInExchangeOrder(T* pItems, int nCount, Compare compare) {
         const int nOrder = compare(left.item, right.item);
         return nOrder < 0 || (nOrder == 0 && left.nArrival < right.nArrival);
     });
+    bool fgEquals = false;
     for (int i = 0; i < nCount; ++i) {
         const bool fgFirst = i == 0 || compare(pSorted[i - 1].item, pSorted[i].item) < 0;
         pSorted[i].nGroup = fgFirst ? i : pSorted[i - 1].nGroup;
+        fgEquals = fgEquals || !fgFirst;
         arrivals.get()[pSorted[i].nArrival] = &pSorted[i];
+    }
+    if (!fgEquals) {
+        // As nearly always: names in a directory differ.
+        std::transform(pSorted, pSorted + nCount, pItems, [](const Sorted& each) { return each.item; });
+        return true;
     }
     for (int i = 0; i < nCount; ++i) {
         Sorted& arrival = *arrivals.get()[i];
