@@ -105,6 +105,33 @@ void SettleEquals(const SortedItem<T>* pGroup, int nCount, T* pItems, PlaceCount
     }
 }
 
+/// Puts sorted items, some of them equal, into their places. Returns false, with the items as they were, when memory is
+/// lacking.
+template <typename T>
+bool SettleAll(SortedItem<T>* pSorted, int nCount, T* pItems) {
+    using Sorted = SortedItem<T>;
+    const std::unique_ptr<Sorted*[]> arrivals(new (std::nothrow) Sorted*[static_cast<std::size_t>(nCount)]);
+    PlaceCounts counts(nCount);
+    if (arrivals == nullptr || !counts.IsUsable()) {
+        return false;
+    }
+    for (int i = 0; i < nCount; ++i) {
+        arrivals.get()[pSorted[i].nArrival] = &pSorted[i];
+    }
+    for (int i = 0; i < nCount; ++i) {
+        Sorted& arrival = *arrivals.get()[i];
+        arrival.nLesser = counts.Before(arrival.nGroup);
+        counts.Add(arrival.nGroup, 1);
+    }
+    for (int nFirst = 0, nEnd = 0; nFirst < nCount; nFirst = nEnd) {
+        while (nEnd < nCount && pSorted[nEnd].nGroup == nFirst) {
+            ++nEnd;
+        }
+        SettleEquals(pSorted + nFirst, nEnd - nFirst, pItems + nFirst, counts);
+    }
+    return true;
+}
+
 /// Gives items the order that SortByExchange() with `compare(i's, j's) > 0` would, in n log n, for a `compare` whose result
 /// is negative, 0 or positive as its first argument belongs before, beside or behind its second. Returns false, with the
 /// items as they were, when memory is lacking.
@@ -116,11 +143,8 @@ void SettleEquals(const SortedItem<T>* pGroup, int nCount, T* pItems, PlaceCount
 template <typename T, typename Compare>
 bool SortInExchangeOrder(T* pItems, int nCount, Compare compare) {
     using Sorted = SortedItem<T>;
-    const std::size_t nSize = static_cast<std::size_t>(nCount);
-    const std::unique_ptr<Sorted[]> sorted(new (std::nothrow) Sorted[nSize]);
-    const std::unique_ptr<Sorted*[]> arrivals(new (std::nothrow) Sorted*[nSize]);
-    PlaceCounts counts(nCount);
-    if (sorted == nullptr || arrivals == nullptr || !counts.IsUsable()) {
+    const std::unique_ptr<Sorted[]> sorted(new (std::nothrow) Sorted[static_cast<std::size_t>(nCount)]);
+    if (sorted == nullptr) {
         return false;
     }
     Sorted* const pSorted = sorted.get();
@@ -136,24 +160,12 @@ bool SortInExchangeOrder(T* pItems, int nCount, Compare compare) {
         const bool fgFirst = i == 0 || compare(pSorted[i - 1].item, pSorted[i].item) < 0;
         pSorted[i].nGroup = fgFirst ? i : pSorted[i - 1].nGroup;
         fgEquals = fgEquals || !fgFirst;
-        arrivals.get()[pSorted[i].nArrival] = &pSorted[i];
     }
-    if (!fgEquals) {
-        // As nearly always: names in a directory differ.
-        std::transform(pSorted, pSorted + nCount, pItems, [](const Sorted& each) { return each.item; });
-        return true;
+    if (fgEquals) {
+        return SettleAll(pSorted, nCount, pItems);
     }
-    for (int i = 0; i < nCount; ++i) {
-        Sorted& arrival = *arrivals.get()[i];
-        arrival.nLesser = counts.Before(arrival.nGroup);
-        counts.Add(arrival.nGroup, 1);
-    }
-    for (int nFirst = 0, nEnd = 0; nFirst < nCount; nFirst = nEnd) {
-        while (nEnd < nCount && pSorted[nEnd].nGroup == nFirst) {
-            ++nEnd;
-        }
-        SettleEquals(pSorted + nFirst, nEnd - nFirst, pItems + nFirst, counts);
-    }
+    // As nearly always: names in a directory differ.
+    std::transform(pSorted, pSorted + nCount, pItems, [](const Sorted& each) { return each.item; });
     return true;
 }
 

@@ -155,3 +155,16 @@ TEST(ExchangeOrderTest, WithoutMemoryNothingIsMovedAndTheCallerIsTold) {
     EXPECT_FALSE(Sort(items));
     EXPECT_EQ(items, before);
 }
+
+TEST(ExchangeOrderTest, WhereMemoryEndsAmongEqualsNothingIsMovedEither) {
+    const Items before = Marked({3, 1, 3, 2, 1});
+    for (const int nStillWorks : {0, 1, 2}) {
+        Items items = before;
+        const support::ScopedNoMemory noMemory(nStillWorks);
+        EXPECT_FALSE(Sort(items)) << nStillWorks;
+        EXPECT_EQ(items, before) << nStillWorks;
+    }
+    Items items = before;
+    const support::ScopedNoMemory noMemory(3);
+    EXPECT_TRUE(Sort(items));
+}

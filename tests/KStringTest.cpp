@@ -1185,7 +1185,7 @@ TEST(KStringTest, FindsATextFromTheFront) {
 
 TEST(KStringTest, FindsATextWhereverASearchByteByByteDoes) {
     // Of letters that are often met, that are not, and of both; near each other, and so far apart that a hit is a surprise.
-    const std::string alphabets[] = {"ae", "xy", "ax", "e x,", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaax"};
+    const std::string alphabets[] = {"ae", "xy", "ax", "e x,", "a\xE1\xF5", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaax"};
     std::mt19937 random(20);
     const auto text = [&random](const std::string& alphabet, std::size_t nMost) {
         std::string made(random() % (nMost + 1), '\0');

@@ -272,8 +272,8 @@ void KMem::Deinit() {
         return;
     }
     const MemInfoContainer& registry = *g_pMemInfoContainer;
+    constexpr int kWord = SlotSet::kBits;
     for (int nSlot = 0; nSlot < kSlotCount; ++nSlot) {
-        constexpr int kWord = SlotSet::kBits;
         if (nSlot % kWord == 0 && registry.IsWordEmpty(nSlot)) {
             nSlot += kWord - 1;
         } else {

@@ -47,13 +47,7 @@ class ScopedNoMalloc {
 
 /// The sanitizers call this before code that they instrumented could run.
 extern "C" __attribute__((no_sanitize("thread", "address", "undefined"))) void* malloc(std::size_t nSize) noexcept {
-    using Malloc = void* (*)(std::size_t);
-    static Malloc pFound = nullptr;
-    Malloc pNext = __atomic_load_n(&pFound, __ATOMIC_RELAXED);
-    if (pNext == nullptr) {
-        pNext = support::NextFunction(static_cast<Malloc>(&malloc), "malloc");
-        __atomic_store_n(&pFound, pNext, __ATOMIC_RELAXED);
-    }
+    const auto pNext = support::Next<&malloc>("malloc");
     if (!support::ScopedNoMalloc::Take()) {
         errno = ENOMEM;
         return nullptr;

@@ -54,9 +54,17 @@ class ScopedCalls {
     ScopedCalls* m_pBefore;
 };
 
-/// What a function stands in front of, once it is known.
+/// What a function stands in front of, found the first time.
 template <auto pOwn>
-inline decltype(pOwn) g_pNext = nullptr;
+__attribute__((no_sanitize("thread", "address", "undefined"))) decltype(pOwn) Next(const char* pszName) {
+    static decltype(pOwn) pFound = nullptr;
+    auto pNext = __atomic_load_n(&pFound, __ATOMIC_RELAXED);
+    if (pNext == nullptr) {
+        pNext = NextFunction(pOwn, pszName);
+        __atomic_store_n(&pFound, pNext, __ATOMIC_RELAXED);
+    }
+    return pNext;
+}
 
 /// The body of a function that stands in front: notes the call, then answers it or passes it on. Calls that libc or a
 /// sanitizer makes in turn are not noted. The thread sanitizer calls some of these functions itself while it makes a
@@ -69,11 +77,7 @@ __attribute__((no_sanitize("thread"))) int NoteAndPassOn(const char* pszName, Ar
             return *answer;
         }
     }
-    auto pNext = __atomic_load_n(&g_pNext<pOwn>, __ATOMIC_RELAXED);
-    if (pNext == nullptr) {
-        pNext = NextFunction(pOwn, pszName);
-        __atomic_store_n(&g_pNext<pOwn>, pNext, __ATOMIC_RELAXED);
-    }
+    const auto pNext = Next<pOwn>(pszName);
     ScopedCalls::Current() = nullptr;
     const int nResult = pNext(arguments...);
     ScopedCalls::Current() = pCalls;
