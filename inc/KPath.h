@@ -127,6 +127,8 @@ class KALVOREN_API KPath {
     char* GetSystemPath(ConvPathTo eConversion);
 
  private:
+    friend class KDirectory;  // gives its entries their names without a copy
+
     static const int kBufferSize = 2048;
 
     KALVOREN_LOCAL void Join(const KString& text);

@@ -211,8 +211,8 @@ def section(directory, notes, plot):
             "level is 3, except where lines are what is measured. What a job frees stays with its process, and where long texts are",
             "copied, libc does so without the processor's own instruction: without these two settings the same row differs by a",
             "factor from one run to the next. The kernel's work of clearing fresh pages, 2 KB for each entry of a directory, comes",
-            "on top in a process with libc's own settings. The registry of allocations is counted whole; what of it is touched is in",
-            "[Footprint](footprint.md)."),
+            "on top in a process with libc's own settings. The registry of allocations is counted whole, untouched address space",
+            "included; what of it is touched is in [Footprint](footprint.md)."),
         *paragraph(f"{met} rows meet their goal.",
                    f"Missed, with the reasons below the tables: {'; '.join(missed)}." if missed else "None misses it.")]
     if plot:
@@ -233,6 +233,13 @@ def curves(results):
     return {title: rows for title, rows in found.items() if len(rows) > 2}
 
 
+def growing(title):
+    """What the horizontal axis of a job says."""
+    if "text" in title:
+        return "bytes"
+    return "registrations" if title.startswith("dispatch") else "n"
+
+
 def draw(directory, file):
     plt = plotter()
     found = curves(Results(directory))
@@ -251,6 +258,7 @@ def draw(directory, file):
         axis.set_xscale("symlog" if 0 in by_size else "log")
         axis.set_yscale("log")
         axis.set_title(title, fontsize=10)
+        axis.set_xlabel(growing(title))
         axis.set_ylabel("ns")
         axis.grid(True, which="major", alpha=0.3)
         axis.legend(fontsize=7)

@@ -113,7 +113,7 @@ bool KDirectory::Open(KPath& path) {
                     g_nEntriesRead.fetch_add(1, std::memory_order_relaxed));
         KList<KPath>::Appender appender(m_Entries, end);
         if (KPath* const pPath = appender.Add()) {
-            pPath->SetPath(KString::FromUTF8String(pEntry->d_name));
+            pPath->m_Path = KString::FromUTF8String(pEntry->d_name);
             pPath->SetType(TypeOf(*pEntry));
         }
     }

@@ -39,6 +39,29 @@ void MakeText(int n) {
     });
 }
 
+void CopyText(int n) {
+    const std::string text(static_cast<std::size_t>(n), 'x');
+    Measured([&] {
+        for (int i = 0; i < kRepetitions; ++i) {
+            void* const pCopy = std::malloc(text.size() + 1);
+            std::memcpy(pCopy, text.c_str(), text.size() + 1);
+            Use(pCopy);
+            std::free(pCopy);
+        }
+    });
+}
+
+void CompareTexts(int n) {
+    const std::string text(static_cast<std::size_t>(n), 'x');
+    const std::string equal(text.c_str());
+    Measured([&] {
+        for (int i = 0; i < kRepetitions; ++i) {
+            const int nCompared = std::strcmp(text.c_str(), equal.c_str());
+            Use(nCompared);
+        }
+    });
+}
+
 void Append(int n) {
     char* pszText = nullptr;
     Measured([&] {
@@ -58,6 +81,14 @@ void Search(int n) {
     const std::string text = Repeated("one two ", n);
     Measured([&] {
         const char* const pszAt = std::strstr(text.c_str(), "three");
+        Use(pszAt);
+    });
+}
+
+void SearchRareLetter(int n) {
+    const std::string text = Repeated("one two ", n);
+    Measured([&] {
+        const char* const pszAt = std::strstr(text.c_str(), kRareWord);
         Use(pszAt);
     });
 }
@@ -302,13 +333,27 @@ void PassRecord(int n) {
 }  // namespace
 
 const std::map<std::string, void (*)(int)>& BareJobs() {
-    static const std::map<std::string, void (*)(int)> kJobs = {
-        {"MakeText", MakeText},           {"Append", Append},           {"Search", Search},
-        {"FillList", FillList},           {"WalkList", WalkList},       {"PopList", PopList},
-        {"OpenDirectory", OpenDirectory}, {"ReuseABlock", ReuseABlock}, {"Lock", Lock},
-        {"StartThread", StartThread},     {"Fields", Fields},           {"Seconds", Seconds},
-        {"TimeText", TimeText},           {"LogError", LogError},       {"LogStamped", LogStamped},
-        {"HandOver", HandOver},           {"Dispatch", Dispatch},       {"DispatchAmong", DispatchAmong},
-        {"PassRecord", PassRecord}};
+    static const std::map<std::string, void (*)(int)> kJobs = {{"MakeText", MakeText},
+                                                               {"CopyText", CopyText},
+                                                               {"CompareTexts", CompareTexts},
+                                                               {"Append", Append},
+                                                               {"Search", Search},
+                                                               {"SearchRareLetter", SearchRareLetter},
+                                                               {"FillList", FillList},
+                                                               {"WalkList", WalkList},
+                                                               {"PopList", PopList},
+                                                               {"OpenDirectory", OpenDirectory},
+                                                               {"ReuseABlock", ReuseABlock},
+                                                               {"Lock", Lock},
+                                                               {"StartThread", StartThread},
+                                                               {"Fields", Fields},
+                                                               {"Seconds", Seconds},
+                                                               {"TimeText", TimeText},
+                                                               {"LogError", LogError},
+                                                               {"LogStamped", LogStamped},
+                                                               {"HandOver", HandOver},
+                                                               {"Dispatch", Dispatch},
+                                                               {"DispatchAmong", DispatchAmong},
+                                                               {"PassRecord", PassRecord}};
     return kJobs;
 }

@@ -95,6 +95,26 @@ void MakeText(int n) {
     });
 }
 
+void CopyText(int n) {
+    const KString text(std::string(static_cast<std::size_t>(n), 'x').c_str());
+    Measured([&] {
+        for (int i = 0; i < kRepetitions; ++i) {
+            const KString copy(text);  // NOLINT(performance-unnecessary-copy-initialization): it is what is measured
+        }
+    });
+}
+
+void CompareTexts(int n) {
+    const KString text(std::string(static_cast<std::size_t>(n), 'x').c_str());
+    const KString equal(text);
+    Measured([&] {
+        for (int i = 0; i < kRepetitions; ++i) {
+            const bool fgEqual = text == equal;
+            asm volatile("" : : "r"(fgEqual));
+        }
+    });
+}
+
 void Append(int n) {
     KString text;
     Measured([&] {
@@ -118,6 +138,11 @@ void Replace(int n) {
 void Search(int n) {
     const KString text(Repeated("one two ", n).c_str());
     Measured([&] { text.Find("three", 0); });
+}
+
+void SearchRareLetter(int n) {
+    const KString text(Repeated("one two ", n).c_str());
+    Measured([&] { text.Find(kRareWord, 0); });
 }
 
 void SearchNearlyThere(int n) {
@@ -423,8 +448,12 @@ constexpr const char* kRepeated = "1000";
 
 const Entry kEntries[] = {
     {"MakeText", "make a text of n bytes", kRepeated, "8,32,1024,65536", MakeText},
+    {"CopyText", "copy a text of n bytes", kRepeated, "8,32,1024,65536", CopyText},
+    {"CompareTexts", "compare equal texts of n bytes", kRepeated, "8,32,1024,65536", CompareTexts},
     {"Append", "append 16 bytes n times", "n", "1024,4096,16384", Append},
     {"Search", "search 8 n bytes for a word that is not there", "n", "100,1000,10000", Search},
+    {"SearchRareLetter", "search 8 n bytes for a word with a letter that is not there", "n", "100,1000,10000",
+     SearchRareLetter},
     {"SearchNearlyThere", "search 64 n bytes for a word of 6.4 n bytes that is nearly there", "n", "100,1000,10000",
      SearchNearlyThere},
     {"Replace", "replace n words of a text by longer ones", "n", "1000,4000,16000", Replace},

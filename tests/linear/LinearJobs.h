@@ -54,6 +54,9 @@ constexpr const char* kPiece = "sixteen letters.";
 constexpr const char* kLogFormat = "stream %d: %s";
 constexpr const char* kLogText = "1920x1080 at 25 frames a second";
 
+/// Begins as words of the text do in which it is sought, and has a letter that is nowhere in it.
+constexpr const char* kRareWord = "once";
+
 /// How often the jobs are done whose size is not how often they are done.
 constexpr int kRepetitions = 1000;
 

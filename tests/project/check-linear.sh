@@ -39,8 +39,8 @@ check() {
     fi
 }
 
-for job in Append Divide Replace Search SearchNearlyThere FillList WalkList CopyList PopList ReadFlat ReadNested Dispatch \
-    DispatchAmong; do
+for job in Append Divide Replace Search SearchRareLetter SearchNearlyThere FillList WalkList CopyList PopList ReadFlat \
+    ReadNested Dispatch DispatchAmong; do
     check "${job}" 1000 440
 done
 check ReadBroken 4000 440
