@@ -7,6 +7,7 @@ is read-only but for a small /tmp, with a network and processes of their own.
 """
 
 import argparse
+import concurrent.futures
 import hashlib
 import json
 import os
@@ -23,30 +24,36 @@ BUILD = os.path.join(ROOT, "build", "mutate")
 LIBRARY = "libkalvoren-sharedd.so.1"
 EQUIVALENTS = os.path.join(ROOT, "tests", "mutation", "equivalents.json")
 
-# What a class consists of, where that is not one source and one test of its name. Headers are tested by tests that compile
-# them.
+# Of each class the files that are changed, and its tests. The sources of the library that are compiled with a changed header
+# are those of the class, or those named behind the tests; the templates are in the tests alone.
 CLASSES = {
-    "KAssert": (["src/api/KAssert.cpp"], ["KAssertTest"]),
-    "KDebug": (["src/api/KDebug.cpp"], ["KDebugTest"]),
-    "KDirectory": (["src/api/KDirectory.cpp"], ["KDirectoryTest"]),
-    "KEntry": (["src/KEntry.cpp"], ["KEntryTest"]),
-    "KFile": (["src/api/KFile.cpp"], ["KFileTest"]),
-    "KIPC": (["src/api/KIPC.cpp"], ["KIPCTest"]),
-    "KLib": (["src/api/KLib.cpp"], ["KLibTest"]),
-    "KList": (["inc/KList.h"], ["KListTest"]),
-    "KLocale": (["src/api/KLocale.cpp"], ["KLocaleTest"]),
-    "KMem": (["src/api/KMem.cpp"], ["KMemTest"]),
-    "KMessage": (["src/KMessage.cpp"], ["KMessageTest"]),
-    "KNet": (["src/api/KNet.cpp"], ["KNetInfoTest", "KNetTest"]),
-    "KPath": (["src/KPath.cpp"], ["KPathTest"]),
-    "KPropertyList": (["src/KPropertyList.cpp"], ["KPropertyNodeTest", "KPropertyListTest"]),
-    "KQueue": (["src/KQueue.cpp"], ["KQueueTest"]),
-    "KString": (["src/api/KString.cpp"], ["KStringTest"]),
-    "KSystem": (["src/api/KSystem.cpp"], ["KSystemTest"]),
-    "KThread": (["src/api/KThread.cpp"], ["KMutexTest", "KThreadTest"]),
-    "KTime": (["src/api/KTime.cpp"], ["KTimeTest"]),
-    "ExchangeOrder": (["src/ExchangeOrder.h"], ["ExchangeOrderTest"]),
-}
+    "KAssert": (["src/api/KAssert.cpp", "inc/KAssert.h"], ["KAssertTest"]),
+    "KDebug": (["src/api/KDebug.cpp", "inc/KDebug.h"], ["KDebugTest"]),
+    "KDirectory": (["src/api/KDirectory.cpp", "inc/KDirectory.h"], ["KDirectoryTest"]),
+    "KEntry": (["src/KEntry.cpp", "inc/KEntry.h"], ["KEntryTest"]),
+    "KFile": (["src/api/KFile.cpp", "inc/KFile.h"], ["KFileTest"]),
+    "KIPC": (["src/api/KIPC.cpp", "inc/KIPC.h"], ["KIPCTest"]),
+    "KLib": (["src/api/KLib.cpp", "inc/KLib.h"], ["KLibTest"]),
+    "KList": (["inc/KList.h"], ["KListTest"], []),
+    "KLocale": (["src/api/KLocale.cpp", "inc/KLocale.h"], ["KLocaleTest"]),
+    "KMem": (["src/api/KMem.cpp", "inc/KMem.h"], ["KMemTest"]),
+    "KMessage": (["src/KMessage.cpp", "inc/KMessage.h"], ["KMessageTest"]),
+    "KNet": (["src/api/KNet.cpp", "inc/KNet.h"], ["KNetInfoTest", "KNetTest"]),
+    "KPath": (["src/KPath.cpp", "inc/KPath.h"], ["KPathTest"]),
+    "KPropertyList": (["src/KPropertyList.cpp", "inc/KPropertyList.h"], ["KPropertyNodeTest", "KPropertyListTest"]),
+    "KQueue": (["src/KQueue.cpp", "inc/KQueue.h"], ["KQueueTest"]),
+    "KString": (["src/api/KString.cpp", "inc/KString.h"], ["KStringTest"]),
+    "KSystem": (["src/api/KSystem.cpp", "inc/KSystem.h"], ["KSystemTest"]),
+    "KThread": (["src/api/KThread.cpp", "inc/KThread.h"], ["KMutexTest", "KThreadTest"]),
+    "KTime": (["src/api/KTime.cpp", "inc/KTime.h"], ["KTimeTest"]),
+    "ExchangeOrder": (["src/ExchangeOrder.h"], ["ExchangeOrderTest"], []),
+    "Checks": (["src/Checks.h"], ["KAssertTest", "KStringTest"], ["src/api/KString.cpp"]),
+    "Numbers": (["src/Numbers.h"], ["KStringTest", "KTimeTest", "KFileTest"],
+                ["src/api/KString.cpp", "src/api/KTime.cpp", "src/api/KFile.cpp"]),
+    "Permission": (["src/Permission.h"], ["KFileTest", "KDirectoryTest"], ["src/api/KFile.cpp", "src/api/KDirectory.cpp"]),
+    "ScopedLock": (["src/ScopedLock.h"], ["KMessageTest"], ["src/KMessage.cpp"]),
+    "TimeText": (["src/TimeText.h"], ["KTimeTest", "KDebugTest"], ["src/api/KTime.cpp", "src/api/KDebug.cpp"]),
+}  # fmt: skip
 
 
 # ------------------------------------------------------------------------------------------------------------ The changes
@@ -186,6 +193,15 @@ def run(command, **options):
     return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, **options)
 
 
+def text_of(path):
+    with open(os.path.join(ROOT, path)) as file:
+        return file.read()
+
+
+def source_of(program):
+    return os.path.join("tests", os.path.basename(program) + ".cpp")
+
+
 def digest(*parts):
     return hashlib.sha256("\0".join(parts).encode()).hexdigest()
 
@@ -193,11 +209,12 @@ def digest(*parts):
 class Build:
     """Compiles changed files with the commands that compile the real ones."""
 
-    def __init__(self):
+    def __init__(self, name):
         with open(os.path.join(BUILD, "compile_commands.json")) as file:
             self.entries = json.load(file)
-        self.work = os.path.join(BUILD, "changed")
-        os.makedirs(self.work, exist_ok=True)
+        self.work = os.path.join(BUILD, "changed", name)
+        self.headers = os.path.join(self.work, "include")
+        os.makedirs(self.headers, exist_ok=True)
         self.plain = {}
 
     def entry(self, source):
@@ -229,10 +246,10 @@ class Build:
                 objects[os.path.relpath(entry["file"], ROOT)] = os.path.join(entry["directory"], target)
         return objects
 
-    def link(self, source, changed):
-        """Links the library with one object changed."""
+    def link(self, changed):
+        """Links the library with the objects of some sources changed."""
         library = os.path.join(self.work, LIBRARY)
-        objects = [changed if name == source else path for name, path in sorted(self.objects().items())]
+        objects = [changed.get(name, path) for name, path in sorted(self.objects().items())]
         words = ["g++", "-shared", "-o", library, "-Wl,-soname," + LIBRARY]
         words += ["-Wl,--version-script," + os.path.join(ROOT, "src", "exports.map"), "-pthread", *objects, "-ldl"]
         return library if run(words).returncode == 0 else None
@@ -246,22 +263,37 @@ class Build:
 
     def code_without_change(self, source):
         if source not in self.plain:
-            with open(os.path.join(ROOT, source)) as file:
-                text = file.read()
-            self.plain[source] = self.changed_object(source, text)
+            self.plain[source] = self.changed_object(source, text_of(source))
             if self.plain[source] is None:
                 sys.exit("mutate: %s does not compile without a change" % source)
-        return self.plain[source]
+        return self.plain[source][1]
 
-    def changed_object(self, source, text):
+    def changed_object(self, source, text, more=()):
         """Compiles a text in place of a source: the object's path and its code, or None."""
         path = os.path.join(self.work, os.path.basename(source))
         target = path + ".o"
         with open(path, "w") as file:
             file.write(text)
-        if not self.compile(source, path, target):
+        if not self.compile(source, path, target, more):
             return None
         return target, self.code_of(target)
+
+    def change_header(self, path, text):
+        """Puts all headers, one of them with a text of its own, where they are found before the real ones."""
+        for place in ("inc", "src"):
+            for name in os.listdir(os.path.join(ROOT, place)):
+                if name.endswith(".h"):
+                    header = os.path.join(place, name)
+                    with open(os.path.join(self.headers, name), "w") as file:
+                        file.write(text if header == path else text_of(header))
+
+    def program(self, program, test):
+        """Links a test program of another object."""
+        program = os.path.join(self.work, os.path.basename(program))
+        libraries = [os.path.join(BUILD, "tests", "lib%s.a" % part) for part in ("kalvoren-test-support", "kalvoren-googletest")]
+        words = ["g++", "-o", program, test, *libraries, "-L" + BUILD, "-lkalvoren-sharedd", "-Wl,-rpath," + BUILD, "-pthread",
+                 "-ldl"]  # fmt: skip
+        return program if run(words).returncode == 0 else None
 
 
 # -------------------------------------------------------------------------------------------------------------- The tests
@@ -285,10 +317,11 @@ class Tests:
         self.seconds = {}
         self.cases = {}
         self.noticing = {program: [] for program in self.programs}
+        self.late = 0  # changes that were noticed because a test did not end in time
 
     def passes(self, library=None, program=None, replaced=None, limit=300.0, more=()):
-        """Whether a test program passes, with a changed library in front or as a program of its own."""
-        command = [replaced or program, "--gtest_color=no", "--gtest_fail_fast", *more]
+        """Whether a test program passes, with a changed library in front or replaced by another program."""
+        command = [(replaced or {}).get(program, program), "--gtest_color=no", "--gtest_fail_fast", *more]
         if library:
             command = ["env", "LD_PRELOAD=" + library, *command]
         started = time.time()
@@ -299,6 +332,7 @@ class Tests:
                 passed = result.returncode == 0
             except subprocess.TimeoutExpired:
                 passed = False
+                self.late += 1
             if not passed:
                 output.seek(0)
                 self.remember(program, output.read())
@@ -354,10 +388,10 @@ class Tests:
 
 
 class Results:
-    """What came of each change, kept over runs."""
+    """What came of each change of a class, kept over runs."""
 
-    def __init__(self):
-        self.path = os.path.join(BUILD, "results.json")
+    def __init__(self, name):
+        self.path = os.path.join(BUILD, "results-%s.json" % name)
         self.known = {}
         if os.path.exists(self.path):
             with open(self.path) as file:
@@ -374,62 +408,70 @@ class Results:
         os.replace(self.path + ".new", self.path)
 
 
-def examine(change, build, tests):
+def examine(change, build, tests, compiled):
     """'invalid', 'same', 'noticed' or 'survived'."""
     if change.path.endswith(".h"):
-        # The test that compiles the header is compiled anew.
-        directory = os.path.join(build.work, "include")
-        os.makedirs(directory, exist_ok=True)
-        header = os.path.join(directory, os.path.basename(change.path))
-        with open(header, "w") as file:
-            file.write(change.text)
-        name = os.path.basename(tests.programs[0])
-        target = os.path.join(build.work, name + ".o")
-        try:
-            source = os.path.join("tests", name + ".cpp")
-            if not build.compile(source, os.path.join(ROOT, source), target, ["-I", directory]):
-                return "invalid"
-        finally:
-            os.remove(header)
-        program = os.path.join(build.work, name)
-        libraries = [os.path.join(BUILD, "tests", "lib%s.a" % part) for part in ("kalvoren-test-support", "kalvoren-googletest")]
-        words = ["g++", "-o", program, target, *libraries, "-L" + BUILD, "-lkalvoren-sharedd", "-Wl,-rpath," + BUILD,
-                 "-pthread", "-ldl"]  # fmt: skip
-        if run(words).returncode != 0:
-            return "invalid"
-        return "noticed" if tests.notice(replaced=program) else "survived"
-    plain = build.code_without_change(change.path)[1]
+        return examine_header(change, build, tests, compiled)
+    plain = build.code_without_change(change.path)
     changed = build.changed_object(change.path, change.text)
     if changed is None:
         return "invalid"
     if changed[1] == plain:
         return "same"
-    library = build.link(change.path, changed[0])
+    library = build.link({change.path: changed[0]})
     if library is None:
         return "invalid"
     return "noticed" if tests.notice(library=library) else "survived"
 
 
-def check_setting(name, sources, build, tests):
+def examine_header(change, build, tests, compiled):
+    """The same for a header, with which sources of the library and the tests are compiled anew."""
+    objects, replaced = {}, {}
+    build.change_header(change.path, change.text)
+    for source in compiled + [source_of(program) for program in tests.programs]:
+        plain = build.code_without_change(source)
+        changed = build.changed_object(source, text_of(source), ["-I", build.headers])
+        if changed is None:
+            return "invalid"
+        if changed[1] != plain:
+            objects[source] = changed[0]
+    if not objects:
+        return "same"
+    for program in tests.programs:
+        if source_of(program) in objects:
+            replaced[program] = build.program(program, objects[source_of(program)])
+    library = build.link(objects)
+    if library is None or None in replaced.values():
+        return "invalid"
+    return "noticed" if tests.notice(library, replaced) else "survived"
+
+
+def check_setting(name, compiled, build, tests):
     """What is not changed has to pass in the same setting, or every change would seem to be noticed."""
     for program in tests.programs:
         if not tests.passes(program=program):
             sys.exit("mutate: %s fails without any change" % os.path.basename(program))
-    for source in sources:
-        if not source.endswith(".h"):
-            plain = build.code_without_change(source)[0]
-            library = build.link(source, plain)
-            if library is None or not all(tests.passes(library, program) for program in tests.programs):
-                sys.exit("mutate: the tests of %s fail with a library that was put in front" % name)
+    build.change_header("", "")
+    objects, replaced = {}, {}
+    for source in compiled + [source_of(program) for program in tests.programs]:
+        plain = build.changed_object(source, text_of(source), ["-I", build.headers])
+        if plain is None or plain[1] != build.code_without_change(source):
+            sys.exit("mutate: %s does not compile to the same without a change" % source)
+        objects[source] = plain[0]
+    for program in tests.programs:
+        replaced[program] = build.program(program, objects[source_of(program)])
+    library = build.link(objects)
+    if library is None or not all(tests.passes(library, program, replaced) for program in tests.programs):
+        sys.exit("mutate: the tests of %s fail with a library that was put in front" % name)
 
 
-def report(name, counts, total, survivors):
+def report(name, counts, total, late, survivors):
     judged = counts["noticed"] + counts["survived"]
     share = 100.0 * counts["noticed"] / judged if judged else 100.0
     print(
-        "%s: %d of %d changes tried: %d noticed, %d survived (%.1f %% noticed); %d listed as equivalent, "
-        "%d compile to the same, %d do not compile"
-        % (name, sum(counts.values()), total, counts["noticed"], counts["survived"], share, counts["equivalent"],
+        "%s: %d of %d changes tried: %d noticed (%d for the time that a test took), %d survived (%.1f %% noticed); "
+        "%d listed as equivalent, %d compile to the same, %d do not compile"
+        % (name, sum(counts.values()), total, counts["noticed"], late, counts["survived"], share, counts["equivalent"],
            counts["same"], counts["invalid"]),  # fmt: skip
         flush=True,
     )
@@ -437,17 +479,15 @@ def report(name, counts, total, survivors):
         print("  " + str(survivor), flush=True)
 
 
-def mutate(name, options, results, equivalents, deadline):
-    sources, programs = CLASSES[name]
-    build = Build()
+def mutate(name, options, equivalents, deadline):
+    files, programs, *compiled = CLASSES[name]
+    compiled = compiled[0] if compiled else [path for path in files if path.endswith(".cpp")]
+    build = Build(name)
     tests = Tests(programs)
-    check_setting(name, sources, build, tests)
+    results = Results(name)
+    check_setting(name, compiled, build, tests)
     state = tests.state()
-    changes = []
-    for source in sources:
-        with open(os.path.join(ROOT, source)) as file:
-            text = file.read()
-        changes += [Change(source, text, *change) for change in changes_of(text)]
+    changes = [Change(path, text_of(path), *change) for path in files for change in changes_of(text_of(path))]
     total = len(changes)
     random.Random(options.seed).shuffle(changes)
     counts = {"noticed": 0, "survived": 0, "equivalent": 0, "same": 0, "invalid": 0}
@@ -460,7 +500,7 @@ def mutate(name, options, results, equivalents, deadline):
             continue
         result = results.get(change, state)
         if result is None:
-            result = examine(change, build, tests)
+            result = examine(change, build, tests, compiled)
             results.put(change, state, result)
         counts[result] += 1
         if result == "survived":
@@ -468,7 +508,7 @@ def mutate(name, options, results, equivalents, deadline):
             if options.verbose:
                 print(json.dumps(change.identity()), flush=True)
     survivors.sort(key=lambda change: (change.path, change.start))
-    report(name, counts, total, survivors)
+    report(name, counts, total, tests.late, survivors)
     return counts
 
 
@@ -487,24 +527,30 @@ def main():
             sys.exit("mutate: no class named %s; there are: %s" % (name, " ".join(CLASSES)))
     with open(EQUIVALENTS) as file:
         equivalents = [{key: entry[key] for key in ("file", "in", "nth", "at", "old", "new")} for entry in json.load(file)]
-    for entry in equivalents:
-        with open(os.path.join(ROOT, entry["file"])) as file:
-            lines = [line.strip() for line in file]
-        if lines.count(entry["in"]) <= entry["nth"] or not entry["in"][entry["at"] :].startswith(entry["old"]):
-            sys.exit("mutate: a change is listed as equivalent whose line is not there any more: %s" % json.dumps(entry))
+    for path in sorted({entry["file"] for entry in equivalents}):
+        there = [Change(path, text_of(path), *change).identity() for change in changes_of(text_of(path))]
+        for entry in equivalents:
+            if entry["file"] == path and entry not in there:
+                sys.exit("mutate: a change is listed as equivalent that is not there any more: %s" % json.dumps(entry))
     if run(sandboxed(["true"])).returncode != 0:
         sys.exit("mutate: bubblewrap does not work here, and nothing changed is run outside it")
     programs = sorted({program for name in names for program in CLASSES[name][1]})
     if subprocess.run(["cmake", "--build", BUILD, "--target", "kalvoren-sharedd", *programs], stdout=sys.stderr).returncode != 0:
         sys.exit("mutate: the tests do not build")
-    results = Results()
     deadline = time.time() + options.seconds if options.seconds else float("inf")
     noticed = judged = 0
-    for name in names:
-        counts = mutate(name, options, results, equivalents, deadline)
-        noticed += counts["noticed"]
-        judged += counts["noticed"] + counts["survived"]
-    share = 100.0 * noticed / judged if judged else 100.0
+    # One class on each processor.
+    with concurrent.futures.ThreadPoolExecutor(int(os.environ.get("JOBS") or os.cpu_count())) as pool:
+        classes = [pool.submit(mutate, name, options, equivalents, deadline) for name in names]
+        try:
+            for counts in (done.result() for done in classes):
+                noticed += counts["noticed"]
+                judged += counts["noticed"] + counts["survived"]
+        finally:
+            pool.shutdown(cancel_futures=True)
+    if not judged:
+        sys.exit("mutate: no change was judged")
+    share = 100.0 * noticed / judged
     print("All: %d of %d changes noticed (%.1f %%)" % (noticed, judged, share))
     return 0 if share >= options.least else 1
 
