@@ -33,14 +33,7 @@ symbols=$("${nm}" --dynamic --defined-only --format=posix "${library}" | cut -d 
 while read -r symbol; do
     refuse "exports $(c++filt "${symbol}"), which is not its own"
 done < <(grep -E '^_Z(T[VIST])?(N?K?(St|S[absiod]|9__gnu_cxx)|GVN?)' <<<"${symbols}")
-# Hardening: canaries, libc's checked calls, everything resolved and made read-only before the program starts, no
-# executable stack, nothing both writable and executable.
-imports=$("${nm}" --dynamic --undefined-only --format=posix "${library}" | cut -d ' ' -f 1 | sed 's/@.*//')
-grep -qx '__stack_chk_fail' <<<"${imports}" || refuse "is compiled without stack protection"
-grep -qx '__vsnprintf_chk' <<<"${imports}" || refuse "is compiled without checked calls"
-grep -qE '\(FLAGS\).*BIND_NOW|\(FLAGS_1\).*NOW' <<<"${dynamic}" || refuse "binds its calls late"
-segments=$("${readelf}" --program-headers --wide "${library}")
-grep -q 'GNU_RELRO' <<<"${segments}" || refuse "leaves its tables writable"
-grep -qE 'GNU_STACK.* RW ' <<<"${segments}" || refuse "asks for an executable stack"
-grep -qE 'LOAD.* RWE ' <<<"${segments}" && refuse "has memory that is writable and executable"
+"$(dirname "${BASH_SOURCE[0]}")/check-hardening.sh" "${library}" "${readelf}" "${nm}" || status=1
+"${nm}" --dynamic --undefined-only --format=posix "${library}" | grep -q '^__vsnprintf_chk' ||
+    refuse "is compiled without checked calls"
 exit "${status}"

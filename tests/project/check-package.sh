@@ -67,6 +67,12 @@ used=$("${readelf}" --version-info --wide "${libraries}/libkalvoren-sharedd.so.1
 [[ $(printf '%s\n' "${asked}" "${used}" | sort -V | tail -n 1) == "${asked}" ]] ||
     refuse "the library needs glibc ${used}, the package asks for ${asked}"
 
+# What is shipped is what was promised of the library, and as hard to misuse.
+nm=${readelf%readelf}nm
+"${source}/tests/project/check-library.sh" "${libraries}/libkalvoren-sharedd.so.1.0.0" "${readelf}" "${nm}" ||
+    refuse "the library is not as promised"
+"${source}/tests/project/check-hardening.sh" "${root}/usr/bin/kplist" "${readelf}" "${nm}" || refuse "kplist is not hardened"
+
 # The bill of materials names the library's files with their sums, and what the library needs.
 python3 - "${root}/usr/share/doc/libkalvoren1/kalvoren.spdx.json" "${source}" <<'END' || refuse "the bill of materials is wrong"
 import hashlib, json, pathlib, sys
