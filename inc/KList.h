@@ -153,6 +153,7 @@ class KALVOREN_API KList {
             return std::malloc(nSize);
         }
         KALVOREN_INLINE static void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
+        // NOLINTNEXTLINE(misc-new-delete-overloads): deletes what the other operator new made
         KALVOREN_INLINE static void operator delete(void* p) noexcept { std::free(p); }
         static_assert(alignof(T) <= alignof(std::max_align_t), "values are no more aligned than what malloc gives");
 

@@ -48,7 +48,8 @@ void KPropertyNode::DestroyDoomed() {
         while (generations[i].Pop(pNode, -1)) {
             {
                 KList<KPropertyNode*>::Appender parents(generations[1 - i], end);
-                // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): Pop() gave another node than the last one.
+                // Pop() gave a node, and another than the last one.
+                // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage,clang-analyzer-cplusplus.NewDelete)
                 pNode->DetachDoomed(parents);
             }
             delete pNode;

@@ -773,6 +773,23 @@ TEST_F(KMemTest, TheReportReachesTheLastSlotAndSkipsFreeOnes) {
                             ReportLine(70000, Address(70000), 1), ReportLine(kSlots - 1, Address(kSlots - 1), 1)));
 }
 
+TEST_F(KMemTest, TheReportMissesNoSlotBehindAStretchOfFreeOnes) {
+    const std::vector<int> kept = {64, 65, 191, 256, 70016};
+    for (int i = 0; i < kSlots; ++i) {
+        KMem::AddForNonClass(Address(i), 1);
+    }
+    for (int i = 0; i < kSlots; ++i) {
+        if (std::find(kept.begin(), kept.end(), i) == kept.end()) {
+            KMem::RemoveForNonClass(Address(i));
+        }
+    }
+    std::vector<std::string> expected;
+    for (const int nSlot : kept) {
+        expected.push_back(ReportLine(nSlot, Address(nSlot), 1));
+    }
+    EXPECT_EQ(LeakReport(), expected);
+}
+
 TEST_F(KMemTest, TheReportIsDroppedAtLevelsAboveZero) {
     const ScopedLevel level(1);
     KMem::AddForNonClass(Address(1), 1);
