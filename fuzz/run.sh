@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
-# run.sh PROGRAM TARGET DIRECTORY
+# run.sh PROGRAM TARGET DIRECTORY [keep]
 #
 # Lets a fuzz target look for inputs that fail, for KALVOREN_FUZZ_SECONDS seconds (10 where it is not set). It starts from the
 # corpus that is kept and from what it found before in this build directory. An input that fails is left in
 # DIRECTORY/findings/TARGET; once the fault is mended, it belongs in fuzz/regressions/TARGET.
+#
+# With "keep" it looks for nothing: of what it found before in this build directory, and of what was kept before, it takes as
+# few inputs as reach everything that all of them reach into the corpus that is kept. Those with a name of their own stay.
 set -euo pipefail
 
 program=$1
@@ -27,6 +30,14 @@ fi
 dictionary=()
 if [[ -f ${source}/dictionaries/${target} ]]; then
     dictionary=("-dict=${source}/dictionaries/${target}")
+fi
+
+if [[ ${4:-} == keep ]]; then
+    # What was found has the SHA-1 of its bytes for a name.
+    find "${source}/corpus/${target}" -type f -regextype egrep -regex '.*/[0-9a-f]{40}' \
+        -exec mv -t "${directory}/corpus/${target}" {} +
+    exec "${start[@]}" "${program}" -merge=1 -set_cover_merge=1 -timeout=25 -rss_limit_mb=2048 \
+        "${source}/corpus/${target}" "${directory}/corpus/${target}"
 fi
 
 exec "${start[@]}" "${program}" -max_total_time="${KALVOREN_FUZZ_SECONDS:-10}" -timeout=25 -rss_limit_mb=2048 \
