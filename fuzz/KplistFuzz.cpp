@@ -30,7 +30,7 @@ constexpr char kSelfClosing[] = "is read as an opening tag: what follows up to t
 constexpr char kTaken[] = " is taken for ";
 constexpr char kEntity[] = " is not decoded";
 constexpr char kDate[] = "and reads as an invalid one";
-constexpr char kNoPath[] = "no key path leads to it";
+constexpr char kNoPath[] = "no key of its own leads to it";
 constexpr char kOneMore[] = "is one more value of the key ";
 constexpr char kAgain[] = "key paths find the one at ";
 constexpr char kSideBySide[] = "dictionaries side by side are not kept apart, ";
@@ -497,6 +497,9 @@ class Comparison {
                 continue;
             }
             const Hanging& key = m_Nodes.at(element.nPlace);
+            if (key.pNode->text.empty()) {
+                continue;  // it is never found
+            }
             const ModelNode& first = FirstOfItsName(key);
             if (&first == key.pNode) {
                 continue;

@@ -57,9 +57,9 @@ KALVOREN_API bool IsLeapYear(short year);
 /// Returns the seconds from 1970-01-01 00:00:00 UTC to a calendar reading in UTC, as a signed 32-bit count that wraps
 /// negative after 2038-01-19 03:14:07.
 ///
-/// Nothing is validated. A year before 1970 counts as 1970; a month below 1 counts as 1, one above 13 as 13 (the January
-/// after); the other fields add their value, so that day 0 is the last day of the month before and hour 24 the first of
-/// the next day. `mkgmtime(2000, 3, 1, 0, 0, 0)` is 951868800.
+/// Nothing is validated. A year before 1970 counts as 1970, but for its own 29 February; a month below 1 counts as 1, one
+/// above 13 as 13 (the January after); the other fields add their value, so that day 0 is the last day of the month before
+/// and hour 24 the first of the next day. `mkgmtime(2000, 3, 1, 0, 0, 0)` is 951868800.
 KALVOREN_API std::time_t mkgmtime(short year, short month, short day, short hour, short minute, short second);
 
 /// The library's time value: an instant in whole seconds and microseconds since 1970-01-01 00:00:00 UTC, labelled with
@@ -146,8 +146,9 @@ class KALVOREN_API KTime : public KUnixTime {
     /// @}
 
     /// @name Shifting by seconds and microseconds
-    /// `+=` adds a millionth of the seconds and @b replaces the microseconds by those of the amount. `-=` subtracts the
-    /// seconds and the microseconds below one second, and borrows. `+` returns a copy of the left side, unchanged.
+    /// `+=` adds a millionth of the seconds and @b replaces the microseconds by those of the amount that are below one
+    /// second: `+= SecUSec{0, 2500000}` leaves 500000. `-=` subtracts the seconds and the microseconds below one second,
+    /// and borrows. `+` returns a copy of the left side, unchanged.
     /// @{
     KTime& operator+=(const SecUSec& amount);
     KTime& operator-=(const SecUSec& amount);

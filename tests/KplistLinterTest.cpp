@@ -264,11 +264,11 @@ const LinterCase kCases[] = {
 
     // Keys and values.
     {"a value before any key", InDictionary("<string>x</string>\n<key>a</key><true/>"),
-     "2:1: warning: 'string' before any key: no key path leads to it\n", "string(x)key(a){boolean(TRUE)}"},
+     "2:1: warning: 'string' before any key: no key of its own leads to it\n", "string(x)key(a){boolean(TRUE)}"},
     {"a dictionary before any key", InDictionary("<dict><key>a</key><true/></dict>"),
-     "2:1: warning: 'dict' before any key: no key path leads to it\n", "key(a){boolean(TRUE)}"},
+     "2:1: warning: 'dict' before any key: no key of its own leads to it\n", "key(a){boolean(TRUE)}"},
     {"an array for the whole list", "<plist><array><string>x</string></array></plist>",
-     "1:8: warning: 'array' before any key: no key path leads to it\n", "string(x)"},
+     "1:8: warning: 'array' before any key: no key of its own leads to it\n", "string(x)"},
     {"a second value", InDictionary("<key>a</key><string>x</string>\n<array><true/></array>"),
      "3:1: warning: 'array' is one more value of the key 'a'\n", "key(a){string(x)boolean(TRUE)}"},
     {"a key without a value", InDictionary("<key>a</key>\n<key>b</key>"),
@@ -278,6 +278,10 @@ const LinterCase kCases[] = {
     {"a duplicate key", InDictionary("<key>a</key><true/>\n<key>A</key><true/>\n<key>a</key><false/>"),
      "4:1: warning: key 'a' again: key paths find the one at 2:1\n",
      "key(a){boolean(TRUE)}key(A){boolean(TRUE)}key(a){boolean(FALSE)}"},
+    {"empty keys", "<plist><key></key><key></key><true/></plist>",
+     "1:8: warning: empty 'key' is never found\n1:8: warning: key '' has no value\n"
+     "1:19: warning: empty 'key' is never found\n",
+     "key()key(){boolean(TRUE)}"},
     {"the same key in another dictionary", InDictionary("<key>a</key><dict><key>a</key><true/></dict>"), "",
      "key(a){key(a){boolean(TRUE)}}"},
     {"common keys in an array of dictionaries",

@@ -595,7 +595,7 @@ class Linter {
         }
         CheckKeyHasValue(level);
         const auto [found, fgNew] = level.pParent->keys.emplace(text, KeyPlace{m_n, level.nNumber});
-        if (!fgNew) {
+        if (!fgNew && !text.empty()) {
             ReportKeyAgain(text, found->second, level);
         }
         level.fgHasKey = true;
@@ -640,7 +640,7 @@ class Linter {
             return;
         }
         if (!level.fgHasKey) {
-            Warn(m_n, Shown(element) + " before any key: no key path leads to it");
+            Warn(m_n, Shown(element) + " before any key: no key of its own leads to it");
         } else if (nBefore > 0) {
             Warn(m_n, Shown(element) + " is one more value of the key " + Shown(level.keyText));
         }
