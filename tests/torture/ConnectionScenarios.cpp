@@ -405,6 +405,15 @@ void SharedMemoryIsMade() {
         EXPECT_EQ(fgMapped, !server.LackedMemory() && fgDone && !create.Failed({"mmap", "fstat", "ftruncate"}));
         if (fgMapped) {
             std::memset(server->GetSharedMemory(), 7, sizeof(KIPC::IPCData));
+            // Another server finds the memory there, unless it may not.
+            KIPC other;
+            LeavesBlocks(1);
+            other.SetIndex(FreeChannel());
+            const Step join([&] { fgDone = other.Create(true, KIPC::SHARED_MEMORY); });
+            EXPECT_EQ(fgDone, join.FailedCall() != 2 || !join.Failed("shm_open"));
+            EXPECT_EQ(other.GetSharedMemory() != nullptr, !join.Failed({"mmap", "fstat"}) && fgDone);
+            const void* const pSeen = other.GetSharedMemory();
+            EXPECT_TRUE(pSeen == nullptr || std::memcmp(pSeen, server->GetSharedMemory(), sizeof(KIPC::IPCData)) == 0);
             Made<KIPC> client;
             LeavesBlocks(client.LackedMemory() ? 0 : 1);
             client->SetIndex(FreeChannel());
@@ -415,6 +424,7 @@ void SharedMemoryIsMade() {
             // What could not be unmapped stays, and can be closed again.
             EXPECT_EQ(client->GetSharedMemory() != nullptr, close.Failed("munmap"));
             client->Close();
+            other.Close();
         }
         const Step close([&] { server->Close(); });
         EXPECT_EQ(server->GetSharedMemory() != nullptr, close.Failed("munmap"));

@@ -318,6 +318,27 @@ void DirectoryIsReadAndSorted() {
     ExpectLine(close, close.Failed("closedir") || (fgRecord && !fgOpen), "Error****: Directory Close ");
 }
 
+/// Names that differ in case alone keep an order of their own, which takes memory to find, or without any, time.
+void NamesThatAreEqualAreSorted() {
+    KList<KPath> names;
+    for (const char* const pszName : {"b", "a", "B", "A", "C"}) {
+        names.Add(KPath(pszName));
+    }
+    const Entries before = EntriesOf(names);
+    bool fgDone = false;
+    const Step sort([&] { fgDone = KDirectory::Sort(names, KDirectory::SORT_ASCENDING_NOCASE); });
+    EXPECT_EQ(fgDone, sort.FailedCall() != 1);
+    std::vector<std::string> sorted;
+    for (const Entry& entry : EntriesOf(names)) {
+        sorted.push_back(entry.name);
+    }
+    if (fgDone) {
+        EXPECT_THAT(sorted, testing::ElementsAre("a", "A", "B", "b", "C"));
+    } else {
+        EXPECT_EQ(EntriesOf(names), before);
+    }
+}
+
 void DirectoriesAreMadeMovedAndAsked() {
     const support::ScopedDirectory directory;
     KPath deep(directory.Entry("one/two").c_str());
@@ -443,6 +464,7 @@ std::vector<Scenario> FileScenarios() {
             {"FilesAreMadeMovedAndDeleted", FilesAreMadeMovedAndDeleted, {}},
             {"DirectoryIsReadAndSorted", DirectoryIsReadAndSorted,
              MutexRefusalsAnd({"new in bool KDirectory::Open(KPath&): pInfo"})},
+            {"NamesThatAreEqualAreSorted", NamesThatAreEqualAreSorted, {}},
             {"DirectoriesAreMadeMovedAndAsked", DirectoriesAreMadeMovedAndAsked, {}},
             {"DirectoryIsDeletedWithAllThatIsInIt", DirectoryIsDeletedWithAllThatIsInIt, {}},
             {"PropertyListIsReadFromAFile", PropertyListIsReadFromAFile,

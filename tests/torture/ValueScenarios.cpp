@@ -13,6 +13,7 @@
 #include "KPath.h"
 #include "KPropertyList.h"
 #include "KQueue.h"
+#include "KSystem.h"
 #include "KTime.h"
 #include "torture/Scenarios.h"
 
@@ -141,6 +142,13 @@ void TextIsDivided() {
         }
     }
     EXPECT_EQ(TextsOf(fields), expected);
+
+    KList<KString> whole;
+    const Step keep([&] { fgDone = text.Divide(nullptr, whole); });
+    EXPECT_TRUE(fgDone);
+    EXPECT_EQ(TextsOf(whole), keep.FailedCall() == 1   ? Texts()
+                              : keep.FailedCall() == 2 ? Texts({""})
+                                                       : Texts({"one,two,three"}));
 }
 
 void TextIsFormatted() {
@@ -166,6 +174,13 @@ void TextIsConverted() {
     int nWide = 0;
     const Step widen([&] { nWide = text.GetWideString(szWide, 16); });
     EXPECT_EQ(nWide, widen.Failed("mbstowcs") ? -1 : 4);
+    if (!KAssert::GetActive()) {
+        // Without room the text is measured, and written as far as there is some.
+        const Step measure([&] { nWide = text.GetWideString(nullptr, 16); });
+        EXPECT_EQ(nWide, measure.Failed("mbstowcs") ? -1 : 4);
+        const Step cut([&] { nWide = text.GetWideString(szWide, 2); });
+        EXPECT_EQ(nWide, cut.FailedCall() == 2 ? -1 : 4);
+    }
 
     KString narrow;
     const Step back([&] { narrow = KString::FromWideString(L"narrow"); });
@@ -248,6 +263,29 @@ void ListIsFilledAndEmptied() {
         model.erase(model.begin());
         EXPECT_EQ(TextsOf(*list), model);
     }
+}
+
+/// The lists that the library has for its own use and lends to programs.
+template <typename T>
+void FillACopy(const T& value) {
+    KList<T> list;
+    bool fgDone = false;
+    const Step add([&] { fgDone = list.Add(value); });
+    // An element, and what a value takes itself, which may be lacking.
+    EXPECT_TRUE(fgDone || add.LackedMemory());
+    EXPECT_EQ(list.GetCount(), fgDone ? 1 : 0);
+    Made<KList<T>> copy(list);
+    EXPECT_THAT(copy->GetCount(), AnyOf(list.GetCount(), copy.Making().Failed("malloc") ? 0 : list.GetCount()));
+    const Step assign([&] { *copy = list; });
+    EXPECT_THAT(copy->GetCount(), AnyOf(list.GetCount(), assign.Failed("malloc") ? 0 : list.GetCount()));
+}
+
+void ListsOfAllKindsAreCopied() {
+    FillACopy<KPath>(KPath("path"));
+    FillACopy<KMessageHandler*>(nullptr);
+    FillACopy<KPropertyNode*>(nullptr);
+    FillACopy<KDynamicDataBuffer*>(nullptr);
+    FillACopy<KSystem::DiskInformation>(KSystem::DiskInformation());
 }
 
 // ------------------------------------------------------------------------------------------------------------- Paths
@@ -576,7 +614,7 @@ constexpr char kDocument[] =
     "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
     "<key>name</key><string>camera</string>"
     "<key>ports</key><array><integer>80</integer><integer>554</integer></array>"
-    "<key>on</key><true/></dict></plist>";
+    "<key>on</key><true/><key>off</key><false/></dict></plist>";
 
 void AppendTexts(KPropertyNode& node, Texts& texts) {
     for (int i = 0; i < node.GetNodeCount(); ++i) {
@@ -622,7 +660,7 @@ void TreeIsReadFromAText() {
     const KString document(kDocument);
     std::optional<KPropertyList> list;
     const Step read([&] { list.emplace(document); });
-    const Texts whole = {"name", "camera", "ports", "80", "554", "on", "TRUE"};
+    const Texts whole = {"name", "camera", "ports", "80", "554", "on", "TRUE", "off", "FALSE"};
     const Texts texts = TextsOf(*list->GetRoot());
     // The record of a mutex is not missed; anything else is a node, a text, or a level.
     EXPECT_TRUE(read.LackedMemory() ? IsThinned(texts, whole) : texts == whole) << testing::PrintToString(texts);
@@ -636,6 +674,24 @@ void TreeIsReadFromAText() {
     EXPECT_EQ(ppFound != nullptr, std::find(texts.begin(), texts.end(), "name") != texts.end());
     FreeTree(*list->GetRoot());
     const Step destroy([&] { list.reset(); });
+}
+
+void TreeIsExtended() {
+    KPropertyList list{KString("")};
+    KString text("<key>a</key><array><string>b</string></array>and so on");
+    const std::string before = TextOf(text);
+    bool fgDone = false;
+    const Step read([&] { fgDone = list.Parshing(text, list.GetRoot()); });
+    EXPECT_TRUE(fgDone);
+    const Texts texts = TextsOf(*list.GetRoot());
+    EXPECT_TRUE(read.LackedMemory() ? IsThinned(texts, {"a", "b"}) : texts == Texts({"a", "b"}));
+    // What was read is cut off; without memory for what is left, that is gone too.
+    if (read.LackedMemory()) {
+        EXPECT_EQ(before.substr(before.size() - static_cast<std::size_t>(text.Length())), TextOf(text));
+    } else {
+        EXPECT_EQ(TextOf(text), "and so on");
+    }
+    FreeTree(*list.GetRoot());
 }
 
 void NodesAreMadeByHand() {
@@ -739,6 +795,7 @@ std::vector<Scenario> ValueScenarios() {
         {"TextIsFormatted", TextIsFormatted, {}},
         {"TextIsConverted", TextIsConverted, {}},
         {"ListIsFilledAndEmptied", ListIsFilledAndEmptied, MutexRefusalsAnd({})},
+        {"ListsOfAllKindsAreCopied", ListsOfAllKindsAreCopied, MutexRefusalsAnd({})},
         {"PathIsPutTogether", PathIsPutTogether, {}},
         {"PathIsTakenApart", PathIsTakenApart, {}},
         {"ExtensionIsSet", ExtensionIsSet, {}},
@@ -759,6 +816,7 @@ std::vector<Scenario> ValueScenarios() {
               "realloc in void* KDynamicDataBuffer::LockWriteBuffer(unsigned int, unsigned int): m_pBuf"})},
         {"QueueOfOneIsDestroyed", QueueOfOneIsDestroyed, {}},
         {"TreeIsReadFromAText", TreeIsReadFromAText, MutexRefusalsAnd({})},
+        {"TreeIsExtended", TreeIsExtended, MutexRefusalsAnd({})},
         {"NodesAreMadeByHand", NodesAreMadeByHand, MutexRefusalsAnd({})},
         {"NodesAreDestroyedWithTheirParent", NodesAreDestroyedWithTheirParent, MutexRefusalsAnd({})},
         {"LogMakesItsBuffers", LogMakesItsBuffers, {}},
