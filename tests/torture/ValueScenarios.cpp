@@ -407,6 +407,11 @@ void EndOfANetworkIsDescribed() {
     EXPECT_EQ(TextOf(copy.GetAddress()), info.LackedMemory() || assign.LackedMemory() ? "" : "host");
     EXPECT_EQ(copy.GetPort(), 80);
     bool fgDone = false;
+    Made<KNetInfo> another(copy);
+    EXPECT_EQ(TextOf(another->GetAddress()), another.LackedMemory() ? "" : TextOf(copy.GetAddress()));
+    const Step setString([&] { fgDone = another->SetAddress(host); });
+    EXPECT_TRUE(fgDone);
+    EXPECT_EQ(TextOf(another->GetAddress()), setString.LackedMemory() ? "" : "host");
     const Step setText([&] { fgDone = copy.SetAddress("other"); });
     EXPECT_TRUE(fgDone);
     EXPECT_EQ(TextOf(copy.GetAddress()), setText.LackedMemory() ? "" : "other");
@@ -466,6 +471,14 @@ void BlocksAreMadeAndJoined() {
     }
     Made<KMem> blank(16);
     EXPECT_EQ(blank->GetSize(), blank.LackedMemory() ? 0 : 16);
+    if (blank->GetSize() > 0) {
+        const Step fill([&] {
+            KMem::Set(blank->Pos(0), 'x', 16);
+            KMem::Copy(blank->Pos(4), 12, szBytes, 4);
+            EXPECT_EQ(KMem::Cmp(blank->Pos(4), szBytes, 4), 0);
+        });
+        EXPECT_EQ(BytesOf(*blank), "xxxxabcdxxxxxxxx");
+    }
     Made<KMem> nothing;
     EXPECT_EQ(nothing->GetSize(), 0);
 }
@@ -498,6 +511,21 @@ void RegistryIsMade() {
     const Step use([&] { pBlock = KMem::Malloc(8); });
     EXPECT_EQ(pBlock == nullptr, use.Failed("malloc"));
     KMem::Free(&pBlock);
+}
+
+/// The first object makes it too. One that it could not be made for is in none.
+void RegistryIsMadeByAnObject() {
+    if (KAssert::GetActive()) {
+        return;  // An object that is in no registry fails a check when it leaves.
+    }
+    DropRegistry();
+    {
+        Made<KMem> block;
+        char szBytes[] = "abcd";
+        const Step assign([&] { *block = KMem(szBytes, 4); });
+        EXPECT_EQ(BytesOf(*block), assign.Failed("new[]") ? "" : "abcd");
+    }
+    KMem::Init();
 }
 
 // ---------------------------------------------------------------------------------------------------------- Messages
@@ -593,6 +621,25 @@ void BuffersGoRoundAQueue() {
         EXPECT_EQ(pQueue->PopWrite() != nullptr, !handAgain.LackedMemory());
     }
     const Step destroy([&] { KManagedDynamicDataQueue::Delete(kQueue); });
+}
+
+void BufferIsWrittenAndRead() {
+    Made<KDynamicDataBuffer> buffer(64);
+    EXPECT_EQ(buffer->GetCapacity(), buffer.Making().Failed("malloc") ? 0u : 64u);
+    void* pBytes = nullptr;
+    const Step write([&] {
+        pBytes = buffer->LockWriteBuffer(16, 0);
+        buffer->UnlockWriteBuffer();
+    });
+    // Without memory before, it gets some now.
+    EXPECT_EQ(pBytes == nullptr, write.LackedMemory());
+    buffer->SetDataSize(16);
+    void* pRead = nullptr;
+    const Step read([&] {
+        pRead = buffer->LockReadBuffer(0);
+        buffer->UnlockReadBuffer();
+    });
+    EXPECT_EQ(pRead, pBytes);
 }
 
 /// A pool of one that is at home is destroyed after a sleep, which may end early.
@@ -776,6 +823,11 @@ void LogIsStamped() {
     KTime time(0, 0, 0);
     const Step tell([&] { KDebug::Time(time); });
     EXPECT_EQ(tell.Log(), tell.Failed() ? "" : "Time:1970/01/03 16:30:00:000000 6\n");
+    const KString mark("mark");
+    const Step mention([&] { KDebug::Log(mark); });
+    EXPECT_EQ(mention.Logged("]mark\n"), !mention.Failed() || mention.Failed("gettimeofday"));
+    const Step describe([&] { KDebug::Debug("%d", 42); });
+    EXPECT_EQ(describe.Log(), describe.LostItsLine() ? "" : describe.Failed("vsnprintf") ? "Debug: \n" : "Debug: 42\n");
     // What is too long for a line that is put together first.
     const std::string strText = Long('t', 600);
     const Step debug([&] { KDebug::Debug(KString(strText.c_str())); });
@@ -808,12 +860,14 @@ std::vector<Scenario> ValueScenarios() {
           "new[] in KMem& KMem::operator+=(const KMem&): m_pBuf", "new[] in bool KMem::RemoveLBuffer(int): m_pBuf"}},
         {"RawBlocksGrow", RawBlocksGrow, {}},
         {"RegistryIsMade", RegistryIsMade, {}},
+        {"RegistryIsMadeByAnObject", RegistryIsMadeByAnObject, {}},
         {"MessageIsCopied", MessageIsCopied, {}},
         {"MessageReachesItsReceiver", MessageReachesItsReceiver, {}, true},
         {"BuffersGoRoundAQueue", BuffersGoRoundAQueue,
          MutexRefusalsAnd(
              {"new in static KManagedDynamicDataQueue* KManagedDynamicDataQueue::GetInstance(int): g_pInstance[nIndex]",
               "realloc in void* KDynamicDataBuffer::LockWriteBuffer(unsigned int, unsigned int): m_pBuf"})},
+        {"BufferIsWrittenAndRead", BufferIsWrittenAndRead, MutexRefusalsAnd({})},
         {"QueueOfOneIsDestroyed", QueueOfOneIsDestroyed, {}},
         {"TreeIsReadFromAText", TreeIsReadFromAText, MutexRefusalsAnd({})},
         {"TreeIsExtended", TreeIsExtended, MutexRefusalsAnd({})},
