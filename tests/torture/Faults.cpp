@@ -652,7 +652,7 @@ int ThreadJoin(pthread_t thread, void** ppResult) {
 int TimedLock(pthread_mutex_t* pMutex, const timespec* pDeadline) {
     const int nError = ErrorFor(kTimedLock);
     if (nError != 0) {
-        pthread_mutex_trylock(pMutex);
+        static_cast<void>(pthread_mutex_trylock(pMutex));
     }
     return nError != 0 ? nError : pthread_mutex_timedlock(pMutex, pDeadline);
 }
