@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -9,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "KIPC.h"
 #include "KNet.h"
@@ -45,6 +47,13 @@ bool FoundNoHost(const Step& step) {
     return step.Failed("gethostbyname_r") && TheOutcome().nError != ERANGE;
 }
 
+/// Waits for what is on its way to a socket.
+void AwaitInput(int nSocket) {
+    constexpr int kPatience = 120 * 1000;
+    pollfd poller = {nSocket, POLLIN, 0};
+    EXPECT_EQ(poll(&poller, 1, kPatience), 1);
+}
+
 /// A socket of the test's own, closed at the end.
 class Peer {
  public:
@@ -68,6 +77,13 @@ class Peer {
     void Accept() { EXPECT_GE(m_nAccepted = accept(m_nSocket, nullptr, nullptr), 0); }
     void Send(const char* pBytes, std::size_t nBytes) const {
         EXPECT_EQ(send(m_nAccepted, pBytes, nBytes, MSG_NOSIGNAL), static_cast<ssize_t>(nBytes));
+    }
+    /// A datagram, which is on its way.
+    std::string Received() const {
+        char bytes[64];
+        AwaitInput(m_nSocket);
+        const ssize_t nBytes = recv(m_nSocket, bytes, sizeof(bytes), MSG_DONTWAIT);
+        return std::string(bytes, nBytes > 0 ? static_cast<std::size_t>(nBytes) : 0);
     }
     void SendTo(int nPort, const char* pBytes, std::size_t nBytes) const {
         const sockaddr_in target = LocalAddress(nPort);
@@ -95,15 +111,20 @@ class Socket {
     KNet* operator->() { return &*m_Net; }
     KNet& operator*() { return *m_Net; }
 
-    /// Looks its host up and makes its socket. Whether that worked; what could not be done is told.
+    bool HasRecord() const { return !m_Net.Making().Failed("new"); }
+    bool HasAddress() const { return !m_Net.Making().Failed("malloc"); }
+
+    /// Looks its host up and makes its socket. Whether that worked; what could not be done is told. Without the text of its
+    /// address there is nothing to look up.
     bool Make() {
+        if (!HasAddress()) {
+            return false;
+        }
         bool fgDone = false;
         const Step lookUp([&] { fgDone = m_Net->GetHostName(); });
-        EXPECT_EQ(fgDone, !FoundNoHost(lookUp) && !lookUp.LackedMemory());
+        EXPECT_EQ(fgDone, HasRecord() && !FoundNoHost(lookUp) && !lookUp.LackedMemory());
         if (!fgDone) {
-            EXPECT_EQ(m_Net->GetError(), lookUp.Failed() && HasLackedMemory() && m_Net->GetError() == KNet::NO_SOCKET
-                                             ? KNet::NO_SOCKET
-                                             : KNet::HOST_NOT_FOUND);
+            EXPECT_EQ(m_Net->GetError(), HasRecord() ? KNet::HOST_NOT_FOUND : KNet::NO_SOCKET);
             return false;
         }
         const Step make([&] { fgDone = m_Net->CreateSocket(); });
@@ -121,7 +142,7 @@ class Socket {
 void ClientConnectsAndTalks() {
     Peer peer(SOCK_STREAM);
     Socket client(KNetInfo::TCP, peer.Port());
-    if (HasLackedMemory() || !client.Make()) {
+    if (!client.Make()) {
         return;
     }
     bool fgDone = false;
@@ -139,10 +160,9 @@ void ClientConnectsAndTalks() {
     EXPECT_EQ(write.Logged("KNet Write Error: "), nResult < 0);
     peer.Send("answer", 6);
     const Step size([&] { nResult = client->GetReceivedSize(); });
-    EXPECT_EQ(nResult, size.Failed({"poll", "ioctl"}) ? -1 : 6);
-    if (size.Failed("poll")) {
-        EXPECT_EQ(client->GetError(), KNet::RECEIVE_FAILED);
-    }
+    const bool fgTimeOut = size.Failed("poll") && TheOutcome().nError == kNothing;
+    EXPECT_EQ(nResult, fgTimeOut ? 0 : size.Failed({"poll", "ioctl"}) ? -1 : 6);
+    EXPECT_EQ(client->GetError(), size.Failed("poll") && !fgTimeOut ? KNet::RECEIVE_FAILED : KNet::NONE);
     char bytes[6] = {};
     const Step read([&] { nResult = client->Read(bytes, 6, false); });
     EXPECT_EQ(nResult, read.Failed("recv") ? 0 : -1);
@@ -157,32 +177,28 @@ void ClientConnectsAndTalks() {
 void ClientConnectsInTime() {
     Peer peer(SOCK_STREAM);
     Socket client(KNetInfo::TCP, peer.Port());
-    if (HasLackedMemory() || !client.Make()) {
+    if (!client.Make()) {
         return;
     }
     bool fgDone = false;
     const Step connecting([&] { fgDone = client->SyncConnectWithTimedBlock(5000); });
-    if (!connecting.Failed()) {
-        EXPECT_TRUE(fgDone);
-    } else if (connecting.Failed("select")) {
-        EXPECT_FALSE(fgDone);
-    }
+    // A connect that fails makes the socket ready, and counts as one that was made.
+    EXPECT_EQ(fgDone, !connecting.Failed("select"));
     EXPECT_EQ(client->GetSocket() >= 0, fgDone);
-    if (!fgDone) {
-        EXPECT_EQ(client->GetError(), KNet::CONNECT_FAILED);
-    }
+    EXPECT_EQ(client->GetError(), fgDone ? KNet::NONE : KNet::CONNECT_FAILED);
 }
 
 void ClientConnectsAsynchronously() {
     Peer peer(SOCK_STREAM);
     Socket client(KNetInfo::TCP, peer.Port());
-    if (HasLackedMemory() || !client.Make()) {
+    if (!client.Make()) {
         return;
     }
     int nState = 0;
     const Step start([&] { nState = client->ASyncConnectionCheckStart(); });
-    EXPECT_THAT(nState, testing::AnyOf(0, 1));
-    if (nState == 1 && !start.Failed()) {
+    // On the way, failed or not, unless it was made at once.
+    EXPECT_THAT(nState, testing::AnyOf(start.Failed("connect") ? 1 : 0, 1));
+    if (nState == 1) {
         const Step check([&] { nState = client->ASyncConnectionChecking(5000); });
         EXPECT_EQ(nState, check.Failed("select") ? 1 : 0);
     }
@@ -190,11 +206,12 @@ void ClientConnectsAsynchronously() {
     const Step done([&] { fgDone = client->ASyncConnectionCheckDone(nState == 0); });
     EXPECT_TRUE(fgDone);
     EXPECT_EQ(client->GetSocket() >= 0, nState == 0);
+    EXPECT_EQ(client->GetError(), nState == 0 ? KNet::NONE : KNet::CONNECT_FAILED);
 }
 
 void ServerAcceptsAClient() {
     Socket server(KNetInfo::TCP, 0);
-    if (HasLackedMemory() || !server.Make()) {
+    if (!server.Make()) {
         return;
     }
     bool fgDone = false;
@@ -211,14 +228,14 @@ void ServerAcceptsAClient() {
     {
         Made<KNet> accepted;
         const Step accepting([&] { fgDone = server->Accept(*accepted); });
-        if (accepting.Failed("accept")) {
-            EXPECT_FALSE(fgDone);
-            EXPECT_EQ(server->GetError(), KNet::BIND_FAILED);
-            EXPECT_EQ(server->GetSocket(), -1);
-        } else if (!accepted.LackedMemory()) {
-            EXPECT_TRUE(fgDone);
-            const std::string strPeer = TextOf(accepted->GetConnectionInfo().GetAddress());
-            ExpectWholeOr<std::string>(strPeer, accepting.Failed("vsnprintf") ? "" : kLocalHost, "");
+        EXPECT_EQ(fgDone, !accepting.Failed("accept") && !accepted.LackedMemory());
+        EXPECT_EQ(server->GetError(), accepting.Failed("accept") ? KNet::BIND_FAILED
+                                      : accepted.LackedMemory()  ? KNet::NO_SOCKET
+                                                                 : KNet::NONE);
+        EXPECT_EQ(server->GetSocket() >= 0, !accepting.Failed("accept"));
+        if (fgDone) {
+            // The description is copied before the peer is there; then its address takes memory, and libc to render it.
+            EXPECT_EQ(TextOf(accepted->GetConnectionInfo().GetAddress()), accepting.FailedCall() > 1 ? "" : kLocalHost);
             EXPECT_TRUE(accepted->DeleteSocket());
         }
     }
@@ -228,7 +245,7 @@ void ServerAcceptsAClient() {
 void DatagramsAreExchanged() {
     const Peer peer(SOCK_DGRAM);
     Socket own(KNetInfo::UDP, 0);
-    if (HasLackedMemory() || !own.Make()) {
+    if (!own.Make()) {
         return;
     }
     // A datagram socket cannot listen: the port is the system's choice.
@@ -240,6 +257,7 @@ void DatagramsAreExchanged() {
         return;
     }
     peer.SendTo(PortOf(own->GetSocket()), "answer", 6);
+    AwaitInput(own->GetSocket());
     char bytes[16] = {};
     KString sender;
     int nPort = 0;
@@ -254,43 +272,131 @@ void DatagramsAreExchanged() {
     }
 }
 
-void DeliveryToManyIsPrepared() {
-    for (const auto eCasting : {KNetInfo::MULTICAST, KNetInfo::BROADCAST}) {
-        KNetInfo info(KNetInfo::IPV4, KNetInfo::UDP, eCasting, "239.255.0.1", 0);
-        Made<KNet> net(info, 1000);
-        if (HasLackedMemory()) {
-            return;
+/// A port is bound, and free again afterwards.
+void PortIsTested() {
+    Socket server(KNetInfo::TCP, 0);
+    if (!server.Make()) {
+        return;
+    }
+    bool fgDone = false;
+    const Step test([&] { fgDone = server->BindTest(); });
+    EXPECT_EQ(fgDone, !test.Failed({"bind", "listen"}));
+    EXPECT_EQ(server->GetError(), fgDone ? KNet::NONE : KNet::BIND_FAILED);
+    EXPECT_EQ(server->GetSocket(), -1);
+}
+
+void EverybodyIsWrittenTo() {
+    const Peer peer(SOCK_DGRAM);
+    KNetInfo info(KNetInfo::IPV4, KNetInfo::UDP, KNetInfo::BROADCAST, kLocalHost, peer.Port());
+    Made<KNet> net(info, 1000);
+    const bool fgRecord = !net.Making().Failed("new");
+    bool fgDone = false;
+    const Step make([&] { fgDone = net->CreateSocket(); });
+    EXPECT_EQ(fgDone, fgRecord && !make.Failed({"socket", "setsockopt"}));
+    // Without permission to broadcast the socket stays, and there is no error.
+    EXPECT_EQ(net->GetError(), !fgRecord ? KNet::NO_SOCKET : make.Failed("socket") ? KNet::SOCKET_FAILED : KNet::NONE);
+    EXPECT_EQ(net->GetSocket() >= 0, fgRecord && !make.Failed("socket"));
+    if (fgDone) {
+        int nResult = 0;
+        const Step write([&] { nResult = net->WriteWithOtherPort("everybody", 9, peer.Port()); });
+        EXPECT_EQ(nResult, write.Failed("sendto") ? -1 : 9);
+        if (nResult == 9) {
+            EXPECT_EQ(peer.Received(), "everybody");
         }
-        bool fgDone = false;
-        const Step make([&] { fgDone = net->CreateSocket(); });
-        EXPECT_EQ(fgDone, !make.Failed());
-        if (make.Failed("setsockopt") && eCasting == KNetInfo::MULTICAST) {
-            EXPECT_EQ(net->GetError(), KNet::MULTICAST_FAILED);
-            EXPECT_EQ(net->GetSocket(), -1);
+        // What a connect stores, with or without one, is where everything else goes.
+        const Step lookUp([&] { fgDone = net->GetHostName(); });
+        EXPECT_EQ(fgDone, !net.LackedMemory() && !FoundNoHost(lookUp) && !lookUp.LackedMemory());
+        if (fgDone && net->SyncConnectWithTimedBlock(0)) {
+            const Step writeOn([&] { nResult = net->Write("one", 3); });
+            EXPECT_EQ(nResult, writeOn.Failed("sendto") ? -1 : 3);
+            if (nResult == 3) {
+                EXPECT_EQ(peer.Received(), "one");
+            }
         }
-        net->DeleteSocket();
+    }
+    const Step end([&] { net->DeleteSocket(); });
+    EXPECT_EQ(net->GetSocket(), -1);
+}
+
+void GroupIsJoined() {
+    KNetInfo info(KNetInfo::IPV4, KNetInfo::UDP, KNetInfo::MULTICAST, "239.255.0.1", 0);
+    Made<KNet> net(info, 1000);
+    if (net.LackedMemory()) {
+        return;
+    }
+    bool fgDone = false;
+    const Step lookUp([&] { fgDone = net->GetHostName(); });
+    EXPECT_EQ(fgDone, !FoundNoHost(lookUp) && !lookUp.LackedMemory());
+    const Step make([&] { fgDone = net->CreateSocket(); });
+    EXPECT_EQ(fgDone, !make.Failed({"socket", "setsockopt"}));
+    EXPECT_EQ(net->GetSocket() >= 0, fgDone);
+    if (make.Failed("setsockopt")) {
+        EXPECT_EQ(net->GetError(), KNet::MULTICAST_FAILED);
+    }
+    if (fgDone) {
+        // A datagram socket cannot listen: this fails with or without a network that has groups, and closes it.
+        const Step binding([&] { fgDone = net->Bind(); });
+        EXPECT_FALSE(fgDone);
+        EXPECT_EQ(net->GetError(), KNet::BIND_FAILED);
+        EXPECT_EQ(net->GetSocket(), -1);
     }
 }
 
 void ConnectionIsTested() {
     const Peer peer(SOCK_STREAM);
-    Socket client(KNetInfo::TCP, peer.Port());
-    if (HasLackedMemory()) {
-        return;
+    for (const int nTimeOut : {0, 5000}) {
+        Socket client(KNetInfo::TCP, peer.Port());
+        if (!client.HasAddress()) {
+            return;
+        }
+        bool fgDone = false;
+        const Step test([&] { fgDone = client->ConnectionTest(nTimeOut); });
+        const bool fgFailed = test.Failed({"socket", "select"}) || (nTimeOut == 0 && test.Failed("connect"));
+        EXPECT_EQ(fgDone, client.HasRecord() && !fgFailed && !FoundNoHost(test) && !test.LackedMemory());
+        EXPECT_EQ(client->GetSocket(), -1);
     }
-    bool fgDone = false;
-    const Step test([&] { fgDone = client->ConnectionTest(0); });
-    EXPECT_EQ(fgDone, !test.Failed({"socket", "connect"}) && !FoundNoHost(test) && !test.LackedMemory());
-    EXPECT_EQ(client->GetSocket(), -1);
 }
 
 void OwnAddressesAreListed() {
     Made<KNet> net;
     KList<KString> addresses;
     const Step list([&] { net->GetLocalIPs(addresses); });
-    if (FoundNoHost(list)) {
-        EXPECT_EQ(addresses.GetCount(), 0);
+    std::vector<std::string> expected = {"192.0.2.1", "192.0.2.2"};
+    // The name, the room for the entry, the entry; then for each address three calls for the text, one for the place in the
+    // list, and one for the copy that stands there.
+    const int nCall = list.FailedCall();
+    if (nCall == 1 || nCall == 2 || FoundNoHost(list)) {
+        expected.clear();
+    } else if (nCall > 3) {
+        const auto pLacking = expected.begin() + (nCall - 4) / 5;
+        if ((nCall - 4) % 5 == 3) {
+            expected.erase(pLacking);
+        } else {
+            *pLacking = "";
+        }
     }
+    EXPECT_EQ(TextsOf(addresses), expected);
+}
+
+void SocketIsShared() {
+    const Peer peer(SOCK_STREAM);
+    Socket client(KNetInfo::TCP, peer.Port());
+    if (!client.Make()) {
+        return;
+    }
+    Made<KNet> copy(*client);
+    // Without its record the copy shares nothing.
+    EXPECT_EQ(copy->GetSocket(), copy.Making().Failed("new") ? -1 : client->GetSocket());
+    EXPECT_EQ(TextOf(copy->GetConnectionInfo().GetAddress()), copy.Making().Failed("malloc") ? "" : kLocalHost);
+    KNet assigned;
+    const Step assign([&] { assigned = *client; });
+    EXPECT_EQ(assigned.GetSocket(), client->GetSocket());
+    EXPECT_EQ(TextOf(assigned.GetConnectionInfo().GetAddress()), assign.LackedMemory() ? "" : kLocalHost);
+    KNetInfo other(KNetInfo::IPV4, KNetInfo::UDP, KNetInfo::UNICAST, "other", 1);
+    bool fgDone = false;
+    const Step describe([&] { fgDone = assigned.SetConnectionInfo(other, 5); });
+    EXPECT_TRUE(fgDone);
+    EXPECT_EQ(TextOf(assigned.GetConnectionInfo().GetAddress()), describe.LackedMemory() ? "" : "other");
 }
 
 // ---------------------------------------------------------------------------------------------------------- Channels
@@ -303,40 +409,40 @@ void SharedMemoryIsMade() {
     {
         Made<KIPC> server;
         // A channel's record is never freed.
-        LeavesBlocks(1);
+        LeavesBlocks(server.LackedMemory() ? 0 : 1);
         server->SetIndex(FreeChannel());
         bool fgDone = false;
         const Step create([&] { fgDone = server->Create(true, KIPC::SHARED_MEMORY); });
-        if (create.Failed("shm_open")) {
-            // What could not be made is opened, where it is there; it is not.
-            EXPECT_FALSE(fgDone);
-        } else {
-            EXPECT_TRUE(fgDone);
-        }
+        // What could not be made is opened, where it is there; it is not.
+        EXPECT_EQ(fgDone, !create.Failed("shm_open"));
         const bool fgMapped = server->GetSharedMemory() != nullptr;
-        if (!server.LackedMemory()) {
-            EXPECT_EQ(fgMapped, fgDone && !create.Failed({"mmap", "fstat", "ftruncate"}));
-        }
+        EXPECT_EQ(fgMapped, !server.LackedMemory() && fgDone && !create.Failed({"mmap", "fstat", "ftruncate"}));
         if (fgMapped) {
             std::memset(server->GetSharedMemory(), 7, sizeof(KIPC::IPCData));
-            Made<KIPC> client;
+            // Another server finds the memory there, unless it may not.
+            KIPC other;
             LeavesBlocks(1);
+            other.SetIndex(FreeChannel());
+            const Step join([&] { fgDone = other.Create(true, KIPC::SHARED_MEMORY); });
+            EXPECT_EQ(fgDone, join.FailedCall() != 2 || !join.Failed("shm_open"));
+            EXPECT_EQ(other.GetSharedMemory() != nullptr, !join.Failed({"mmap", "fstat"}) && fgDone);
+            const void* const pSeen = other.GetSharedMemory();
+            EXPECT_TRUE(pSeen == nullptr || std::memcmp(pSeen, server->GetSharedMemory(), sizeof(KIPC::IPCData)) == 0);
+            Made<KIPC> client;
+            LeavesBlocks(client.LackedMemory() ? 0 : 1);
             client->SetIndex(FreeChannel());
             const Step open([&] { fgDone = client->Create(false, KIPC::SHARED_MEMORY); });
             EXPECT_EQ(fgDone, !open.Failed("shm_open"));
-            if (!client.LackedMemory()) {
-                EXPECT_EQ(client->GetSharedMemory() != nullptr, !open.Failed());
-            }
+            EXPECT_EQ(client->GetSharedMemory() != nullptr, !client.LackedMemory() && !open.Failed());
             const Step close([&] { client->Close(); });
-            if (close.Failed("munmap")) {
-                // It stays mapped, and can be closed again.
-                client->Close();
-            }
+            // What could not be unmapped stays, and can be closed again.
+            EXPECT_EQ(client->GetSharedMemory() != nullptr, close.Failed("munmap"));
+            client->Close();
+            other.Close();
         }
         const Step close([&] { server->Close(); });
-        if (close.Failed("munmap")) {
-            server->Close();
-        }
+        EXPECT_EQ(server->GetSharedMemory() != nullptr, close.Failed("munmap"));
+        server->Close();
     }
     // The name goes with the first that closes; where that failed, by hand.
     shm_unlink(("KALVOREN_IPC_" + std::to_string(FreeChannel())).c_str());
@@ -348,7 +454,8 @@ void LocalSocketsTalk() {
     Made<KIPC> server;
     Made<KIPC> client;
     Made<KIPC> accepted;
-    LeavesBlocks(3);
+    // A channel's record is never freed.
+    LeavesBlocks(HasLackedMemory() ? 2 : 3);
     for (KIPC* const pChannel : {&*server, &*client, &*accepted}) {
         pChannel->SetPath(path);
         pChannel->SetType(KIPC::LOCAL_SOCKET);
@@ -385,21 +492,74 @@ void LocalSocketsTalk() {
         EXPECT_EQ(fgDone, !read.Failed("read"));
         EXPECT_TRUE(!fgDone || std::memcmp(&sent, &received, sizeof(sent)) == 0);
     }
+    const Step close([&] { fgDone = client->Close(); });
+    EXPECT_TRUE(fgDone);
+    EXPECT_FALSE(client->IsCreated());
+}
+
+/// A channel of the table stays there: this process has it from here on.
+void ChannelIsKeptInTheTable() {
+    constexpr int kChannel = 5;
+    const support::ScopedDirectory directory;
+    // Without memory for its path, the socket file is made where the process is.
+    EXPECT_EQ(chdir(directory.Path().c_str()), 0);
+    const KPath path(directory.Entry("s").c_str());
+    bool fgDone = false;
+    const Step init([&] { fgDone = KIPC::Init(kChannel, true, KIPC::LOCAL_SOCKET, path); });
+    const bool fgChannel = init.FailedCall() != 1;
+    const bool fgRecord = init.FailedCall() != 2;
+    EXPECT_EQ(fgDone, fgChannel && !init.Failed({"socket", "bind", "listen"}));
+    KIPC* pChannel = nullptr;
+    const Step find([&] { pChannel = KIPC::GetInstance(kChannel); });
+    EXPECT_EQ(pChannel != nullptr, fgChannel);
+    if (pChannel == nullptr) {
+        return;
+    }
+    // The channel, its record, its path.
+    LeavesBlocks(init.LackedMemory() ? 2 : 3);
+    EXPECT_EQ(pChannel->IsCreated(), fgRecord && !init.Failed("socket"));
+    EXPECT_EQ(std::filesystem::exists(directory.Entry(init.FailedCall() == 3 ? "_5" : "s_5")),
+              fgRecord && !init.Failed({"socket", "bind"}));
+    {
+        Made<KIPC> copy(*pChannel);
+        EXPECT_EQ(copy->GetIndex(), kChannel);
+        EXPECT_EQ(copy->IsCreated(), pChannel->IsCreated());
+        KIPC assigned;
+        const Step assign([&] { assigned = *pChannel; });
+        EXPECT_EQ(assigned.GetIndex(), kChannel);
+        // Each has a record for good, and all close the one socket.
+        LeavesBlocks(copy.Making().Failed("new") ? 1 : 2);
+        assigned.SetType(KIPC::UNSUPPORTED);
+        copy->SetType(KIPC::UNSUPPORTED);
+    }
+    const Step end([&] { fgDone = KIPC::Deinit(kChannel); });
+    EXPECT_TRUE(fgDone);
+    const Step close([&] { fgDone = pChannel->Close(); });
+    EXPECT_TRUE(fgDone);
+    EXPECT_FALSE(pChannel->IsCreated());
 }
 
 }  // namespace
 
 std::vector<Scenario> ConnectionScenarios() {
-    return {{"ClientConnectsAndTalks", ClientConnectsAndTalks, {}},
-            {"ClientConnectsInTime", ClientConnectsInTime, {}},
-            {"ClientConnectsAsynchronously", ClientConnectsAsynchronously, {}},
-            {"ServerAcceptsAClient", ServerAcceptsAClient, {"new in bool KNet::Accept(KNet&): pInfo"}},
-            {"DatagramsAreExchanged", DatagramsAreExchanged, {}},
-            {"DeliveryToManyIsPrepared", DeliveryToManyIsPrepared, {}},
-            {"ConnectionIsTested", ConnectionIsTested, {}},
+    const std::string strNoRecord = "new in bool KNet::GetHostName(): pInfo";
+    return {{"ClientConnectsAndTalks", ClientConnectsAndTalks, {strNoRecord}},
+            {"ClientConnectsInTime", ClientConnectsInTime, {strNoRecord}},
+            {"ClientConnectsAsynchronously", ClientConnectsAsynchronously, {strNoRecord}},
+            {"ServerAcceptsAClient", ServerAcceptsAClient, {strNoRecord, "new in bool KNet::Accept(KNet&): pInfo"}},
+            {"PortIsTested", PortIsTested, {strNoRecord}},
+            {"DatagramsAreExchanged", DatagramsAreExchanged, {strNoRecord}},
+            {"EverybodyIsWrittenTo", EverybodyIsWrittenTo, {"new in bool KNet::CreateSocket(): pInfo"}},
+            {"GroupIsJoined", GroupIsJoined, {}},
+            {"ConnectionIsTested", ConnectionIsTested, {"new in bool KNet::ConnectionTest(int): pInfo"}},
             {"OwnAddressesAreListed", OwnAddressesAreListed, {}},
+            {"SocketIsShared", SocketIsShared, {strNoRecord}},
             {"SharedMemoryIsMade", SharedMemoryIsMade, {"new in KIPC::KIPC(): m_pInternal"}},
-            {"LocalSocketsTalk", LocalSocketsTalk, {"new in KIPC::KIPC(): m_pInternal"}}};
+            {"LocalSocketsTalk", LocalSocketsTalk, {"new in KIPC::KIPC(): m_pInternal"}},
+            {"ChannelIsKeptInTheTable",
+             ChannelIsKeptInTheTable,
+             {"new in KIPC::KIPC(): m_pInternal", "new in static KIPC* KIPC::GetInstance(int): 0"},
+             true}};
 }
 
 }  // namespace torture

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <link.h>
 #include <netdb.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/ioctl.h>
@@ -47,7 +48,7 @@ enum class Tells : int { MINUS_ONE, NULL_POINTER, ZERO, ERROR_NUMBER, MAP_FAILUR
 struct Spec {
     const char* pszName;
     Tells eTells;
-    std::array<int, 6> errors;
+    std::array<int, 12> errors;
 
     int Ways() const {
         int nWays = 0;
@@ -60,10 +61,12 @@ struct Spec {
 
 thread_local bool t_fgArmed = false;
 
+thread_local void (*t_pWhileSleeping)() = nullptr;
+
 Fault g_Fault = {0, 0};
 int g_nCalls = 0;
-std::size_t g_nAllowedBlocks = 0;
-std::size_t g_nAllowedDescriptors = 0;
+std::size_t g_nLeftBlocks = 0;
+std::size_t g_nLeftDescriptors = 0;
 
 // Never destroyed: the library's own objects go later than the test's.
 std::mutex& g_Guard = *new std::mutex();  // of what follows
@@ -71,11 +74,37 @@ std::string& g_Log = *new std::string();
 std::map<const void*, std::size_t>& g_Blocks = *new std::map<const void*, std::size_t>();
 std::set<const void*>& g_Mappings = *new std::set<const void*>();
 std::set<DIR*>& g_Directories = *new std::set<DIR*>();
+std::set<pthread_t>& g_NotJoined = *new std::set<pthread_t>();
+
+/// What child processes share with the one that made them.
+struct Shared {
+    static constexpr std::size_t kMostSpecs = 128;
+
+    Outcome outcome;
+    std::array<const Spec*, kMostSpecs> reached;  ///< By steps of runs in which nothing was to fail.
+
+    bool WasReached(const Spec& spec) const {
+        return std::find(reached.begin(), reached.end(), &spec) != reached.end();
+    }
+    void Reach(const Spec& spec) {
+        if (!WasReached(spec)) {
+            const auto pFree = std::find(reached.begin(), reached.end(), nullptr);
+            if (pFree == reached.end()) {
+                std::abort();
+            }
+            *pFree = &spec;
+        }
+    }
+};
+
+Shared& InCommon() {
+    static Shared* const pShared =
+        static_cast<Shared*>(mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    return *pShared;
+}
 
 Outcome& SharedOutcome() {
-    static Outcome* const pOutcome = static_cast<Outcome*>(
-        mmap(nullptr, sizeof(Outcome), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    return *pOutcome;
+    return InCommon().outcome;
 }
 
 void CopyText(char* pTarget, std::size_t nSize, const std::string& text) {
@@ -84,6 +113,9 @@ void CopyText(char* pTarget, std::size_t nSize, const std::string& text) {
 
 /// Counts a call of the library. The error number that it has to fail with, or 0.
 int ErrorFor(const Spec& spec) {
+    if (t_fgArmed && g_Fault.nCall == 0) {
+        InCommon().Reach(spec);
+    }
     if (!t_fgArmed || ++g_nCalls != g_Fault.nCall) {
         return 0;
     }
@@ -133,6 +165,7 @@ constexpr Spec kMalloc = {"malloc", Tells::NULL_POINTER, {ENOMEM}};
 constexpr Spec kCalloc = {"calloc", Tells::NULL_POINTER, {ENOMEM}};
 constexpr Spec kRealloc = {"realloc", Tells::NULL_POINTER, {ENOMEM}};
 constexpr Spec kNew = {"new", Tells::NULL_POINTER, {ENOMEM}};
+constexpr Spec kNewArray = {"new[]", Tells::NULL_POINTER, {ENOMEM}};
 
 void* Hold(void* pBlock, std::size_t nSize) {
     if (pBlock != nullptr) {
@@ -179,7 +212,7 @@ void* New(std::size_t nSize, const std::nothrow_t& tag) {
 }
 
 void* NewArray(std::size_t nSize, const std::nothrow_t& tag) {
-    return Fails(kNew) ? nullptr : Hold(Unexpected(::operator new[](nSize, tag), nSize), nSize);
+    return Fails(kNewArray) ? nullptr : Hold(Unexpected(::operator new[](nSize, tag), nSize), nSize);
 }
 
 void Delete(void* pBlock) {
@@ -222,7 +255,7 @@ void DeleteArrayNothrow(void* pBlock, const std::nothrow_t& tag) {
     ::operator delete[](pBlock, tag);
 }
 
-constexpr Spec kMmap = {"mmap", Tells::MAP_FAILURE, {ENOMEM, EACCES, EAGAIN, ENODEV}};
+constexpr Spec kMmap = {"mmap", Tells::MAP_FAILURE, {ENOMEM, EACCES, EAGAIN, ENODEV, EPERM, ENFILE}};
 constexpr Spec kMunmap = {"munmap", Tells::MINUS_ONE, {EINVAL, ENOMEM}};
 
 void* Mmap(void* pWish, std::size_t nSize, int nProtection, int nFlags, int nDescriptor, off_t nOffset) {
@@ -250,27 +283,33 @@ int Munmap(void* pMapped, std::size_t nSize) {
 
 // ------------------------------------------------------------------------------------------------ Files, directories
 
-constexpr Spec kFopen = {"fopen", Tells::NULL_POINTER, {ENOENT, EACCES, EMFILE, EINTR, ENOMEM, ENOSPC}};
-constexpr Spec kFseek = {"fseek", Tells::MINUS_ONE, {ESPIPE, EINVAL, EIO}};
+constexpr Spec kFopen = {
+    "fopen", Tells::NULL_POINTER, {ENOENT, EACCES, EMFILE, ENFILE, EINTR, ENOMEM, ENOSPC, EISDIR, ENOTDIR, EROFS}};
+constexpr Spec kFseek = {"fseek", Tells::MINUS_ONE, {ESPIPE, EINVAL, EIO, EBADF}};
 constexpr Spec kFtell = {"ftell", Tells::MINUS_ONE, {ESPIPE, EBADF, EOVERFLOW}};
-constexpr Spec kFread = {"fread", Tells::ZERO, {EIO, EINTR, EISDIR, kShort}};
-constexpr Spec kFwrite = {"fwrite", Tells::ZERO, {EIO, EINTR, ENOSPC, EFBIG, kShort}};
-constexpr Spec kFclose = {"fclose", Tells::MINUS_ONE, {EIO, EINTR, ENOSPC}};
-constexpr Spec kFprintf = {"fprintf", Tells::MINUS_ONE, {EIO, EINTR, EPIPE, ENOSPC}};
+constexpr Spec kFread = {"fread", Tells::ZERO, {EIO, EINTR, EAGAIN, EISDIR, kShort, kNothing}};
+constexpr Spec kFwrite = {"fwrite", Tells::ZERO, {EIO, EINTR, EAGAIN, ENOSPC, EFBIG, EPIPE, kShort}};
+constexpr Spec kFclose = {"fclose", Tells::MINUS_ONE, {EIO, EINTR, ENOSPC, EDQUOT}};
+constexpr Spec kFprintf = {"fprintf", Tells::MINUS_ONE, {EIO, EINTR, EAGAIN, EPIPE, ENOSPC}};
+constexpr Spec kCheckedFprintf = kFprintf;
+/// A line of the log, or a part of one.
+constexpr Spec kWriteLine = {kWriteOfALine, Tells::ZERO, kFprintf.errors};
 constexpr Spec kVsnprintf = {"vsnprintf", Tells::MINUS_ONE, {ENOMEM, EOVERFLOW, EILSEQ}};
-constexpr Spec kRemove = {"remove", Tells::MINUS_ONE, {EACCES, EBUSY, ENOENT, EROFS}};
-constexpr Spec kRename = {"rename", Tells::MINUS_ONE, {EACCES, EXDEV, ENOENT, ENOSPC}};
-constexpr Spec kUnlink = {"unlink", Tells::MINUS_ONE, {ENOENT, EACCES, EBUSY}};
-constexpr Spec kMkdir = {"mkdir", Tells::MINUS_ONE, {EACCES, ENOSPC, ENOENT, EROFS}};
-constexpr Spec kRmdir = {"rmdir", Tells::MINUS_ONE, {EACCES, EBUSY, ENOTEMPTY}};
-constexpr Spec kStat = {"stat", Tells::MINUS_ONE, {EACCES, ENOENT, ENOTDIR, EOVERFLOW}};
-constexpr Spec kFstatat = {"fstatat", Tells::MINUS_ONE, {EACCES, ENOENT, EOVERFLOW}};
-constexpr Spec kUnlinkat = {"unlinkat", Tells::MINUS_ONE, {EACCES, EBUSY, ENOENT, EROFS}};
+constexpr Spec kCheckedVsnprintf = kVsnprintf;
+constexpr Spec kRemove = {"remove", Tells::MINUS_ONE, {EACCES, EBUSY, ENOENT, ENOTEMPTY, ENOTDIR, EROFS}};
+constexpr Spec kRename = {
+    "rename", Tells::MINUS_ONE, {EACCES, EBUSY, EXDEV, ENOENT, ENOSPC, ENOTEMPTY, EISDIR, ENOTDIR}};
+constexpr Spec kUnlink = {"unlink", Tells::MINUS_ONE, {ENOENT, EACCES, EBUSY, EISDIR, EROFS}};
+constexpr Spec kMkdir = {"mkdir", Tells::MINUS_ONE, {EEXIST, EACCES, ENOSPC, ENOENT, ENOTDIR, EROFS, EDQUOT}};
+constexpr Spec kRmdir = {"rmdir", Tells::MINUS_ONE, {EACCES, EBUSY, ENOTEMPTY, ENOENT, ENOTDIR}};
+constexpr Spec kStat = {"stat", Tells::MINUS_ONE, {EACCES, ENOENT, ENOTDIR, ELOOP, ENOMEM, EOVERFLOW}};
+constexpr Spec kFstatat = {"fstatat", Tells::MINUS_ONE, {EACCES, ENOENT, ENOTDIR, ENOMEM, EOVERFLOW}};
+constexpr Spec kUnlinkat = {"unlinkat", Tells::MINUS_ONE, {EISDIR, ENOTEMPTY, EACCES, EBUSY, ENOENT, ENOTDIR, EROFS}};
 constexpr Spec kFstat = {"fstat", Tells::MINUS_ONE, {EBADF, EOVERFLOW}};
-constexpr Spec kOpenat = {"openat", Tells::MINUS_ONE, {EACCES, EINTR, EMFILE, ELOOP, ENOENT}};
-constexpr Spec kOpendir = {"opendir", Tells::NULL_POINTER, {EACCES, EMFILE, ENOENT, ENOMEM, ENOTDIR}};
-constexpr Spec kFdopendir = {"fdopendir", Tells::NULL_POINTER, {ENOMEM, EBADF}};
-constexpr Spec kReaddir = {"readdir", Tells::NULL_POINTER, {EBADF, EIO}};
+constexpr Spec kOpenat = {"openat", Tells::MINUS_ONE, {ENOTDIR, ELOOP, EACCES, EINTR, EMFILE, ENFILE, ENOENT, ENOMEM}};
+constexpr Spec kOpendir = {"opendir", Tells::NULL_POINTER, {EACCES, EMFILE, ENFILE, ENOENT, ENOMEM, ENOTDIR}};
+constexpr Spec kFdopendir = {"fdopendir", Tells::NULL_POINTER, {ENOMEM, EBADF, ENOTDIR}};
+constexpr Spec kReaddir = {"readdir", Tells::NULL_POINTER, {EBADF, EIO, ENOENT, EOVERFLOW}};
 constexpr Spec kClosedir = {"closedir", Tells::MINUS_ONE, {EBADF, EINTR}};
 constexpr Spec kDirfd = {"dirfd", Tells::MINUS_ONE, {EINVAL, ENOTSUP}};
 DIR* Opened(DIR* pDirectory) {
@@ -281,11 +320,11 @@ DIR* Opened(DIR* pDirectory) {
     return pDirectory;
 }
 
-constexpr Spec kMktemp = {"mktemp", Tells::NULL_POINTER, {EEXIST, EACCES}};
-constexpr Spec kFtruncate = {"ftruncate", Tells::MINUS_ONE, {EINTR, EIO, EINVAL}};
-constexpr Spec kShmOpen = {"shm_open", Tells::MINUS_ONE, {EACCES, EMFILE, ENOENT, EEXIST}};
+constexpr Spec kMktemp = {"mktemp", Tells::NULL_POINTER, {EEXIST, EACCES, EINVAL}};
+constexpr Spec kFtruncate = {"ftruncate", Tells::MINUS_ONE, {EINTR, EIO, EINVAL, EFBIG, EPERM}};
+constexpr Spec kShmOpen = {"shm_open", Tells::MINUS_ONE, {EEXIST, ENOENT, EACCES, EMFILE, ENFILE, ENAMETOOLONG}};
 constexpr Spec kShmUnlink = {"shm_unlink", Tells::MINUS_ONE, {EACCES, ENOENT}};
-constexpr Spec kClose = {"close", Tells::MINUS_ONE, {EINTR, EIO}};
+constexpr Spec kClose = {"close", Tells::MINUS_ONE, {EINTR, EIO, ENOSPC}};
 
 DIR* Opendir(const char* pszPath) {
     return Fails(kOpendir) ? nullptr : Opened(opendir(pszPath));
@@ -327,6 +366,9 @@ std::size_t Fread(void* pBuffer, std::size_t nSize, std::size_t nCount, std::FIL
     if (nError == kShort) {
         return std::fread(pBuffer, 1, nSize * nCount / 2, pStream) / nSize;
     }
+    if (nError == kNothing) {
+        return 0;
+    }
     errno = nError != 0 ? nError : errno;
     return nError != 0 ? 0 : std::fread(pBuffer, nSize, nCount, pStream);
 }
@@ -354,7 +396,7 @@ int KeepText(const std::string& text) {
 /// What the library logs is kept, not printed, by whichever call it is written.
 std::size_t Fwrite(const void* pBuffer, std::size_t nSize, std::size_t nCount, std::FILE* pStream) {
     if (pStream == stderr) {
-        if (Fails(kFprintf)) {
+        if (Fails(kWriteLine)) {
             return 0;
         }
         KeepText(std::string(static_cast<const char*>(pBuffer), nSize * nCount));
@@ -387,7 +429,7 @@ __attribute__((format(printf, 2, 3))) int Fprintf(std::FILE*, const char* pszFor
 
 /// The form that hardened builds call.
 __attribute__((format(printf, 3, 4))) int CheckedFprintf(std::FILE*, int, const char* pszFormat, ...) {
-    if (Fails(kFprintf)) {
+    if (Fails(kCheckedFprintf)) {
         return -1;
     }
     va_list arguments;
@@ -409,30 +451,40 @@ __attribute__((format(printf, 3, 0))) int Vsnprintf(char* pTarget, std::size_t n
 
 __attribute__((format(printf, 5, 0))) int CheckedVsnprintf(char* pTarget, std::size_t nSize, int, std::size_t,
                                                            const char* pszFormat, va_list arguments) {
-    return Fails(kVsnprintf) ? -1 : std::vsnprintf(pTarget, nSize, pszFormat, arguments);
+    return Fails(kCheckedVsnprintf) ? -1 : std::vsnprintf(pTarget, nSize, pszFormat, arguments);
 }
 
 // ------------------------------------------------------------------------------------------------------ Connections
 
-constexpr Spec kSocket = {"socket", Tells::MINUS_ONE, {EMFILE, ENFILE, EACCES, ENOBUFS, EAFNOSUPPORT}};
-constexpr Spec kBind = {"bind", Tells::MINUS_ONE, {EADDRINUSE, EACCES, EADDRNOTAVAIL}};
-constexpr Spec kListen = {"listen", Tells::MINUS_ONE, {EADDRINUSE, EOPNOTSUPP}};
-constexpr Spec kAccept = {"accept", Tells::MINUS_ONE, {EMFILE, EINTR, ECONNABORTED, ENOBUFS}};
-constexpr Spec kConnect = {"connect", Tells::MINUS_ONE, {ECONNREFUSED, EINTR, ETIMEDOUT, ENETUNREACH}};
-constexpr Spec kSetsockopt = {"setsockopt", Tells::MINUS_ONE, {ENOPROTOOPT, ENOBUFS, ENODEV}};
-constexpr Spec kFcntl = {"fcntl", Tells::MINUS_ONE, {EBADF, EPERM}};
-constexpr Spec kIoctl = {"ioctl", Tells::MINUS_ONE, {EBADF, ENOTTY}};
-constexpr Spec kPoll = {"poll", Tells::MINUS_ONE, {EINTR, ENOMEM}};
-constexpr Spec kSelect = {"select", Tells::MINUS_ONE, {EINTR, ENOMEM, EBADF}};
-constexpr Spec kRecv = {"recv", Tells::MINUS_ONE, {EINTR, ECONNRESET, ENOMEM, kShort}};
-constexpr Spec kRecvfrom = {"recvfrom", Tells::MINUS_ONE, {EINTR, EAGAIN, ECONNREFUSED}};
-constexpr Spec kSend = {"send", Tells::MINUS_ONE, {EINTR, ECONNRESET, EPIPE, ENOBUFS, kShort}};
-constexpr Spec kSendto = {"sendto", Tells::MINUS_ONE, {EINTR, EHOSTUNREACH, ENOBUFS}};
-constexpr Spec kRead = {"read", Tells::MINUS_ONE, {EINTR, EIO, ECONNRESET, kShort}};
-constexpr Spec kWrite = {"write", Tells::MINUS_ONE, {EINTR, EPIPE, ENOSPC, kShort}};
-constexpr Spec kGethostname = {"gethostname", Tells::MINUS_ONE, {ENAMETOOLONG}};
+constexpr Spec kSocket = {
+    "socket", Tells::MINUS_ONE, {EMFILE, ENFILE, EACCES, ENOBUFS, ENOMEM, EAFNOSUPPORT, EPROTONOSUPPORT}};
+constexpr Spec kBind = {"bind", Tells::MINUS_ONE, {EADDRINUSE, EACCES, EADDRNOTAVAIL, EINVAL, ENOENT, ENOMEM, EROFS}};
+constexpr Spec kListen = {"listen", Tells::MINUS_ONE, {EADDRINUSE, EOPNOTSUPP, ENOTSOCK}};
+constexpr Spec kAccept = {
+    "accept", Tells::MINUS_ONE, {EAGAIN, EMFILE, ENFILE, EINTR, ECONNABORTED, ENOBUFS, ENOMEM, EPROTO, EPERM, EINVAL}};
+constexpr Spec kConnect = {
+    "connect",
+    Tells::MINUS_ONE,
+    {EINPROGRESS, ECONNREFUSED, EINTR, ETIMEDOUT, ENETUNREACH, EAGAIN, EALREADY, EADDRNOTAVAIL, EISCONN}};
+constexpr Spec kSetsockopt = {
+    "setsockopt", Tells::MINUS_ONE, {ENOPROTOOPT, ENOBUFS, ENODEV, ENOMEM, EADDRINUSE, EADDRNOTAVAIL}};
+constexpr Spec kFcntl = {"fcntl", Tells::MINUS_ONE, {EBADF, EPERM, EINTR}};
+constexpr Spec kIoctl = {"ioctl", Tells::MINUS_ONE, {EBADF, ENOTTY, EINVAL}};
+constexpr Spec kPoll = {"poll", Tells::MINUS_ONE, {EINTR, ENOMEM, EINVAL, kNothing}};
+constexpr Spec kSelect = {"select", Tells::MINUS_ONE, {EINTR, ENOMEM, EBADF, EINVAL, kNothing}};
+constexpr Spec kRecv = {"recv", Tells::MINUS_ONE, {EINTR, EAGAIN, ECONNRESET, ENOTCONN, ENOMEM, kShort, kNothing}};
+constexpr Spec kRecvfrom = {"recvfrom", Tells::MINUS_ONE, {EINTR, EAGAIN, ECONNREFUSED, ENOMEM}};
+constexpr Spec kSend = {
+    "send", Tells::MINUS_ONE, {EINTR, EAGAIN, ECONNRESET, EPIPE, ENOTCONN, EMSGSIZE, ENOBUFS, kShort}};
+constexpr Spec kSendto = {
+    "sendto", Tells::MINUS_ONE, {EINTR, EAGAIN, EACCES, EHOSTUNREACH, ENETUNREACH, EMSGSIZE, ENOBUFS}};
+constexpr Spec kRead = {"read", Tells::MINUS_ONE, {EINTR, EAGAIN, EIO, ECONNRESET, kShort, kNothing}};
+constexpr Spec kWrite = {"write", Tells::MINUS_ONE, {EINTR, EAGAIN, EPIPE, ENOSPC, EIO, kShort}};
+constexpr Spec kGethostname = {"gethostname", Tells::MINUS_ONE, {ENAMETOOLONG, EFAULT}};
+constexpr Spec kLookUp = {"gethostbyname_r", Tells::ERROR_NUMBER, {EAGAIN, ENOENT, ENODATA, ERANGE}};
+constexpr char kOwnName[] = "torture";
 
-/// A transfer that may be short.
+/// A transfer that may be short, or of nothing.
 template <typename Transfer>
 ssize_t Transferred(const Spec& spec, std::size_t nSize, Transfer transfer) {
     const int nError = ErrorFor(spec);
@@ -440,7 +492,7 @@ ssize_t Transferred(const Spec& spec, std::size_t nSize, Transfer transfer) {
         errno = nError;
         return -1;
     }
-    return transfer(nError == kShort ? nSize / 2 : nSize);
+    return nError == kNothing ? 0 : transfer(nError == kShort ? nSize / 2 : nSize);
 }
 
 ssize_t Recv(int nSocket, void* pBuffer, std::size_t nSize, int nFlags) {
@@ -458,9 +510,19 @@ ssize_t Write(int nDescriptor, const void* pBuffer, std::size_t nSize) {
 ssize_t Recvfrom(int nSocket, void* pBuffer, std::size_t nSize, int nFlags, sockaddr* pSender, socklen_t* pnSender) {
     return Fails(kRecvfrom) ? -1 : recvfrom(nSocket, pBuffer, nSize, nFlags, pSender, pnSender);
 }
+/// What is meant for everybody stays on this machine, whatever networks it has.
 ssize_t Sendto(int nSocket, const void* pBuffer, std::size_t nSize, int nFlags, const sockaddr* pTarget,
                socklen_t nTarget) {
-    return Fails(kSendto) ? -1 : sendto(nSocket, pBuffer, nSize, nFlags, pTarget, nTarget);
+    if (Fails(kSendto)) {
+        return -1;
+    }
+    sockaddr_in target = {};
+    std::memcpy(&target, pTarget, std::min<std::size_t>(nTarget, sizeof(target)));
+    if (target.sin_family == AF_INET && target.sin_addr.s_addr == htonl(INADDR_BROADCAST)) {
+        target.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return sendto(nSocket, pBuffer, nSize, nFlags, reinterpret_cast<const sockaddr*>(&target), sizeof(target));
+    }
+    return sendto(nSocket, pBuffer, nSize, nFlags, pTarget, nTarget);
 }
 int Bind(int nSocket, const sockaddr* pAddress, socklen_t nSize) {
     return Fails(kBind) ? -1 : bind(nSocket, pAddress, nSize);
@@ -477,21 +539,64 @@ int Fcntl(int nDescriptor, int nCommand, long nArgument) {
 int Ioctl(int nDescriptor, unsigned long nRequest, void* pArgument) {
     return Fails(kIoctl) ? -1 : ioctl(nDescriptor, nRequest, pArgument);
 }
+/// A wait that fails, or that lasts as long as it may.
 int Poll(pollfd* pPolls, nfds_t nPolls, int nTimeOut) {
-    return Fails(kPoll) ? -1 : poll(pPolls, nPolls, nTimeOut);
+    const int nError = ErrorFor(kPoll);
+    errno = nError > 0 ? nError : errno;
+    return nError == 0 ? poll(pPolls, nPolls, nTimeOut) : nError == kNothing ? 0 : -1;
+}
+int Select(int nLimit, fd_set* pRead, fd_set* pWrite, fd_set* pExcept, timeval* pTimeOut) {
+    const int nError = ErrorFor(kSelect);
+    if (nError == kNothing) {
+        for (fd_set* const pSet : {pRead, pWrite, pExcept}) {
+            if (pSet != nullptr) {
+                FD_ZERO(pSet);
+            }
+        }
+        return 0;
+    }
+    errno = nError != 0 ? nError : errno;
+    return nError == 0 ? select(nLimit, pRead, pWrite, pExcept, pTimeOut) : -1;
 }
 
-/// A look-up fails in three ways: with an error, without an entry, and for want of room as often as it is tried.
+/// This machine has a name and two addresses that are the same everywhere, and no network is asked for them.
+int Gethostname(char* pszName, std::size_t nSize) {
+    if (Fails(kGethostname)) {
+        return -1;
+    }
+    std::snprintf(pszName, nSize, "%s", kOwnName);
+    return 0;
+}
+
+/// An entry with addresses, which may be none.
+int Found(hostent& storage, hostent** ppEntry, const char* const* ppAddresses) {
+    storage = hostent();
+    storage.h_addrtype = AF_INET;
+    storage.h_length = 4;
+    storage.h_addr_list = const_cast<char**>(ppAddresses);
+    *ppEntry = &storage;
+    return 0;
+}
+
+/// A look-up fails with an error, without an entry, with an entry that has no address, and for want of room as often as it
+/// is tried.
 int Gethostbyname(const char* pszHost, hostent* pStorage, char* pBuffer, std::size_t nSize, hostent** ppEntry,
                   int* pnError) {
-    static constexpr Spec kSpec = {"gethostbyname_r", Tells::ERROR_NUMBER, {EAGAIN, ENOENT, ERANGE}};
-    const int nError = ErrorFor(kSpec);
-    if (nError == 0) {
+    static constexpr const char* kNoAddress[] = {nullptr};
+    static constexpr const char* kOwnAddresses[] = {"\xC0\x00\x02\x01", "\xC0\x00\x02\x02", nullptr};
+    const int nError = ErrorFor(kLookUp);
+    if (nError == ENODATA) {
+        return Found(*pStorage, ppEntry, kNoAddress);
+    }
+    if (nError == 0 && std::strcmp(pszHost, kOwnName) == 0) {
+        return Found(*pStorage, ppEntry, kOwnAddresses);
+    }
+    if (nError == 0 && *pszHost != '\0') {
         return gethostbyname_r(pszHost, pStorage, pBuffer, nSize, ppEntry, pnError);
     }
     *ppEntry = nullptr;
-    *pnError = nError == EAGAIN ? TRY_AGAIN : nError == ENOENT ? HOST_NOT_FOUND : NETDB_INTERNAL;
-    return nError == ENOENT ? 0 : nError;
+    *pnError = nError == EAGAIN ? TRY_AGAIN : nError == ERANGE ? NETDB_INTERNAL : HOST_NOT_FOUND;
+    return nError == EAGAIN || nError == ERANGE ? nError : 0;
 }
 
 // ------------------------------------------------------------------------------------ Threads, clock, loader, locale
@@ -499,9 +604,9 @@ int Gethostbyname(const char* pszHost, hostent* pStorage, char* pBuffer, std::si
 constexpr Spec kAttributeInit = {"pthread_mutexattr_init", Tells::ERROR_NUMBER, {ENOMEM}};
 constexpr Spec kAttributeType = {"pthread_mutexattr_settype", Tells::ERROR_NUMBER, {EINVAL}};
 constexpr Spec kMutexInit = {"pthread_mutex_init", Tells::ERROR_NUMBER, {EAGAIN, ENOMEM, EPERM}};
-constexpr Spec kMutexDestroy = {"pthread_mutex_destroy", Tells::ERROR_NUMBER, {EBUSY}};
-constexpr Spec kTryLock = {"pthread_mutex_trylock", Tells::ERROR_NUMBER, {EBUSY}};
-constexpr Spec kTimedLock = {"pthread_mutex_timedlock", Tells::ERROR_NUMBER, {ETIMEDOUT, EINVAL}};
+constexpr Spec kMutexDestroy = {"pthread_mutex_destroy", Tells::ERROR_NUMBER, {EBUSY, EINVAL}};
+constexpr Spec kTryLock = {"pthread_mutex_trylock", Tells::ERROR_NUMBER, {EBUSY, EAGAIN, EINVAL}};
+constexpr Spec kTimedLock = {"pthread_mutex_timedlock", Tells::ERROR_NUMBER, {ETIMEDOUT, EINVAL, EAGAIN, EDEADLK}};
 constexpr Spec kThreadAttribute = {"pthread_attr_init", Tells::ERROR_NUMBER, {ENOMEM}};
 constexpr Spec kDetach = {"pthread_attr_setdetachstate", Tells::ERROR_NUMBER, {EINVAL}};
 constexpr Spec kStackSize = {"pthread_attr_setstacksize", Tells::ERROR_NUMBER, {EINVAL}};
@@ -520,6 +625,7 @@ constexpr Spec kDlclose = {"dlclose", Tells::MINUS_ONE, {EINVAL}};
 constexpr Spec kSetlocale = {"setlocale", Tells::NULL_POINTER, {ENOENT}};
 constexpr Spec kMbstowcs = {"mbstowcs", Tells::MINUS_ONE, {EILSEQ}};
 constexpr Spec kWcrtomb = {"wcrtomb", Tells::MINUS_ONE, {EILSEQ}};
+
 int Gettimeofday(timeval* pNow, void* pZone) {
     return Fails(kClock) ? -1 : gettimeofday(pNow, static_cast<struct timezone*>(pZone));
 }
@@ -527,6 +633,36 @@ int Gettimeofday(timeval* pNow, void* pZone) {
 int ThreadCreate(pthread_t* pThread, const pthread_attr_t* pAttribute, void* (*pBody)(void*), void* pArgument) {
     const int nError = ErrorFor(kThreadCreate);
     return nError != 0 ? nError : pthread_create(pThread, pAttribute, pBody, pArgument);
+}
+
+/// A thread that could not be waited for is waited for at the end of the run.
+int ThreadJoin(pthread_t thread, void** ppResult) {
+    const int nError = ErrorFor(kThreadJoin);
+    const int nResult = nError != 0 ? nError : pthread_join(thread, ppResult);
+    const std::lock_guard<std::mutex> lock(g_Guard);
+    if (nResult == 0) {
+        g_NotJoined.erase(thread);
+    } else {
+        g_NotJoined.insert(thread);
+    }
+    return nResult;
+}
+
+/// A wait for a mutex fails where somebody else has it: the library then unlocks it under whoever that is.
+int TimedLock(pthread_mutex_t* pMutex, const timespec* pDeadline) {
+    const int nError = ErrorFor(kTimedLock);
+    if (nError != 0) {
+        static_cast<void>(pthread_mutex_trylock(pMutex));
+    }
+    return nError != 0 ? nError : pthread_mutex_timedlock(pMutex, pDeadline);
+}
+
+int Usleep(useconds_t nMicroseconds) {
+    const bool fgFails = Fails(kUsleep);
+    if (t_pWhileSleeping != nullptr) {
+        t_pWhileSleeping();
+    }
+    return fgFails ? -1 : usleep(nMicroseconds);
 }
 
 /// A failed check. Where a run is made in a process of its own, it ends here, with the reason left behind.
@@ -548,6 +684,7 @@ int ThreadCreate(pthread_t* pThread, const pthread_attr_t* pAttribute, void* (*p
 struct Hook {
     const char* pszName;
     void* pFunction;
+    const Spec* pSpec;  ///< Null where nothing can fail, and the hook only keeps account.
 };
 
 template <typename Function>
@@ -558,39 +695,39 @@ void* Address(Function* pFunction) {
 template <const Spec& spec, typename Result, typename... Arguments>
 Hook Simple(Result (*pReal)(Arguments...)) {
     InFront<spec, Result, Arguments...>::s_pReal = pReal;
-    return {spec.pszName, Address(&InFront<spec, Result, Arguments...>::Call)};
+    return {spec.pszName, Address(&InFront<spec, Result, Arguments...>::Call), &spec};
 }
 
 const Hook g_Hooks[] = {
-    {"malloc", Address(&Malloc)},
-    {"calloc", Address(&Calloc)},
-    {"realloc", Address(&Realloc)},
-    {"free", Address(&Free)},
-    {"_ZnwmRKSt9nothrow_t", Address(&New)},
-    {"_ZnwjRKSt9nothrow_t", Address(&New)},
-    {"_ZnamRKSt9nothrow_t", Address(&NewArray)},
-    {"_ZnajRKSt9nothrow_t", Address(&NewArray)},
-    {"_ZdlPv", Address(&Delete)},
-    {"_ZdlPvm", Address(&DeleteSized)},
-    {"_ZdlPvj", Address(&DeleteSized)},
-    {"_ZdlPvRKSt9nothrow_t", Address(&DeleteNothrow)},
-    {"_ZdaPv", Address(&DeleteArray)},
-    {"_ZdaPvm", Address(&DeleteArraySized)},
-    {"_ZdaPvj", Address(&DeleteArraySized)},
-    {"_ZdaPvRKSt9nothrow_t", Address(&DeleteArrayNothrow)},
-    {"mmap", Address(&Mmap)},
-    {"munmap", Address(&Munmap)},
+    {"malloc", Address(&Malloc), &kMalloc},
+    {"calloc", Address(&Calloc), &kCalloc},
+    {"realloc", Address(&Realloc), &kRealloc},
+    {"free", Address(&Free), nullptr},
+    {"_ZnwmRKSt9nothrow_t", Address(&New), &kNew},
+    {"_ZnwjRKSt9nothrow_t", Address(&New), &kNew},
+    {"_ZnamRKSt9nothrow_t", Address(&NewArray), &kNewArray},
+    {"_ZnajRKSt9nothrow_t", Address(&NewArray), &kNewArray},
+    {"_ZdlPv", Address(&Delete), nullptr},
+    {"_ZdlPvm", Address(&DeleteSized), nullptr},
+    {"_ZdlPvj", Address(&DeleteSized), nullptr},
+    {"_ZdlPvRKSt9nothrow_t", Address(&DeleteNothrow), nullptr},
+    {"_ZdaPv", Address(&DeleteArray), nullptr},
+    {"_ZdaPvm", Address(&DeleteArraySized), nullptr},
+    {"_ZdaPvj", Address(&DeleteArraySized), nullptr},
+    {"_ZdaPvRKSt9nothrow_t", Address(&DeleteArrayNothrow), nullptr},
+    {"mmap", Address(&Mmap), &kMmap},
+    {"munmap", Address(&Munmap), &kMunmap},
     Simple<kFopen>(&std::fopen),
     Simple<kFseek>(&std::fseek),
     Simple<kFtell>(&std::ftell),
-    {"fread", Address(&Fread)},
-    {"fwrite", Address(&Fwrite)},
-    {"fclose", Address(&Fclose)},
-    {"fprintf", Address(&Fprintf)},
-    {"__fprintf_chk", Address(&CheckedFprintf)},
-    {"perror", Address(&Perror)},
-    {"vsnprintf", Address(&Vsnprintf)},
-    {"__vsnprintf_chk", Address(&CheckedVsnprintf)},
+    {"fread", Address(&Fread), &kFread},
+    {"fwrite", Address(&Fwrite), &kFwrite},
+    {"fclose", Address(&Fclose), &kFclose},
+    {"fprintf", Address(&Fprintf), &kFprintf},
+    {"__fprintf_chk", Address(&CheckedFprintf), &kCheckedFprintf},
+    {"perror", Address(&Perror), nullptr},
+    {"vsnprintf", Address(&Vsnprintf), &kVsnprintf},
+    {"__vsnprintf_chk", Address(&CheckedVsnprintf), &kCheckedVsnprintf},
     Simple<kRemove>(&::remove),
     Simple<kRename>(&::rename),
     Simple<kUnlink>(&unlink),
@@ -600,52 +737,52 @@ const Hook g_Hooks[] = {
     Simple<kFstatat>(&fstatat),
     Simple<kUnlinkat>(&unlinkat),
     Simple<kFstat>(&fstat),
-    {"openat", Address(&Openat)},
-    {"opendir", Address(&Opendir)},
-    {"fdopendir", Address(&Fdopendir)},
+    {"openat", Address(&Openat), &kOpenat},
+    {"opendir", Address(&Opendir), &kOpendir},
+    {"fdopendir", Address(&Fdopendir), &kFdopendir},
     Simple<kReaddir>(&readdir),
-    {"closedir", Address(&Closedir)},
+    {"closedir", Address(&Closedir), &kClosedir},
     Simple<kDirfd>(&dirfd),
-    {"mktemp", Address(&Mktemp)},
+    {"mktemp", Address(&Mktemp), &kMktemp},
     Simple<kFtruncate>(&ftruncate),
     Simple<kShmOpen>(&shm_open),
     Simple<kShmUnlink>(&shm_unlink),
-    {"close", Address(&Close)},
+    {"close", Address(&Close), &kClose},
     Simple<kSocket>(&socket),
-    {"bind", Address(&Bind)},
+    {"bind", Address(&Bind), &kBind},
     Simple<kListen>(&listen),
-    {"accept", Address(&Accept)},
-    {"connect", Address(&Connect)},
+    {"accept", Address(&Accept), &kAccept},
+    {"connect", Address(&Connect), &kConnect},
     Simple<kSetsockopt>(&setsockopt),
-    {"fcntl", Address(&Fcntl)},
-    {"ioctl", Address(&Ioctl)},
-    {"poll", Address(&Poll)},
-    Simple<kSelect>(&select),
-    {"recv", Address(&Recv)},
-    {"recvfrom", Address(&Recvfrom)},
-    {"send", Address(&Send)},
-    {"sendto", Address(&Sendto)},
-    {"read", Address(&Read)},
-    {"write", Address(&Write)},
-    {"gethostbyname_r", Address(&Gethostbyname)},
-    Simple<kGethostname>(&gethostname),
+    {"fcntl", Address(&Fcntl), &kFcntl},
+    {"ioctl", Address(&Ioctl), &kIoctl},
+    {"poll", Address(&Poll), &kPoll},
+    {"select", Address(&Select), &kSelect},
+    {"recv", Address(&Recv), &kRecv},
+    {"recvfrom", Address(&Recvfrom), &kRecvfrom},
+    {"send", Address(&Send), &kSend},
+    {"sendto", Address(&Sendto), &kSendto},
+    {"read", Address(&Read), &kRead},
+    {"write", Address(&Write), &kWrite},
+    {"gethostbyname_r", Address(&Gethostbyname), &kLookUp},
+    {"gethostname", Address(&Gethostname), &kGethostname},
     Simple<kAttributeInit>(&pthread_mutexattr_init),
     Simple<kAttributeType>(&pthread_mutexattr_settype),
     Simple<kMutexInit>(&pthread_mutex_init),
     Simple<kMutexDestroy>(&pthread_mutex_destroy),
     Simple<kTryLock>(&pthread_mutex_trylock),
-    Simple<kTimedLock>(&pthread_mutex_timedlock),
+    {"pthread_mutex_timedlock", Address(&TimedLock), &kTimedLock},
     Simple<kThreadAttribute>(&pthread_attr_init),
     Simple<kDetach>(&pthread_attr_setdetachstate),
     Simple<kStackSize>(&pthread_attr_setstacksize),
     Simple<kGetParameter>(&pthread_attr_getschedparam),
     Simple<kSetParameter>(&pthread_attr_setschedparam),
-    {"pthread_create", Address(&ThreadCreate)},
-    Simple<kThreadJoin>(&pthread_join),
+    {"pthread_create", Address(&ThreadCreate), &kThreadCreate},
+    {"pthread_join", Address(&ThreadJoin), &kThreadJoin},
     Simple<kThreadCancel>(&pthread_cancel),
     Simple<kThreadAttributeEnd>(&pthread_attr_destroy),
-    Simple<kUsleep>(&usleep),
-    {"gettimeofday", Address(&Gettimeofday)},
+    {"usleep", Address(&Usleep), &kUsleep},
+    {"gettimeofday", Address(&Gettimeofday), &kClock},
     Simple<kUname>(&uname),
     Simple<kDlopen>(&dlopen),
     Simple<kDlsym>(&dlsym),
@@ -653,7 +790,7 @@ const Hook g_Hooks[] = {
     Simple<kSetlocale>(&std::setlocale),
     Simple<kMbstowcs>(&std::mbstowcs),
     Simple<kWcrtomb>(&std::wcrtomb),
-    {"__assert_fail", Address(&AssertFail)},
+    {"__assert_fail", Address(&AssertFail), nullptr},
 };
 
 /// What cannot fail, or not by itself: it depends on its arguments alone.
@@ -661,27 +798,43 @@ const std::set<std::string> g_CannotFail = {
     // A mutex of the normal kind reports nothing; its attribute has nothing to release.
     "pthread_mutex_lock", "pthread_mutex_unlock", "pthread_mutexattr_destroy",
     // Renders numbers and texts alone, which takes no memory.
-    "snprintf",
+    "snprintf", "__snprintf_chk",
     // Refuses only numbers that are no signal's.
     "signal",
     // Looks at its arguments.
     "vsscanf", "strcasecmp", "strcasestr", "strchr", "strcmp", "strlen", "malloc_usable_size", "strncasecmp", "strncmp",
     "strstr", "strcspn", "strspn", "strrchr", "tolower", "toupper", "wcslen", "bcmp", "memchr", "memcmp", "memcpy",
     "memmove", "memrchr", "memset",
+    // Ends the process for a target that is too small, or a descriptor that no set has room for: the library looks first.
+    "__memcpy_chk", "__fdelt_chk",
     // Looks at the process.
-    "getenv", "getgid", "getuid", "stderr"};
+    "getenv", "getgid", "getuid", "stderr", "__errno_location", "__ctype_get_mb_cur_max"};
 
-/// Whether a symbol belongs to the compiler, the language or a sanitizer.
+/// What the compiler and the language put in. By name, so that nothing slips through that could fail: an operator that
+/// throws, for one, or another function that checks sizes.
+const std::set<std::string> g_Machinery = {
+    "_ITM_deregisterTMCloneTable", "_ITM_registerTMCloneTable", "_Unwind_Resume", "__cxa_atexit", "__cxa_begin_catch",
+    "__cxa_end_cleanup", "__cxa_finalize", "__gmon_start__", "__gxx_personality_v0", "__stack_chk_fail",
+    "__stack_chk_guard",
+    // Types and constants.
+    "_ZSt7nothrow", "_ZTVN10__cxxabiv117__class_type_infoE", "_ZTVN10__cxxabiv120__function_type_infoE",
+    "_ZTVN10__cxxabiv120__si_class_type_infoE", "_ZTVN10__cxxabiv121__vmi_class_type_infoE",
+    // The end of the process for an exception that nothing may throw, and for an array whose size no number holds: the
+    // library asks for none.
+    "_ZSt9terminatev", "__cxa_throw_bad_array_new_length",
+    // Arithmetic and unwinding on ARM.
+    "__aeabi_atexit", "__aeabi_idiv", "__aeabi_idivmod", "__aeabi_ldivmod", "__aeabi_uidiv", "__aeabi_uidivmod",
+    "__aeabi_uldivmod", "__aeabi_unwind_cpp_pr0", "__aeabi_unwind_cpp_pr1", "__ctzdi2"};
+
+/// Whether a symbol belongs to the compiler, the language or a sanitizer. The sanitizers' names vary with the code; nothing
+/// of libc begins as they do.
 bool IsMachinery(const std::string& name) {
-    for (const char* const pszPrefix : {"_Z", "__cxa", "__aeabi", "_ITM", "__asan", "__ubsan", "__tsan", "__gcov",
-                                        "__sanitizer", "__gmon", "_Unwind", "__gxx", "__errno", "__ctype", "__llvm"}) {
+    for (const char* const pszPrefix : {"__asan_", "__ubsan_", "__tsan_"}) {
         if (name.rfind(pszPrefix, 0) == 0) {
             return true;
         }
     }
-    // Helpers of the compiler and the checks of hardened builds.
-    return name == "__ctzdi2" || name == "__stack_chk_fail" || name == "__stack_chk_guard" ||
-           (name.size() > 6 && name.rfind("__", 0) == 0 && name.find("_chk") == name.size() - 4);
+    return g_Machinery.count(name) != 0;
 }
 
 /// A function's name without what tells a variant of it: the wider forms of 32-bit machines, a newer standard's.
@@ -696,15 +849,16 @@ std::string PlainName(std::string name) {
     return name;
 }
 
-void* HookFor(const std::string& name) {
+const Hook* HookFor(const std::string& name) {
     for (const Hook& hook : g_Hooks) {
         if (name == hook.pszName) {
-            return hook.pFunction;
+            return &hook;
         }
     }
     return nullptr;
 }
 
+std::set<const Hook*> g_Used;
 std::set<std::string> g_Unknown;
 
 // The loader's tables hold addresses as numbers.
@@ -723,17 +877,20 @@ struct Imports {
     }
 
     void Redirect(std::size_t nSymbol, unsigned nType, ElfW(Addr) nOffset) const {
-        constexpr unsigned kFilledIn[] = {R_X86_64_GLOB_DAT, R_X86_64_JUMP_SLOT, R_ARM_GLOB_DAT,
-                                          R_ARM_JUMP_SLOT,   R_AARCH64_GLOB_DAT, R_AARCH64_JUMP_SLOT};
+        // Places of the import table, and addresses in tables of the library's own.
+        constexpr unsigned kFilledIn[] = {R_X86_64_GLOB_DAT,  R_X86_64_JUMP_SLOT,  R_X86_64_64,
+                                          R_ARM_GLOB_DAT,     R_ARM_JUMP_SLOT,     R_ARM_ABS32,
+                                          R_AARCH64_GLOB_DAT, R_AARCH64_JUMP_SLOT, R_AARCH64_ABS64};
         const bool fgFilledIn = std::find(std::begin(kFilledIn), std::end(kFilledIn), nType) != std::end(kFilledIn);
         const ElfW(Sym)& symbol = pSymbols[nSymbol];
         if (nSymbol == 0 || !fgFilledIn || symbol.st_shndx != SHN_UNDEF) {
             return;
         }
         const std::string name = PlainName(pStrings + symbol.st_name);
-        void* const pHook = HookFor(name);
+        const Hook* const pHook = HookFor(name);
         if (pHook != nullptr) {
-            Replace(reinterpret_cast<void**>(nBase + nOffset), pHook);
+            g_Used.insert(pHook);
+            Replace(reinterpret_cast<void**>(nBase + nOffset), pHook->pFunction);
         } else if (!IsMachinery(name) && g_CannotFail.count(name) == 0) {
             g_Unknown.insert(name);
         }
@@ -795,7 +952,8 @@ int RedirectLibrary(dl_phdr_info* pObject, std::size_t, void*) {
 // NOLINTEND(performance-no-int-to-ptr)
 
 bool IsMemory(const std::string& function) {
-    return function == "malloc" || function == "calloc" || function == "realloc" || function == "new";
+    return function == "malloc" || function == "calloc" || function == "realloc" || function == "new" ||
+           function == "new[]";
 }
 
 }  // namespace
@@ -811,11 +969,25 @@ std::vector<std::string> UnknownImports() {
     return std::vector<std::string>(g_Unknown.begin(), g_Unknown.end());
 }
 
+std::vector<std::string> UnreachedImports() {
+    std::vector<std::string> unreached;
+    for (const Hook* const pHook : g_Used) {
+        if (pHook->pSpec != nullptr && !InCommon().WasReached(*pHook->pSpec)) {
+            unreached.emplace_back(pHook->pszName);
+        }
+    }
+    return unreached;
+}
+
+void ForgetWhatWasReached() {
+    InCommon().reached = {};
+}
+
 void Begin(const Fault& fault, bool fgMayBeRefused) {
     g_Fault = fault;
     g_nCalls = 0;
-    g_nAllowedBlocks = 0;
-    g_nAllowedDescriptors = 0;
+    g_nLeftBlocks = 0;
+    g_nLeftDescriptors = 0;
     SharedOutcome() = Outcome();
     SharedOutcome().fgMayBeRefused = fgMayBeRefused;
 }
@@ -835,31 +1007,39 @@ Holdings TakeStock() {
 }
 
 void LeavesBlocks(std::size_t nBlocks) {
-    g_nAllowedBlocks += nBlocks;
+    g_nLeftBlocks += nBlocks;
 }
 
-std::size_t AllowedBlocks() {
-    return g_nAllowedBlocks;
+std::size_t LeftBlocks() {
+    return g_nLeftBlocks;
 }
 
-void CloseDirectories() {
+void LeavesDescriptors(std::size_t nDescriptors) {
+    g_nLeftDescriptors += nDescriptors;
+}
+
+std::size_t LeftDescriptors() {
+    return g_nLeftDescriptors;
+}
+
+void CleanUp() {
     const std::lock_guard<std::mutex> lock(g_Guard);
     for (DIR* const pDirectory : g_Directories) {
         closedir(pDirectory);
     }
     g_Directories.clear();
+    for (const pthread_t thread : g_NotJoined) {
+        pthread_join(thread, nullptr);
+    }
+    g_NotJoined.clear();
 }
 
 void Forget(const void* pBlock) {
     LetGo(pBlock);
 }
 
-void LeavesDescriptors(std::size_t nDescriptors) {
-    g_nAllowedDescriptors += nDescriptors;
-}
-
-std::size_t AllowedDescriptors() {
-    return g_nAllowedDescriptors;
+void WhileSleeping(void (*pDo)()) {
+    t_pWhileSleeping = pDo;
 }
 
 bool HasFailed() {
@@ -883,6 +1063,10 @@ bool Step::LackedMemory() const {
     return m_fgFailed && IsMemory(m_Function);
 }
 
+bool Step::LostItsLine() const {
+    return Failed({"fprintf", kWriteOfALine});
+}
+
 std::vector<std::string> MutexRefusalsAnd(std::vector<std::string> others) {
     for (const char* const pszRefusal :
          {"new in KMutex::KMutex(): pInfo", "pthread_mutexattr_init in KMutex::KMutex(): nRet == 0",
@@ -903,12 +1087,14 @@ void Step::Arm() {
         const std::lock_guard<std::mutex> lock(g_Guard);
         g_Log.clear();
     }
+    m_nFailedCall = -g_nCalls;
     t_fgArmed = true;
 }
 
 void Step::Disarm() {
     t_fgArmed = false;
     m_fgFailed = HasFailed() && !m_fgBefore;
+    m_nFailedCall = m_fgFailed ? m_nFailedCall + g_Fault.nCall : 0;
     m_Function = m_fgFailed ? SharedOutcome().szFunction : "";
     const std::lock_guard<std::mutex> lock(g_Guard);
     m_Log = g_Log;

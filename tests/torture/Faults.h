@@ -23,7 +23,7 @@ struct Outcome {
     bool fgFailed;         ///< Whether the call was made, and failed.
     int nWays;             ///< In how many ways the function can fail.
     char szFunction[64];   ///< Its name.
-    int nError;            ///< The error number, or kShort.
+    int nError;            ///< The error number, or kShort, or kNothing.
     bool fgRefused;        ///< Whether a check of the library ended the process.
     char szRefusal[1024];  ///< "signature: condition" of the check.
     bool fgMayBeRefused;   ///< Whether a check may end the process: it is one of the run's own.
@@ -31,12 +31,22 @@ struct Outcome {
 
 /// In place of an error number: half of the bytes are transferred.
 constexpr int kShort = -1;
+/// In place of an error number: the end of what there is to read, or the end of a wait.
+constexpr int kNothing = -2;
+
+/// The name under which an `fwrite` to standard error fails.
+constexpr char kWriteOfALine[] = "fwrite of a line";
 
 /// Puts itself between the library and libc, once.
 void Install();
 
 /// The functions that the library imports and that are known neither to fail nor to be unable to.
 std::vector<std::string> UnknownImports();
+
+/// The functions that the library imports, that can fail, and that no step of a run without faults has called since
+/// ForgetWhatWasReached(), here or in a child process.
+std::vector<std::string> UnreachedImports();
+void ForgetWhatWasReached();
 
 /// Starts a run, and gives its outcome so far.
 void Begin(const Fault& fault, bool fgMayBeRefused);
@@ -50,23 +60,28 @@ struct Holdings {
 };
 Holdings TakeStock();
 
-/// Allows a run to leave up to this many blocks of memory behind, where the library says that it does.
+/// Says that a run leaves exactly so many blocks of memory behind, where the library says that it does.
 void LeavesBlocks(std::size_t nBlocks);
-std::size_t AllowedBlocks();
-/// Closes the directories that a run left open.
-void CloseDirectories();
-/// Takes a block out of the account that the test itself frees.
-void Forget(const void* pBlock);
+std::size_t LeftBlocks();
 /// As LeavesBlocks(), for descriptors.
 void LeavesDescriptors(std::size_t nDescriptors);
-std::size_t AllowedDescriptors();
+std::size_t LeftDescriptors();
+/// Takes a block out of the account that the test itself frees.
+void Forget(const void* pBlock);
+/// Closes the directories that a run left open, and waits for the threads that it could not.
+void CleanUp();
+
+/// Lets each call of usleep on this thread run a piece of code first, in place of a clock; null for none.
+void WhileSleeping(void (*pDo)());
 
 /// Whether something was made to fail in this run so far.
 bool HasFailed();
 /// Whether that was an allocation.
 bool HasLackedMemory();
 
-/// A piece of a scenario: while its code runs, this thread's calls are counted and what the library logs is kept.
+/// A piece of a scenario: while its code runs, this thread's calls are counted and what the library logs is kept. Another
+/// thread's are not: which call is the third one must not depend on who is faster. A thread that the library makes has steps
+/// of its own in its body, while the one that made it has none.
 class Step {
  public:
     template <typename Code>
@@ -86,6 +101,10 @@ class Step {
     bool Failed(std::initializer_list<const char*> functions) const;
     /// Whether it was an allocation.
     bool LackedMemory() const;
+    /// Whether it was the writing of a line of the log.
+    bool LostItsLine() const;
+    /// Which of the step's calls failed, counted from 1; 0 for none.
+    int FailedCall() const { return m_nFailedCall; }
 
     /// What the library wrote to standard error.
     const std::string& Log() const { return m_Log; }
@@ -97,6 +116,7 @@ class Step {
 
     bool m_fgBefore;
     bool m_fgFailed = false;
+    int m_nFailedCall = 0;
     std::string m_Function;
     std::string m_Log;
 };
@@ -106,7 +126,8 @@ struct Scenario {
     const char* pszName;
     void (*pRun)();
     std::vector<std::string> refusals;
-    bool fgStartsLibrary = false;  ///< Turns the checks on itself.
+    bool fgApart = false;          ///< Changes its process for good: every run is made in one of its own.
+    bool fgTurnsChecksOn = false;  ///< Whether they were on before or not. It is also apart.
 };
 
 /// The checks that end the process where a mutex cannot be made or destroyed, and others.

@@ -1,9 +1,19 @@
 // Mutexes, threads, the system's description, and the library's start and end.
+#include <sched.h>
+
+#include <atomic>
+#include <cerrno>
+#include <clocale>
+
 #include "KAssert.h"
 #include "KDebug.h"
+#include "KDirectory.h"
 #include "KEntry.h"
+#include "KFile.h"
+#include "KLib.h"
 #include "KLocale.h"
 #include "KMem.h"
+#include "KPropertyList.h"
 #include "KString.h"
 #include "KSystem.h"
 #include "KThread.h"
@@ -29,6 +39,27 @@ void MutexIsLocked() {
     }
 }
 
+/// Each way has the clock to ask, if not always, and then to wait.
+void MutexIsLockedInTime() {
+    bool (*const ways[])(KMutex&) = {
+        [](KMutex& mutex) { return mutex.LockWithTimeOut(1000); },
+        [](KMutex& mutex) { return mutex.LockWithSystemTimeBasedTimeOut(1000, true); },
+        [](KMutex& mutex) { return mutex.LockWithSystemTimeBasedTimeOut(1000, false); },
+    };
+    Made<KMutex> mutex;
+    for (const auto way : ways) {
+        bool fgDone = false;
+        const Step lock([&] { fgDone = way(*mutex); });
+        const bool fgHeld = !lock.Failed("pthread_mutex_timedlock");
+        // A time-out cannot be told from success. It unlocks the mutex of whoever holds it, as every failure does.
+        EXPECT_EQ(fgDone, fgHeld || TheOutcome().nError == ETIMEDOUT);
+        if (!mutex.LackedMemory()) {
+            EXPECT_EQ(mutex->TryLock(), !fgHeld);
+        }
+        mutex->Unlock();
+    }
+}
+
 struct Worker : KThread {};
 
 constexpr char kStart[] = "bool KThread::Start(int, KThread::Priority, int, int (*)(void*, void*, int, void*, int))";
@@ -40,11 +71,79 @@ void ThreadRunsAndEnds() {
     EXPECT_TRUE(fgDone);
     const Step stop([&] { fgDone = worker->Stop(); });
     EXPECT_EQ(fgDone, !worker.LackedMemory());
-    EXPECT_FALSE(worker->IsPaused());
+    EXPECT_EQ(worker->GetStatus(), KThread::STOPPED);
     if (stop.Failed("pthread_join")) {
         // It was not waited for, and can be; an object of a derived class must not be destroyed before.
         worker->Stop();
     }
+}
+
+/// A body that ends by itself.
+struct Visitor : KThread {
+    ~Visitor() override { Stop(); }
+    int ThreadMainLoop() override {
+        ++m_nVisits;
+        return 0;
+    }
+    void AwaitEnd() {
+        while (m_nVisits == 0 || GetStatus() != STOPPED) {
+            sched_yield();
+        }
+    }
+
+    std::atomic<int> m_nVisits{0};
+};
+
+void ThreadIsStartedAgain() {
+    Made<Visitor> visitor;
+    bool fgDone = false;
+    visitor->Start(1, KThread::NORMAL, -1, nullptr);
+    if (!visitor.LackedMemory()) {
+        visitor->AwaitEnd();
+    }
+    const Step start([&] { fgDone = visitor->ReStart(1, KThread::HIGH, -1, nullptr); });
+    EXPECT_EQ(fgDone, !visitor.LackedMemory());
+    visitor->Stop();
+    EXPECT_EQ(visitor->m_nVisits, visitor.LackedMemory() ? 0 : start.Failed("pthread_create") ? 1 : 2);
+}
+
+/// The default body, whose third sleep is told to be the last. It is the one piece of the library that runs on a thread of
+/// its own; the thread that made it waits meanwhile.
+struct Sleeper : KThread {
+    ~Sleeper() override { Stop(); }
+
+    int ThreadMainLoop() override {
+        s_pSleeper = this;
+        WhileSleeping([] {
+            if (++s_pSleeper->m_nSleeps == 3) {
+                s_pSleeper->SetStatus(STOPPING);
+            }
+        });
+        const Step loop([&] { m_nResult = KThread::ThreadMainLoop(); });
+        m_fgFailed = loop.Failed("usleep");
+        WhileSleeping(nullptr);
+        m_fgEnded = true;
+        return 0;
+    }
+
+    static inline Sleeper* s_pSleeper = nullptr;
+    int m_nSleeps = 0;
+    int m_nResult = 0;
+    bool m_fgFailed = false;
+    std::atomic<bool> m_fgEnded{false};
+};
+
+void ThreadSleepsInItsLoop() {
+    Sleeper sleeper;
+    sleeper.Start(0, KThread::NORMAL, -1, nullptr);
+    while (!sleeper.m_fgEnded) {
+        sched_yield();
+    }
+    sleeper.Stop();
+    // A sleep that ends early is a short one.
+    EXPECT_EQ(sleeper.m_nSleeps, 3);
+    EXPECT_EQ(sleeper.m_nResult, 1);
+    EXPECT_EQ(sleeper.m_fgFailed, HasFailed());
 }
 
 void ThreadIsForcedToEnd() {
@@ -67,10 +166,19 @@ void ThreadSleeps() {
 
 void LocaleIsChosen() {
     char* pszName = nullptr;
+    const bool fgThere = std::setlocale(LC_ALL, "en_US.UTF-8") != nullptr;
     const Step choose([&] { pszName = KLocale::Init(KLocale::ENGLISH); });
-    EXPECT_TRUE(!choose.Failed("setlocale") || pszName == nullptr);
+    EXPECT_EQ(pszName != nullptr, fgThere && !choose.Failed("setlocale"));
     const Step ask([&] { pszName = KLocale::GetSystemLocale(); });
     EXPECT_EQ(pszName == nullptr, ask.Failed("setlocale"));
+}
+
+bool Store(KSystem::RegistryLevel, const KString& key, const KString& value) {
+    return key == "key" && value == "value";
+}
+bool Fetch(KSystem::RegistryLevel, const KString&, KString& value) {
+    value = "value";
+    return true;
 }
 
 void SystemIsDescribed() {
@@ -85,8 +193,58 @@ void SystemIsDescribed() {
     }
     std::optional<KSystem::OSInformation> info;
     const Step tell([&] { info.emplace(KSystem::GetOSInfo()); });
-    ExpectWholeOr<std::string>(TextOf(info->m_strName), fgDone ? "Linux" : "Undefined", "");
-    KSystem::Deinit();
+    // The defaults are two texts, and then there is the system to ask before there are two others.
+    EXPECT_EQ(TextOf(info->m_strName), !fgDone                                              ? "Undefined"
+                                       : gather.FailedCall() == 4 || tell.FailedCall() == 1 ? ""
+                                                                                            : "Linux");
+    EXPECT_EQ(info->m_strVersion.Length() == 0, gather.FailedCall() == 5 || tell.FailedCall() == 2);
+    const KString name("name");
+    KPath file("file");
+    const Step describe([&] {
+        fgDone = pSystem->SetHWInfo() && pSystem->SetUserInfo() && pSystem->SetDiskInfo() &&
+                 pSystem->SetDefaultStoragePathInfo() && pSystem->SetAppInfo(name, file);
+    });
+    EXPECT_TRUE(fgDone);
+    ExpectLine(describe, true, "AppName: name\n");
+    ExpectLine(describe, true, "Configurefile: file\n");
+    const Step copy([] {
+        KSystem::GetHWInfo();
+        KSystem::GetUserInfo();
+        KSystem::GetStorageInfo();
+        EXPECT_EQ(KSystem::GetAppInfo().m_Arguments.GetCount(), 0);
+    });
+    pSystem->SetRegistryHooks(Store, Fetch);
+    const KString key("key");
+    KString value("value");
+    const Step store([&] { fgDone = pSystem->WriteRegistry(KSystem::REGISTRY_USER, key, value); });
+    EXPECT_TRUE(fgDone);
+    const Step fetch([&] { fgDone = pSystem->ReadRegistry(KSystem::REGISTRY_USER, key, value); });
+    EXPECT_TRUE(fgDone);
+    EXPECT_EQ(TextOf(value), fetch.LackedMemory() ? "" : "value");
+    pSystem->SetRegistryHooks(nullptr, nullptr);
+    const Step end([] { KSystem::Deinit(); });
+}
+
+/// What cannot be copied is made afresh, as lacking as any other. With the checks on no copy is made.
+void CopiesAreMadeAfresh() {
+    if (KAssert::GetActive()) {
+        return;
+    }
+    const KFile file("path", true);
+    const Made<KFile> otherFile(file);
+    EXPECT_EQ(otherFile->GetPath().GetPath().Length(), 0);
+    const KDirectory directory;
+    const Made<KDirectory> otherDirectory(directory);
+    EXPECT_EQ(otherDirectory->GetCount(), 0);
+    const Visitor thread;
+    const Made<KThread> otherThread(thread);
+    EXPECT_EQ(otherThread->GetStatus(), KThread::STOPPED);
+    const KLib library;
+    const Made<KLib> otherLibrary(library);
+    EXPECT_EQ(otherLibrary->GetPath().GetPath().Length(), 0);
+    const KPropertyList list(KString("<plist><dict><key>a</key></dict></plist>"));
+    Made<KPropertyList> otherList(list);
+    EXPECT_EQ(otherList->GetRoot()->GetNodeCount(), 0);
 }
 
 /// The library leaves the process as it found it, whatever fails.
@@ -96,9 +254,10 @@ void LibraryStartsAndEnds() {
     KDebug::Deinit();
     KEntry* pEntry = nullptr;
     const Step start([&] { pEntry = KEntry::Init(0, nullptr); });
-    EXPECT_TRUE(pEntry != nullptr || start.LackedMemory());
-    // The log's buffers are made anew for each line while one of them is lacking.
-    LeavesBlocks(start.LackedMemory() ? 1 : 0);
+    EXPECT_EQ(pEntry == nullptr, start.FailedCall() == 1);
+    // Where the second of the log's buffers is lacking, behind the object, the locale and the first, that one is lost when
+    // the first line makes both anew.
+    LeavesBlocks(start.LackedMemory() && start.FailedCall() == 4 ? 1 : 0);
     const Step end([&] { KEntry::Deinit(); });
     KAssert::SetActive(fgChecks);
     KMem::Init();
@@ -109,6 +268,7 @@ void LibraryStartsAndEnds() {
 
 std::vector<Scenario> ProcessScenarios() {
     return {{"MutexIsLocked", MutexIsLocked, MutexRefusalsAnd({})},
+            {"MutexIsLockedInTime", MutexIsLockedInTime, MutexRefusalsAnd({})},
             {"ThreadRunsAndEnds",
              ThreadRunsAndEnds,
              {std::string("calloc in ") + kStart + ": pInfo",
@@ -116,6 +276,13 @@ std::vector<Scenario> ProcessScenarios() {
               std::string("pthread_attr_getschedparam in ") + kStart + ": nRet == 0",
               std::string("pthread_create in ") + kStart + ": nRet == 0",
               "pthread_attr_destroy in bool KThread::Stop(): nRet == 0"}},
+            {"ThreadIsStartedAgain",
+             ThreadIsStartedAgain,
+             {std::string("calloc in ") + kStart + ": pInfo",
+              std::string("pthread_attr_getschedparam in ") + kStart + ": nRet == 0",
+              std::string("pthread_create in ") + kStart + ": nRet == 0",
+              "pthread_attr_destroy in bool KThread::Stop(): nRet == 0"}},
+            {"ThreadSleepsInItsLoop", ThreadSleepsInItsLoop, {}},
             {"ThreadIsForcedToEnd",
              ThreadIsForcedToEnd,
              {std::string("calloc in ") + kStart + ": pInfo", "pthread_attr_destroy in bool KThread::Stop(): nRet == 0",
@@ -125,10 +292,12 @@ std::vector<Scenario> ProcessScenarios() {
              ThreadSleeps,
              {"calloc in bool KThread::Stop(): pInfo", "pthread_attr_destroy in bool KThread::Stop(): nRet == 0"}},
             {"LocaleIsChosen", LocaleIsChosen, {}},
-            {"SystemIsDescribed", SystemIsDescribed, {"uname in bool KSystem::SetOSInfo(): 0"}},
+            {"SystemIsDescribed", SystemIsDescribed, MutexRefusalsAnd({"uname in bool KSystem::SetOSInfo(): 0"})},
+            {"CopiesAreMadeAfresh", CopiesAreMadeAfresh, {}},
             {"LibraryStartsAndEnds",
              LibraryStartsAndEnds,
              {"uname in bool KSystem::SetOSInfo(): 0", "calloc in static void KMem::Deinit(): g_pMemInfoContainer"},
+             true,
              true}};
 }
 

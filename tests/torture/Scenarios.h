@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "KMem.h"
 #include "KString.h"
@@ -20,20 +21,18 @@ inline std::string TextOf(const KString& text) {
     return std::string(text.GetBuffer(), static_cast<std::size_t>(text.Length()));
 }
 
+inline std::vector<std::string> TextsOf(const KList<KString>& list) {
+    std::vector<std::string> texts;
+    for (int i = 0; i < list.GetCount(); ++i) {
+        texts.push_back(TextOf(*list[i]));
+    }
+    return texts;
+}
+
 /// Ends the registry, whatever earlier scenarios of this process left in it.
 inline void DropRegistry() {
     const support::ScopedChecks checks(false);
     KMem::Deinit();
-}
-
-/// Expects a whole result, or where memory was lacking in this run, another one.
-template <typename Value>
-void ExpectWholeOr(const Value& value, const Value& whole, const Value& without) {
-    if (HasLackedMemory()) {
-        EXPECT_THAT(value, testing::AnyOf(whole, without));
-    } else {
-        EXPECT_EQ(value, whole);
-    }
 }
 
 /// An object that is made and destroyed by steps of a scenario.
@@ -41,10 +40,8 @@ template <typename T>
 class Made {
  public:
     template <typename... Arguments>
-    explicit Made(Arguments&&... arguments) {
-        const Step make([&] { m_Object.emplace(std::forward<Arguments>(arguments)...); });
-        m_fgLackedMemory = make.LackedMemory();
-    }
+    explicit Made(Arguments&&... arguments)
+        : m_Making([&] { m_Object.emplace(std::forward<Arguments>(arguments)...); }) {}
     ~Made() {
         const Step destroy([&] { m_Object.reset(); });
     }
@@ -53,12 +50,22 @@ class Made {
 
     T& operator*() { return *m_Object; }
     T* operator->() { return &*m_Object; }
-    bool LackedMemory() const { return m_fgLackedMemory; }
+    const T* operator->() const { return &*m_Object; }
+    /// The step that made it.
+    const Step& Making() const { return m_Making; }
+    bool LackedMemory() const { return m_Making.LackedMemory(); }
 
  private:
-    std::optional<T> m_Object;
-    bool m_fgLackedMemory = false;
+    std::optional<T> m_Object;  // before the step that fills it
+    Step m_Making;
 };
+
+/// Whether a step's failures are told by a line that begins like this; lost only where the line itself could not be written.
+inline void ExpectLine(const Step& step, bool fgWanted, const std::string& line) {
+    if (!step.LostItsLine() && !step.Failed("vsnprintf")) {
+        EXPECT_EQ(step.Logged(line), fgWanted) << step.Log();
+    }
+}
 
 }  // namespace torture
 
