@@ -191,7 +191,7 @@ TEST_P(RacesTest, AListNeitherLosesNorDoublesAnElement) {
     KList<int> list;
     std::atomic<long long> nTaken(0);
     std::atomic<int> nCount(0);
-    const int nRounds = Rounds(24000);
+    const int nRounds = Rounds(16000);
     Hammer(Threads(), [&](int nThread) {
         for (int i = 0; i < nRounds; ++i) {
             EXPECT_TRUE(list.Add(nThread * nRounds + i));
@@ -218,7 +218,7 @@ TEST_P(RacesTest, AListIsCopiedAsItWasAtOneMoment) {
     // Elements come in pairs of neighbours under the list's lock, and go all at once.
     KList<KString> list;
     Hammer(Threads(), [&](int nThread) {
-        for (int i = 0; i < Rounds(8000); ++i) {
+        for (int i = 0; i < Rounds(4800); ++i) {
             if (nThread % 2 == 0) {
                 if (i % 40 == 0) {
                     list.Reset();
@@ -247,7 +247,7 @@ TEST_P(RacesTest, AListIsPutInOrderUnderThoseWhoReadIt) {
         list.Add(i);
     }
     Hammer(Threads(), [&](int nThread) {
-        for (int i = 0; i < Rounds(16000); ++i) {
+        for (int i = 0; i < Rounds(9600); ++i) {
             const int nIndex = i % kLength;
             if (nThread % 2 == 0) {
                 EXPECT_TRUE(list.Arrange([&](int** ppFirst, int nCount) {
@@ -392,7 +392,7 @@ TEST_P(RacesTest, ABufferOfAQueueBelongsToOneThreadAtATime) {
     KManagedDynamicDataQueue::Create(nQueue, kBuffers);
     KManagedDynamicDataQueue& queue = *KManagedDynamicDataQueue::GetInstance(nQueue);
     std::atomic<int> nWritten(0), nRead(0), nWrong(0);
-    const int nRounds = Rounds(16000);
+    const int nRounds = Rounds(12000);
     Hammer(Threads(), [&](int nThread) {
         for (int i = 0; i < nRounds; ++i) {
             if (KDynamicDataBuffer* const pBuffer = queue.PopWrite()) {
@@ -602,7 +602,7 @@ TEST_P(RacesTest, RecordsOfAFileAreWrittenAndReadWhole) {
 TEST_P(RacesTest, NodesAreAddedAndCountedWhole) {
     const support::ScopedChecks checks(false);
     support::Tree tree;
-    const int nRounds = Rounds(3200);
+    const int nRounds = Rounds(2400);
     Hammer(Threads(), [&](int nThread) {
         int nBefore = 0;
         for (int i = 0; i < nRounds; ++i) {
@@ -675,7 +675,7 @@ TEST_P(RacesTest, ATreeIsReadByAllThreadsAtOnce) {
         KList<KString> path;
         path.Add(KString("Camera"));
         path.Add(KString("Name"));
-        for (int i = 0; i < Rounds(8000); ++i) {
+        for (int i = 0; i < Rounds(4800); ++i) {
             KPropertyNode** const ppName = read.Root().GetNode(path);
             ASSERT_NE(ppName, nullptr);
             KPropertyNode** const ppText = (*ppName)->GetNode(0);
@@ -692,7 +692,7 @@ struct Worker : KThread {
 
 TEST_P(RacesTest, ThreadsEndHoweverTheyArePausedMeanwhile) {
     Hammer(Threads(), [&](int) {
-        for (int i = 0; i < Rounds(240); ++i) {
+        for (int i = 0; i < Rounds(160); ++i) {
             Worker worker;
             EXPECT_TRUE(worker.Start(0, KThread::NORMAL, -1, nullptr));
             std::thread meddler([&worker] {
@@ -819,7 +819,7 @@ TEST_P(RacesTest, ASettingGoesToOneStoreWhileTheyAreExchanged) {
     Hammer(Threads(), [&](int nThread) {
         const std::string name = "key " + std::to_string(nThread);
         const KString key(name.c_str());
-        for (int i = 0; i < Rounds(32000); ++i) {
+        for (int i = 0; i < Rounds(16000); ++i) {
             if (i % 4 == nThread % 4) {
                 ConnectStore(system, i + nThread);
             }
@@ -1035,7 +1035,7 @@ TEST_P(RacesTest, LocksAreTakenInOneOrder) {
     const ScopedLog written;
     const support::ScopedChecks checks(false);
     const support::ScopedDirectory directory;
-    const int nRounds = Rounds(800);
+    const int nRounds = Rounds(480);
     int nReceived = 0;
     const std::string log = support::StderrOf([&] {
         AllLocks locks(directory.Entry("file"));
