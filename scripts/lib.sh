@@ -66,7 +66,8 @@ is_preset() {
 packages_of() {
     # What looks at the built library, at its packages and at the documentation.
     local inspection="abigail-tools lintian dpkg-dev file python3 pkg-config"
-    echo "${BUILD_PACKAGES[*]} googletest"
+    # From the sources in locales a test makes the locales that it needs.
+    echo "${BUILD_PACKAGES[*]} googletest locales"
     case $1 in
         dev | release) echo "libbenchmark-dev clang clang-format ${inspection} gdb doxygen valgrind ${CAMERA_PACKAGES[*]}" ;;
         clang) echo "libbenchmark-dev pkg-config clang clang-format ${CAMERA_PACKAGES[*]}" ;;

@@ -14,12 +14,14 @@
 #include <cstddef>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <type_traits>
 #include <vector>
 
 #include "KIPC.h"
 #include "support/FailingNew.h"
+#include "support/HeapUse.h"
 #include "support/Interpose.h"
 #include "support/LogLines.h"
 #include "support/Process.h"
@@ -359,6 +361,27 @@ TEST(KIPCTest, ANewObjectIsASharedMemoryClientOfChannelZeroThatIsNotCreated) {
     EXPECT_FALSE(channel.IsCreated());
     EXPECT_EQ(channel.GetSharedMemory(), nullptr);
     channel.SetType(KIPC::UNSUPPORTED);  // Its end must not close descriptor 0.
+}
+
+TEST(KIPCTest, OfADestroyedChannelTheRecordStaysAndNothingElse) {
+    struct Record {
+        int nShared;
+        void* pMapped;
+        int nSocket;
+        sockaddr_un address;
+    };
+    std::vector<std::unique_ptr<Record>> kept;
+    kept.reserve(1000);
+    const auto keepTwo = [&kept] {
+        kept.push_back(std::make_unique<Record>());
+        kept.push_back(std::make_unique<Record>());
+    };
+    EXPECT_EQ(support::BytesLeftBy([] {
+                  KIPC channel;
+                  channel.SetType(KIPC::UNSUPPORTED);  // Or its end closes descriptor 0.
+                  const KIPC copy(channel);
+              }),
+              support::BytesLeftBy(keepTwo));
 }
 
 TEST(KIPCTest, TheAccessorsStoreWhatTheyAreGivenAndReturnTrue) {

@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "KNet.h"
+#include "support/Descriptors.h"
 #include "support/FailingNew.h"
 #include "support/Hosts.h"
 #include "support/Interpose.h"
@@ -41,7 +42,9 @@ namespace {
 
 using support::Host;
 using support::InANetwork;
+using support::IsOpen;
 using support::Network;
+using support::OpenDescriptors;
 using support::ScopedCalls;
 using support::ScopedChecks;
 using support::ScopedLevel;
@@ -256,27 +259,8 @@ std::string TextOf(const KString& text) {
     return std::string(text.GetBuffer(), static_cast<std::size_t>(text.Length()));
 }
 
-bool IsOpen(int nDescriptor) {
-    return fcntl(nDescriptor, F_GETFD) != -1;
-}
-
 bool IsNonBlocking(const KNet& net) {
     return (fcntl(net.GetSocket(), F_GETFL) & O_NONBLOCK) != 0;
-}
-
-std::vector<int> OpenDescriptors() {
-    std::vector<int> descriptors;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        const int nDescriptor = std::stoi(entry.path().filename().string());
-        if (IsOpen(nDescriptor)) {
-            descriptors.push_back(nDescriptor);
-        }
-    }
-    // The one of the walk itself is closed by now.
-    descriptors.erase(std::remove_if(descriptors.begin(), descriptors.end(), [](int n) { return !IsOpen(n); }),
-                      descriptors.end());
-    std::sort(descriptors.begin(), descriptors.end());
-    return descriptors;
 }
 
 int Option(int nSocket, int nLevel, int nOption) {

@@ -25,7 +25,8 @@ const char* __ubsan_default_options() {
     return "halt_on_error=1:print_stacktrace=1";
 }
 const char* __tsan_default_options() {
-    return "halt_on_error=1:second_deadlock_stack=1:allocator_may_return_null=1" KALVOREN_TSAN_OPTIONS;
+    return "halt_on_error=1:detect_deadlocks=1:second_deadlock_stack=1:"
+           "allocator_may_return_null=1" KALVOREN_TSAN_OPTIONS;
 }
 }
 // NOLINTEND(bugprone-reserved-identifier)
