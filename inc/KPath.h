@@ -113,7 +113,8 @@ class KALVOREN_API KPath {
     KString GetExt() const;
 
     /// Sets the extension. A path without one gets a dot and @p ext. Otherwise the old extension's text is replaced
-    /// @b wherever @b it @b occurs in the path: "txtfile.txt" with "log" becomes "logfile.log". Returns true.
+    /// @b wherever @b it @b occurs in the path: "txtfile.txt" with "log" becomes "logfile.log". Where memory is lacking to
+    /// look at the old one, the path counts as without. Returns true.
     bool SetExt(const KString& ext);
 
     // ---------------------------------------------------------------------------------------------- Rendering

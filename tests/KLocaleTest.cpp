@@ -82,19 +82,19 @@ KLocale::LocalSupport LanguageOf(int nValue) {
 }  // namespace
 
 /// Stands in front of libc's setlocale.
-extern "C" char* setlocale(int nCategory, const char* pszName) noexcept {
+extern "C" char* setlocale(int nCategory, const char* pszLocale) noexcept {
     if (g_pCalls != nullptr) {
-        g_pCalls->push_back({nCategory, pszName != nullptr ? std::optional<std::string>(pszName) : std::nullopt});
+        g_pCalls->push_back({nCategory, pszLocale != nullptr ? std::optional<std::string>(pszLocale) : std::nullopt});
     }
     switch (g_eAnswer) {
         case Answer::kFixedText:
             return g_szFixedText;
         case Answer::kMissingLocale:
-            return NextSetLocale(nCategory, pszName != nullptr ? "no_such_locale.NONE" : nullptr);
+            return NextSetLocale(nCategory, pszLocale != nullptr ? "no_such_locale.NONE" : nullptr);
         case Answer::kPassOn:
             break;
     }
-    return NextSetLocale(nCategory, pszName);
+    return NextSetLocale(nCategory, pszLocale);
 }
 
 TEST(KLocaleTest, TheLanguagesHaveTheirValues) {
