@@ -19,7 +19,8 @@ if [[ ! -s ${source}/abi/${architecture}.xml ]]; then
     skip "there is no baseline for ${architecture}"
 fi
 command -v abidiff >/dev/null || skip "abidiff is not installed"
-"${readelf}" --sections --wide "${library}" | grep -q ' \.debug_info ' || skip "there is no debug information"
+sections=$("${readelf}" --sections --wide "${library}")
+grep -q ' \.debug_info ' <<<"${sections}" || skip "there is no debug information"
 
 # Whatever abidiff reports counts: it cannot tell which change is harmless to programs, and none is expected.
 if ! abidiff --leaf-changes-only --harmless --no-show-locs "${source}/abi/${architecture}.xml" "${library}"; then
