@@ -199,7 +199,8 @@ int KMessageHandler::SendMessage(const KString& name, const KMessage& message) {
     const ScopedLock lock(g_Mutex);
     const Index::Entry* pEntry = g_Index.Find(Digest(name), name);
     const std::uint64_t nGroup = pEntry != g_Index.end() ? pEntry->nGroup : 0;
-    for (; pEntry != g_Index.end(); ++pEntry) {
+    // Nobody registers before the message is through: the registry is locked.
+    for (const Index::Entry* const pEnd = g_Index.end(); pEntry != pEnd; ++pEntry) {
         if (pEntry->nGroup == nGroup && pEntry->pHandler != nullptr) {
             pEntry->pHandler->HandleMessage(message);
         }
