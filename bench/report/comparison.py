@@ -212,7 +212,9 @@ def section(directory, notes, plot):
             "copied, libc does so without the processor's own instruction: without these two settings the same row differs by a",
             "factor from one run to the next. The kernel's work of clearing fresh pages, 2 KB for each entry of a directory, comes",
             "on top in a process with libc's own settings. The registry of allocations is counted whole, untouched address space",
-            "included; what of it is touched is in [Footprint](footprint.md)."),
+            "included; what of it is touched is in [Footprint](footprint.md). From one run of all",
+            "this to the next most rows differ by a tenth, and those that hang on the caches by up to a half: a row that is near its",
+            "goal meets it in one run and misses it in the next."),
         *paragraph(f"{met} rows meet their goal.",
                    f"Missed, with the reasons below the tables: {'; '.join(missed)}." if missed else "None misses it.")]
     if plot:
