@@ -9,7 +9,7 @@ NANOSECONDS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 def shown_time(nanoseconds):
     for unit, factor in (("ns", 1.0), ("µs", 1e3), ("ms", 1e6), ("s", 1e9)):
-        if nanoseconds < 1000 * factor or unit == "s":
+        if nanoseconds < 999.5 * factor or unit == "s":
             return f"{nanoseconds / factor:.3g} {unit}"
     return ""
 
@@ -20,7 +20,7 @@ def shown_size(number):
 
 def shown_bytes(number):
     for unit, factor in (("B", 1), ("KiB", 1024), ("MiB", 1024 * 1024)):
-        if number < 1024 * factor or unit == "MiB":
+        if number < 999.5 * factor or unit == "MiB":
             return f"{number / factor:.3g} {unit}"
     return ""
 
