@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "KIPC.h"
+#include "support/Descriptors.h"
 #include "support/FailingNew.h"
 #include "support/HeapUse.h"
 #include "support/Interpose.h"
@@ -33,6 +34,7 @@ namespace {
 using support::ChildProcess;
 using support::Gate;
 using support::InChildProcess;
+using support::IsOpen;
 using support::LogOf;
 using support::ScopedCalls;
 using support::ScopedChecks;
@@ -248,10 +250,6 @@ int NextDescriptor() {
     const int nDescriptor = open("/dev/null", O_RDONLY);
     close(nDescriptor);
     return nDescriptor;
-}
-
-bool IsOpen(int nDescriptor) {
-    return fcntl(nDescriptor, F_GETFD) != -1;
 }
 
 /// Puts something at descriptor 0 that may be closed.

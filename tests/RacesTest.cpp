@@ -88,25 +88,39 @@ class RacesTest : public testing::TestWithParam<int> {
     }
 };
 
+/// Sees whether threads pass one at a time. Its numbers are plain ones, so that they go wrong where two do at once.
+class Gateway {
+ public:
+    void Pass() {
+        m_fgAlone = m_fgAlone && ++m_nInside == 1;
+        ++m_nPassed;
+        --m_nInside;
+    }
+    void ExpectPassedAlone(int nTimes) const {
+        EXPECT_TRUE(m_fgAlone);
+        EXPECT_EQ(m_nPassed, nTimes);
+    }
+
+ private:
+    int m_nInside = 0;
+    int m_nPassed = 0;
+    bool m_fgAlone = true;
+};
+
 TEST_P(RacesTest, AMutexLetsOneThreadInAtATime) {
     KMutex mutex;
-    int nInside = 0;
-    int nSum = 0;
-    bool fgAlone = true;
+    Gateway gateway;
     const int nRounds = Rounds(200000);
     Hammer(Threads(), [&](int) {
         for (int i = 0; i < nRounds; ++i) {
             if (i % 4 != 0 || !mutex.TryLock()) {
                 mutex.Lock();
             }
-            fgAlone = fgAlone && ++nInside == 1;
-            ++nSum;
-            --nInside;
+            gateway.Pass();
             mutex.Unlock();
         }
     });
-    EXPECT_TRUE(fgAlone);
-    EXPECT_EQ(nSum, nRounds * Threads());
+    gateway.ExpectPassedAlone(nRounds * Threads());
 }
 
 /// A time-out for a mutex's timed forms that ends hours from now, whatever the 32 bits of their clock say: these are 36
@@ -118,9 +132,7 @@ long long HoursAhead() {
 
 TEST_P(RacesTest, ATimedLockWithTimeAheadLetsOneThreadInAtATime) {
     KMutex mutex;
-    int nInside = 0;
-    int nSum = 0;
-    bool fgAlone = true;
+    Gateway gateway;
     const int nRounds = Rounds(100000);
     Hammer(Threads(), [&](int nThread) {
         for (int i = 0; i < nRounds; ++i) {
@@ -132,14 +144,11 @@ TEST_P(RacesTest, ATimedLockWithTimeAheadLetsOneThreadInAtATime) {
             } else {
                 EXPECT_TRUE(mutex.LockWithTimeOut(HoursAhead()));
             }
-            fgAlone = fgAlone && ++nInside == 1;
-            ++nSum;
-            --nInside;
+            gateway.Pass();
             mutex.Unlock();
         }
     });
-    EXPECT_TRUE(fgAlone);
-    EXPECT_EQ(nSum, nRounds * Threads());
+    gateway.ExpectPassedAlone(nRounds * Threads());
 }
 
 TEST_P(RacesTest, TheSwitchOfTheChecksIsSeenByAllThreads) {

@@ -183,8 +183,7 @@ def job_section(results, job, notes):
     return section, marks
 
 
-def section(directory, notes, plot):
-    results = Results(directory)
+def section(results, notes, plot):
     if not results.samples:
         return None
     unknown = sorted(set(results.samples) - set(GOALS))
@@ -206,9 +205,9 @@ def section(directory, notes, plot):
             f"{results.context['num_cpus']} processors, {results.context['date'][:10]}. Times are of the processor, or of the",
             "wall clock where several threads or processes take part. All of a row are measured one behind the other; in brackets:",
             "how many times the library's time of the same repetition, the median of that, by which the goals go. \"Limit\" is what",
-            "the bare calls take that it names. Below the times: the most memory that the job had allocated at once; where a program is started, its resident memory, and by how much it grows between",
-            "the first line of its main function and the end of the start. A size is the n of the job's name, or bytes. The log's",
-            "level is 3, except where lines are what is measured. What a job frees stays with its process, and where long texts are",
+            "the bare calls take that it names. Below the times: the most memory that the job had allocated at once; where a program",
+            "is started, its resident memory, and by how much it grows between the first line of its main function and the end of",
+            "the start. A size is the n of the job's name, or bytes. The log's level is 3, except where lines are what is measured. What a job frees stays with its process, and where long texts are",
             "copied, libc does so without the processor's own instruction: without these two settings the same row differs by a",
             "factor from one run to the next. The kernel's work of clearing fresh pages, 2 KB for each entry of a directory, comes",
             "on top in a process with libc's own settings. The registry of allocations is counted whole, untouched address space",
@@ -242,9 +241,9 @@ def growing(title):
     return "registrations" if title.startswith("dispatch") else "n"
 
 
-def draw(directory, file):
+def draw(results, file):
     plt = plotter()
-    found = curves(Results(directory))
+    found = curves(results)
     if not found:
         return False
     columns = 3

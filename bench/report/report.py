@@ -34,13 +34,14 @@ def main():
     if len(sys.argv) not in (3, 4):
         sys.exit("report.py: wrong arguments")
     results, target = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2])
+    compared = comparison.Results(results / "peers")
     plot = camera_plot = None
     if len(sys.argv) == 4:
         plot, camera_plot = (pathlib.Path(sys.argv[3] + ending) for ending in (".svg", "-camera.svg"))
-        plot = plot.name if comparison.draw(results / "peers", plot) else None
+        plot = plot.name if comparison.draw(compared, plot) else None
         camera_plot = camera_plot.name if camera_cost.draw(results / "camera.json", camera_plot) else None
     notes = read_sections(pathlib.Path(__file__).with_name("notes.md"))  # why goals are missed
-    made = {comparison: comparison.section(results / "peers", notes, plot),
+    made = {comparison: comparison.section(compared, notes, plot),
             logging_cost: logging_cost.section(results / "log"),
             camera_cost: camera_cost.section(results / "camera.json", camera_plot),
             instruction_cost: instruction_cost.section(results / "instructions.json")}
