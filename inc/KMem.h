@@ -31,10 +31,11 @@ class KALVOREN_API KMem {
  public:
     // ------------------------------------------------------------------------------------------------- Registry
 
-    /// Makes the registry. Returns false when it exists already. The first entry makes it too.
+    /// Makes the registry, in memory straight from the system (`mmap`). Returns false when it exists already, and when
+    /// the memory is lacking. The first entry makes it too.
     static bool Init();
 
-    /// Writes the leak report and drops the registry. Checks "g_pMemInfoContainer": there must be one; with the
+    /// Writes the leak report and drops the registry (`munmap`). Checks "g_pMemInfoContainer": there must be one; with the
     /// checks off nothing happens without.
     ///
     /// For each place number, first an object then a block left there gives the log line

@@ -252,6 +252,9 @@ class KALVOREN_API KString {
     KALVOREN_LOCAL void Adopt(tchar* pszString, int nLen);
     KALVOREN_LOCAL void AssignText(const char* p, std::size_t nLen);
     KALVOREN_LOCAL void Append(const char* p, int n);
+    KALVOREN_LOCAL void Shorten(int nLen);
+
+    friend class KPath;
 
     int m_nLen;
     tchar* m_pszString;

@@ -134,7 +134,7 @@ KPath KPath::GetSubPath() const {
     KPath name;
     const int nSlash = m_Path.FindR(kSlash, 0);
     if (nSlash >= 0) {
-        name.m_Path = m_Path.Sub(nSlash + 1, m_Path.Length());
+        name.m_Path.AssignText(m_Path.GetBuffer() + nSlash + 1, static_cast<std::size_t>(m_Path.Length() - nSlash - 1));
         name.m_Path.Replace(kBackslash, kSlash);
     }
     return name;
@@ -142,18 +142,21 @@ KPath KPath::GetSubPath() const {
 
 bool KPath::RemoveSubPath() {
     const int nSlash = m_Path.FindR(kSlash, 0);
-    if (nSlash >= 0) {
-        m_Path = m_Path.Sub(0, nSlash);
+    // In "/abc" the slash stays, and with it what follows.
+    if (nSlash > 0) {
+        m_Path.Shorten(nSlash);
     }
     return true;
 }
 
 KString KPath::GetExt() const {
-    const int nDot = m_Path.FindR('.', 0);
-    if (nDot <= 0 || nDot < m_Path.FindR(kSlash, 0)) {
-        return KString();
+    // An extension is short: to look at each byte takes less than two searches.
+    for (int i = m_Path.Length() - 1; i > 0 && m_Path[i] != kSlash; --i) {
+        if (m_Path[i] == '.') {
+            return m_Path.Sub(i + 1, m_Path.Length());
+        }
     }
-    return m_Path.Sub(nDot + 1, m_Path.Length());
+    return KString();
 }
 
 bool KPath::SetExt(const KString& ext) {

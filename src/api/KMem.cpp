@@ -1,5 +1,7 @@
 #include "KMem.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <climits>
 #include <cstdint>
@@ -258,12 +260,16 @@ bool KMem::Init() {
     if (g_pMemInfoContainer != nullptr) {
         return false;
     }
-    // Straight from the system's zero pages: filling it would touch megabytes that most programs never use.
-    g_pMemInfoContainer = static_cast<MemInfoContainer*>(std::calloc(1, sizeof(MemInfoContainer)));
-    if (g_pMemInfoContainer != nullptr) {
-        g_pMemInfoContainer->mnReady = 1;
+    // Straight from the system: calloc, once it has freed a block of this size, takes the next from its own store, and
+    // clears megabytes that most programs never use.
+    void* const pZeroed =
+        mmap(nullptr, sizeof(MemInfoContainer), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (pZeroed == MAP_FAILED) {
+        return false;
     }
-    return g_pMemInfoContainer != nullptr;
+    g_pMemInfoContainer = static_cast<MemInfoContainer*>(pZeroed);
+    g_pMemInfoContainer->mnReady = 1;
+    return true;
 }
 
 void KMem::Deinit() {
@@ -281,7 +287,7 @@ void KMem::Deinit() {
         }
     }
     g_Checks.Hold(registry.mnInstanceCount == 0, "g_pMemInfoContainer->mnInstanceCount == 0", pszSignature);
-    std::free(g_pMemInfoContainer);
+    munmap(g_pMemInfoContainer, sizeof(MemInfoContainer));
     g_pMemInfoContainer = nullptr;
 }
 

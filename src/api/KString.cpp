@@ -220,6 +220,12 @@ void KString::Append(const char* p, int n) {
     m_pszString = pszGrown;
 }
 
+/// Drops what is behind the first bytes of the text. The buffer stays.
+void KString::Shorten(int nLen) {
+    m_nLen = nLen;
+    m_pszString[nLen] = '\0';
+}
+
 KString::KString() : m_nLen(0), m_pszString(nullptr) {}
 
 /// A string without a buffer before takes one.

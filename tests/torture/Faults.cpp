@@ -66,6 +66,7 @@ thread_local void (*t_pWhileSleeping)() = nullptr;
 Fault g_Fault = {0, 0};
 int g_nCalls = 0;
 std::size_t g_nLeftBlocks = 0;
+std::size_t g_nLeftMappings = 0;
 std::size_t g_nLeftDescriptors = 0;
 
 // Never destroyed: the library's own objects go later than the test's.
@@ -987,6 +988,7 @@ void Begin(const Fault& fault, bool fgMayBeRefused) {
     g_Fault = fault;
     g_nCalls = 0;
     g_nLeftBlocks = 0;
+    g_nLeftMappings = 0;
     g_nLeftDescriptors = 0;
     SharedOutcome() = Outcome();
     SharedOutcome().fgMayBeRefused = fgMayBeRefused;
@@ -1012,6 +1014,14 @@ void LeavesBlocks(std::size_t nBlocks) {
 
 std::size_t LeftBlocks() {
     return g_nLeftBlocks;
+}
+
+void LeavesMappings(std::size_t nMappings) {
+    g_nLeftMappings += nMappings;
+}
+
+std::size_t LeftMappings() {
+    return g_nLeftMappings;
 }
 
 void LeavesDescriptors(std::size_t nDescriptors) {

@@ -63,7 +63,9 @@ Holdings TakeStock();
 /// Says that a run leaves exactly so many blocks of memory behind, where the library says that it does.
 void LeavesBlocks(std::size_t nBlocks);
 std::size_t LeftBlocks();
-/// As LeavesBlocks(), for descriptors.
+/// As LeavesBlocks(), for what is mapped, and for descriptors.
+void LeavesMappings(std::size_t nMappings);
+std::size_t LeftMappings();
 void LeavesDescriptors(std::size_t nDescriptors);
 std::size_t LeftDescriptors();
 /// Takes a block out of the account that the test itself frees.

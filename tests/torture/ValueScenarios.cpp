@@ -505,7 +505,7 @@ void RegistryIsMade() {
     DropRegistry();
     bool fgMade = false;
     const Step make([&] { fgMade = KMem::Init(); });
-    EXPECT_EQ(fgMade, !make.LackedMemory());
+    EXPECT_EQ(fgMade, !make.Failed("mmap"));
     void* pBlock = nullptr;
     // Made now, where it was lacking.
     const Step use([&] { pBlock = KMem::Malloc(8); });
