@@ -91,14 +91,14 @@ void DebugKalvoren(benchmark::State& state) {
 }
 BENCHMARK(DebugKalvoren)->Name("log a line without a stamp|Kalvoren: Debug")->Apply(Targets);
 
-void LineLimit(benchmark::State& state) {
+void LineStdio(benchmark::State& state) {
     const Redirected redirected(state);
     int nStream = 0;
     for (auto _ : state) {
         std::fprintf(stderr, "Error****: stream %d: %s\n", ++nStream, kText);
     }
 }
-BENCHMARK(LineLimit)->Name("log a line without a stamp|limit: fprintf")->Apply(Targets);
+BENCHMARK(LineStdio)->Name("log a line without a stamp|fprintf")->Apply(Targets);
 
 void LogKalvoren(benchmark::State& state) {
     const Redirected redirected(state);

@@ -108,6 +108,14 @@ class KalvorenLocal {
     KIPC::IPCData m_Data = {};
 };
 
+ssize_t ReceiveBytes(int nSocket, void* pBytes, std::size_t nSize) {
+    return recv(nSocket, pBytes, nSize, 0);
+}
+ssize_t SendBytes(int nSocket, const void* pBytes, std::size_t nSize) {
+    return send(nSocket, pBytes, nSize, 0);
+}
+
+template <ssize_t (*ReceiveCall)(int, void*, std::size_t), ssize_t (*SendCall)(int, const void*, std::size_t)>
 class Bare {
  public:
     Bare(const Bare&) = delete;
@@ -130,14 +138,14 @@ class Bare {
 
  private:
     static int Put(int nSocket, const char* pBytes, int nSize) {
-        return static_cast<int>(send(nSocket, pBytes, static_cast<std::size_t>(nSize), 0));
+        return static_cast<int>(SendCall(nSocket, pBytes, static_cast<std::size_t>(nSize)));
     }
     static int Get(int nSocket, char* pBytes, int nSize) {
-        return static_cast<int>(recv(nSocket, pBytes, static_cast<std::size_t>(nSize), 0));
+        return static_cast<int>(ReceiveCall(nSocket, pBytes, static_cast<std::size_t>(nSize)));
     }
 };
 
-class BareTcp : public Bare {
+class BareTcp : public Bare<ReceiveBytes, SendBytes> {
  public:
     BareTcp() {
         const int nServer = socket(AF_INET, SOCK_STREAM, 0);
@@ -157,15 +165,25 @@ class BareTcp : public Bare {
     }
 };
 
-class BareLocal : public Bare {
+/// As the library's channel: a socket with a name, and read and write.
+class BareLocal : public Bare<read, write> {
  public:
     BareLocal() {
-        int nEnds[2] = {-1, -1};
-        if (socketpair(AF_UNIX, SOCK_STREAM, 0, nEnds) == 0) {
-            m_nClient = nEnds[0];
-            m_nPeer = nEnds[1];
+        const int nServer = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        (m_Directory.Path() + "/socket").copy(address.sun_path, sizeof address.sun_path - 1);
+        bind(nServer, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        listen(nServer, 1);
+        m_nClient = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (connect(m_nClient, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+            m_nPeer = accept(nServer, nullptr, nullptr);
         }
+        close(nServer);
     }
+
+ private:
+    ScratchDirectory m_Directory;
 };
 
 #ifdef KALVOREN_PEER_POCO
@@ -246,7 +264,7 @@ void Stream(benchmark::State& state) {
 }
 
 BENCHMARK_TEMPLATE(Echo, KalvorenLocal, sizeof(KIPC::IPCData))->Name("a 520-byte record there and back|Kalvoren");
-BENCHMARK_TEMPLATE(Echo, BareLocal, sizeof(KIPC::IPCData))->Name("a 520-byte record there and back|limit: send, recv");
+BENCHMARK_TEMPLATE(Echo, BareLocal, sizeof(KIPC::IPCData))->Name("a 520-byte record there and back|limit: write, read");
 BENCHMARK_TEMPLATE(Echo, KalvorenTcp, 64)->Name("64 bytes over TCP and back|Kalvoren");
 BENCHMARK_TEMPLATE(Echo, BareTcp, 64)->Name("64 bytes over TCP and back|limit: send, recv");
 BENCHMARK_TEMPLATE(Stream, KalvorenTcp)->Name("64 KiB over TCP|Kalvoren");

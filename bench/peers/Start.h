@@ -21,8 +21,8 @@ inline long ResidentKilobytes() {
     return nKilobytes;
 }
 
-/// A program's main function. With the argument --memory it prints the memory before the library is started, while it is
-/// and after it was stopped.
+/// A program's main function. With the argument --memory it prints the memory before the library is started, while it is,
+/// after it was stopped, and while it is started once more.
 template <class Start, class Stop>
 int StartAndStop(int argc, char** argv, Start start, Stop stop) {
     if (argc != 2 || std::strcmp(argv[1], "--memory") != 0) {
@@ -35,7 +35,11 @@ int StartAndStop(int argc, char** argv, Start start, Stop stop) {
     start();
     const long nStarted = ResidentKilobytes();
     stop();
-    std::printf("%ld %ld %ld\n", nBefore, nStarted, ResidentKilobytes());
+    const long nStopped = ResidentKilobytes();
+    start();
+    const long nAgain = ResidentKilobytes();
+    stop();
+    std::printf("%ld %ld %ld %ld\n", nBefore, nStarted, nStopped, nAgain);
     return 0;
 }
 

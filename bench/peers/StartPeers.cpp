@@ -17,13 +17,14 @@
 
 namespace {
 
-/// The memory of a run beside its time, in counters: what the process has while the library is started, and what of that
-/// came with the start.
+/// The memory of a run beside its time, in counters: what the process has while the library is started, what of that came
+/// with the start, and what it has more than before while the library is started again.
 void CountMemory(benchmark::State& state, const std::string& path) {
     std::FILE* const pOutput = popen((path + " --memory").c_str(), "re");
     long nBefore = 0;
     long nStarted = 0;
-    if (pOutput == nullptr || std::fscanf(pOutput, "%ld %ld", &nBefore, &nStarted) != 2) {
+    long nAgain = 0;
+    if (pOutput == nullptr || std::fscanf(pOutput, "%ld %ld %*d %ld", &nBefore, &nStarted, &nAgain) != 3) {
         state.SkipWithError("the program does not tell its memory");
     }
     if (pOutput != nullptr) {
@@ -31,6 +32,7 @@ void CountMemory(benchmark::State& state, const std::string& path) {
     }
     state.counters["resident_bytes"] = static_cast<double>(nStarted * 1024);
     state.counters["growth_bytes"] = static_cast<double>((nStarted - nBefore) * 1024);
+    state.counters["growth_again_bytes"] = static_cast<double>((nAgain - nBefore) * 1024);
 }
 
 void Run(benchmark::State& state, const char* pszProgram) {

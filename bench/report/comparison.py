@@ -12,7 +12,7 @@ TITLE, MAKE = "Beside other libraries", "scripts/bench --compare"
 
 class Row:
     """What was measured of a job at a size: times in ns by who did it, one for each repetition, and by how many bytes starting
-    made a process grow.
+    made a process grow, once and once more.
 
     `medians` holds the times. `times` holds what they are compared by: for a peer the library's median times the median of
     the peer's ratio to the library in the same repetition. All of a row are measured one behind the other, so that a machine
@@ -20,7 +20,8 @@ class Row:
     """
 
     def __init__(self, size, samples, growth):
-        self.size, self.growth = size, growth
+        self.size = size
+        self.growth = {who: [statistics.median(values) for values in zip(*runs)] for who, runs in growth.items()}
         self.medians = {who: statistics.median(values) for who, values in samples.items()}
         if len({len(values) for values in samples.values()}) > 1:
             raise ValueError(f"a repetition of size {size} is missing: {sorted(samples)}")
@@ -121,8 +122,8 @@ GOALS = {
     "64 KiB over TCP": within_limit(1.05),
     "start and join a thread": within_limit(1.1),
     "start a program and the library, stop both": Goal(
-        "at most 1 ms more than the bare program, and a growth of at most 200 KiB by the start",
-        lambda row: row.ours() <= row.limit() + 1e6 and row.growth[US] <= 200 * 1024),
+        "at most 1 ms more than the bare program, and a growth of at most 200 KiB by the start, and while started again",
+        lambda row: row.ours() <= row.limit() + 1e6 and max(row.growth[US]) <= 200 * 1024),
     "start the library and stop it, in the process": Goal("at most 1 ms", lambda row: row.ours() <= 1e6),
 }
 
@@ -145,7 +146,7 @@ class Results:
                 self.samples[job][size].setdefault(who, []).append(time)
                 if "growth_bytes" in run:
                     self.memory[job][size][who] = run["resident_bytes"]
-                    self.growth[job][size][who] = run["growth_bytes"]
+                    self.growth[job][size].setdefault(who, []).append((run["growth_bytes"], run["growth_again_bytes"]))
         self.repetitions = max((len(values) for rows in self.samples.values() for by_who in rows.values()
                                 for values in by_who.values()), default=0)
 
@@ -172,7 +173,7 @@ def job_section(results, job, notes):
             if used:
                 cell += f"<br>{shown_bytes(used)}"
             if who in row.growth:
-                cell += f"<br>growth {shown_bytes(row.growth[who])}"
+                cell += "<br>growth {}, again {}".format(*map(shown_bytes, row.growth[who]))
             cells.append(cell)
         marks.append(GOALS[job].check(row))
         lines.append(cells + [shown_met(marks[-1])])
@@ -206,12 +207,12 @@ def section(results, notes, plot):
             "wall clock where several threads or processes take part. All of a row are measured one behind the other; in brackets:",
             "how many times the library's time of the same repetition, the median of that, by which the goals go. \"Limit\" is what",
             "the bare calls take that it names. Below the times: the most memory that the job had allocated at once; where a program",
-            "is started, its resident memory, and by how much it grows between the first line of its main function and the end of",
-            "the start. A size is the n of the job's name, or bytes. The log's level is 3, except where lines are what is measured. What a job frees stays with its process, and where long texts are",
+            "is started, its resident memory, by how much it grows between the first line of its main function and the end of",
+            "the start, and by how much until it was stopped and started again. A size is the n of the job's name, or bytes. The log's level is 3, except where lines are what is measured. What a job frees stays with its process, and where long texts are",
             "copied, libc does so without the processor's own instruction: without these two settings the same row differs by a",
             "factor from one run to the next. The kernel's work of clearing fresh pages, 2 KB for each entry of a directory, comes",
-            "on top in a process with libc's own settings. The registry of allocations is counted whole, untouched address space",
-            "included; what of it is touched is in [Footprint](footprint.md). From one run of all",
+            "on top in a process with libc's own settings. The registry of allocations, which comes straight from the system, is not",
+            "counted; what of it is touched is in [Footprint](footprint.md). From one run of all",
             "this to the next most rows differ by a tenth, and those that hang on the caches by up to a half: a row that is near its",
             "goal meets it in one run and misses it in the next."),
         *paragraph(f"{met} rows meet their goal.",
