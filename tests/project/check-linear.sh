@@ -14,6 +14,9 @@ fi
 scratch=$(mktemp -d)
 trap 'rm -rf "${scratch}"' EXIT
 
+# What a call leads to is looked up before the program begins, not when it is called for the first time.
+export LD_BIND_NOW=1
+
 # instructions JOB N: prints how many instructions the measured part takes.
 instructions() {
     if ! valgrind --tool=callgrind --toggle-collect='*Measured*' --callgrind-out-file=/dev/null "${program}" "$1" "$2" \
@@ -25,7 +28,8 @@ instructions() {
 }
 
 failures=0
-# check JOB SMALL LARGE PERCENT: the job of the large size takes at most so many hundredths of the instructions of the small.
+# check JOB SMALL LARGE PERCENT: the job of the large size takes at most so many hundredths of the instructions of the
+# small.
 check() {
     local small large percent
     small=$(instructions "$1" "$2")
@@ -55,7 +59,7 @@ for job in MakeText CopyText CompareTexts; do
 done
 fourfold SortPaths 1000 520
 fourfold OpenDirectory 250 520
-# How many blocks are live makes no difference, up to what the registry has room for, but for a cell or two more to look at
-# in a fuller table.
+# How many blocks are live makes no difference, up to what the registry has room for, but for a cell or two more to look
+# at in a fuller table.
 check ReuseABlock 1000 100000 130
 exit $((failures > 0))
