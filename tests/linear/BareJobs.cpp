@@ -438,8 +438,8 @@ void PassRecord(int n) {
     });
 }
 
-/// What the library's start has the system do, without the library: a locale, two buffers, a registry of allocations, a signal
-/// and, twice, the system's names.
+/// What the library's start has the system do, without the library: a locale, two buffers, a block as large as the registry
+/// of allocations, a signal and, twice, the system's names.
 void StartLibrary(int n) {
     constexpr std::size_t kSlots = 102400;
     constexpr std::size_t kCells = std::size_t{1} << 18;
