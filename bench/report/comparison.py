@@ -270,7 +270,7 @@ def draw_plot(axis, plot):
     axis.grid(True, which="major", alpha=0.3)
     if len(families) > 1:
         axis.set_ylim(top=20 * axis.get_ylim()[1])  # room for a legend of two kinds
-    axis.legend(fontsize=7, loc="upper left")
+    axis.legend(fontsize=7, loc="upper left" if len(families) > 1 else "best")
 
 
 def draw(results, file):
