@@ -5,6 +5,7 @@ Counts the instructions of each job of LinearJobs at each of its sizes, with the
 by COMMAND, an emulator's with the program behind it. COUNTER is the emulators' plug-in. Writes RESULTS, a file of JSON.
 """
 import json
+import os
 import re
 import shlex
 import subprocess
@@ -14,7 +15,9 @@ import sys
 def instructions(emulator, counter, program, *arguments):
     """What the measured part of one run takes."""
     command = [*emulator, "-plugin", counter, *program, *arguments]
-    result = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, check=False)
+    # A call's function is looked up before the program begins, not when it is called for the first time.
+    result = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, check=False,
+                            env={**os.environ, "LD_BIND_NOW": "1"})
     found = re.findall(r"^instructions (\d+)$", result.stderr, re.MULTILINE)
     if result.returncode != 0 or len(found) != 1:
         sys.exit(f"count.py: {shlex.join(command)}: status {result.returncode}\n{result.stderr}")

@@ -125,7 +125,8 @@ void OpenPoco(benchmark::State& state) {
 BENCHMARK(OpenPoco)->Name("open a directory of n entries|POCO")->Apply(Counts);
 #endif
 
-/// The sort whose order the library keeps, done plainly: each name compared with each behind it. The names are there.
+/// The sort whose order the library keeps, done plainly: each name compared with each behind it. The names are there. With
+/// 50,000 it takes 25 times as long as with 10,000: the better part of a minute, the warm-up included.
 void SortByExchange(benchmark::State& state) {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(Filled(state.range(0)))) {
@@ -146,11 +147,6 @@ void SortByExchange(benchmark::State& state) {
         benchmark::DoNotOptimize(sorted.data());
     }
 }
-BENCHMARK(SortByExchange)
-    ->Name("open a directory of n entries|the exchange sort alone")
-    ->Arg(100)
-    ->Arg(1000)
-    ->Arg(10000)
-    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(SortByExchange)->Name("open a directory of n entries|the exchange sort alone")->Apply(Counts);
 
 }  // namespace

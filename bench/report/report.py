@@ -13,6 +13,8 @@ import comparison
 import instruction_cost
 import logging_cost
 
+NOTES = "notes.md", "notes-target.md"  # why goals are missed, beside other libraries and on the target
+
 INTRODUCTION = [
     "# Performance", "",
     "What jobs cost with the library, beside what its users would pick instead and beside the bare calls; what the log costs;",
@@ -40,11 +42,11 @@ def main():
         plot, camera_plot = (pathlib.Path(sys.argv[3] + ending) for ending in (".svg", "-camera.svg"))
         plot = plot.name if comparison.draw(compared, plot) else None
         camera_plot = camera_plot.name if camera_cost.draw(results / "camera.json", camera_plot) else None
-    notes = read_sections(pathlib.Path(__file__).with_name("notes.md"))  # why goals are missed
+    notes, target_notes = (read_sections(pathlib.Path(__file__).with_name(name)) for name in NOTES)
     made = {comparison: comparison.section(compared, notes, plot),
             logging_cost: logging_cost.section(results / "log"),
             camera_cost: camera_cost.section(results / "camera.json", camera_plot),
-            instruction_cost: instruction_cost.section(results / "instructions.json")}
+            instruction_cost: instruction_cost.section(results / "instructions.json", target_notes)}
     before = read_sections(target)
     text = "\n".join(INTRODUCTION)
     for part, lines in made.items():

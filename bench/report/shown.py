@@ -7,11 +7,18 @@ US = "Kalvoren"
 NANOSECONDS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 
+TIMES = (("ns", 1.0), ("µs", 1e3), ("ms", 1e6), ("s", 1e9))
+BYTES = (("B", 1), ("KiB", 1024), ("MiB", 1024 ** 2), ("GiB", 1024 ** 3))
+
+
+def shown_in(number, units):
+    """Three digits, in the unit that takes no more in front of the point; what is too much for the last keeps all."""
+    unit, factor = next(((unit, factor) for unit, factor in units if number < 999.5 * factor), units[-1])
+    return f"{number / factor:.3g} {unit}" if number < 999.5 * factor else f"{number / factor:,.0f} {unit}"
+
+
 def shown_time(nanoseconds):
-    for unit, factor in (("ns", 1.0), ("µs", 1e3), ("ms", 1e6), ("s", 1e9)):
-        if nanoseconds < 999.5 * factor or unit == "s":
-            return f"{nanoseconds / factor:.3g} {unit}"
-    return ""
+    return shown_in(nanoseconds, TIMES)
 
 
 def shown_size(number):
@@ -19,10 +26,7 @@ def shown_size(number):
 
 
 def shown_bytes(number):
-    for unit, factor in (("B", 1), ("KiB", 1024), ("MiB", 1024 * 1024)):
-        if number < 999.5 * factor or unit == "MiB":
-            return f"{number / factor:.3g} {unit}"
-    return ""
+    return shown_in(number, BYTES)
 
 
 def shown_count(number):

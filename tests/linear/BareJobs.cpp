@@ -3,8 +3,12 @@
 #include <pthread.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
+#include <clocale>
+#include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -93,6 +97,27 @@ void SearchRareLetter(int n) {
     });
 }
 
+void SearchNearlyThere(int n) {
+    const std::string text = Repeated(NearlyThere(), n);
+    const std::string word = Repeated(NearlyThere(), n / 10) + "y";
+    Measured([&] {
+        const char* const pszAt = std::strstr(text.c_str(), word.c_str());
+        Use(pszAt);
+    });
+}
+
+void Divide(int n) {
+    const std::string line = Repeated("field,", n);
+    std::list<std::string> fields;
+    Measured([&] {
+        const char* pszField = line.c_str();
+        while (const char* const pszEnd = std::strchr(pszField, ',')) {
+            fields.emplace_back(pszField, static_cast<std::size_t>(pszEnd - pszField));
+            pszField = pszEnd + 1;
+        }
+    });
+}
+
 void FillList(int n) {
     std::mutex mutex;
     std::list<int> list;
@@ -114,6 +139,16 @@ void WalkList(int n) {
             nSum += nValue;
         }
         Use(nSum);
+    });
+}
+
+void CopyList(int n) {
+    std::mutex mutex;
+    const std::list<std::string> list(static_cast<std::size_t>(n), "text");
+    Measured([&] {
+        const std::lock_guard<std::mutex> guard(mutex);
+        const std::list<std::string> copy(list);
+        Use(copy);
     });
 }
 
@@ -224,6 +259,79 @@ void TimeText(int n) {
     });
 }
 
+/// What is done with a path's text, n times; what comes of it is freed.
+template <class Piece>
+void FromPath(int n, Piece piece) {
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            const char* pszPath = kPath;
+            Use(pszPath);
+            char* const pszPiece = piece(pszPath);
+            Use(pszPiece);
+            std::free(pszPiece);
+        }
+    });
+}
+
+void JoinPath(int n) {
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            const char* pszDirectory = kPathDirectory;
+            const char* pszName = kPathName;
+            Use(pszDirectory);
+            Use(pszName);
+            const std::size_t nDirectory = std::strlen(pszDirectory);
+            const std::size_t nName = std::strlen(pszName);
+            char* const pszJoined = static_cast<char*>(std::malloc(nDirectory + nName + 2));
+            std::memcpy(pszJoined, pszDirectory, nDirectory);
+            pszJoined[nDirectory] = '/';
+            std::memcpy(pszJoined + nDirectory + 1, pszName, nName + 1);
+            Use(pszJoined);
+            std::free(pszJoined);
+        }
+    });
+}
+
+std::size_t Distance(const char* pszFrom, const char* pszTo) {
+    return static_cast<std::size_t>(pszTo - pszFrom);
+}
+
+void PathDirectory(int n) {
+    FromPath(n, [](const char* pszPath) { return strndup(pszPath, Distance(pszPath, std::strrchr(pszPath, '/'))); });
+}
+
+void PathName(int n) {
+    FromPath(n, [](const char* pszPath) { return strdup(std::strrchr(pszPath, '/') + 1); });
+}
+
+void PathStem(int n) {
+    FromPath(n, [](const char* pszPath) {
+        const char* const pszName = std::strrchr(pszPath, '/') + 1;
+        return strndup(pszName, Distance(pszName, std::strrchr(pszName, '.')));
+    });
+}
+
+void PathExtension(int n) {
+    FromPath(n, [](const char* pszPath) { return strdup(std::strrchr(std::strrchr(pszPath, '/'), '.') + 1); });
+}
+
+void GoUp(int n) {
+    FromPath(n, [](const char* pszPath) {
+        char* const pszUp = strdup(pszPath);
+        *std::strrchr(pszUp, '/') = '\0';
+        return pszUp;
+    });
+}
+
+void SystemPath(int n) {
+    char szSystem[2048];
+    FromPath(n, [&](const char* pszPath) -> char* {
+        std::strcpy(szSystem, pszPath);
+        Use(szSystem);
+        return nullptr;
+    });
+}
+
 void LogError(int n) {
     MeasuredWithLines([&] {
         for (int i = 0; i < n; ++i) {
@@ -330,6 +438,38 @@ void PassRecord(int n) {
     });
 }
 
+/// What the library's start has the system do, without the library: a locale, two buffers, a block as large as the registry
+/// of allocations, a signal and, twice, the system's names.
+void StartLibrary(int n) {
+    constexpr std::size_t kSlots = 102400;
+    constexpr std::size_t kCells = std::size_t{1} << 18;
+    constexpr std::size_t kRegistry =
+        kSlots * (3 * sizeof(void*) + sizeof(int) + sizeof(bool)) + 2 * (kCells * sizeof(std::int32_t) + kSlots / 8);
+    constexpr std::size_t kLine = std::size_t{1} << 20;
+    const auto name = [] {
+        utsname names = {};
+        uname(&names);
+        for (const char* pszName : {names.sysname, names.version}) {
+            char* const pszCopy = strdup(pszName);
+            Use(pszCopy);
+            std::free(pszCopy);
+        }
+    };
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            std::setlocale(LC_ALL, "en_US.UTF-8");
+            void* const pBlocks[] = {std::malloc(kLine), std::malloc(kLine), std::calloc(1, kRegistry)};
+            Use(pBlocks);
+            std::signal(SIGPIPE, SIG_IGN);
+            name();
+            name();
+            for (void* const pBlock : pBlocks) {
+                std::free(pBlock);
+            }
+        }
+    });
+}
+
 }  // namespace
 
 const std::map<std::string, void (*)(int)>& BareJobs() {
@@ -339,8 +479,11 @@ const std::map<std::string, void (*)(int)>& BareJobs() {
                                                                {"Append", Append},
                                                                {"Search", Search},
                                                                {"SearchRareLetter", SearchRareLetter},
+                                                               {"SearchNearlyThere", SearchNearlyThere},
+                                                               {"Divide", Divide},
                                                                {"FillList", FillList},
                                                                {"WalkList", WalkList},
+                                                               {"CopyList", CopyList},
                                                                {"PopList", PopList},
                                                                {"OpenDirectory", OpenDirectory},
                                                                {"ReuseABlock", ReuseABlock},
@@ -349,11 +492,19 @@ const std::map<std::string, void (*)(int)>& BareJobs() {
                                                                {"Fields", Fields},
                                                                {"Seconds", Seconds},
                                                                {"TimeText", TimeText},
+                                                               {"JoinPath", JoinPath},
+                                                               {"PathDirectory", PathDirectory},
+                                                               {"PathName", PathName},
+                                                               {"PathStem", PathStem},
+                                                               {"PathExtension", PathExtension},
+                                                               {"GoUp", GoUp},
+                                                               {"SystemPath", SystemPath},
                                                                {"LogError", LogError},
                                                                {"LogStamped", LogStamped},
                                                                {"HandOver", HandOver},
                                                                {"Dispatch", Dispatch},
                                                                {"DispatchAmong", DispatchAmong},
-                                                               {"PassRecord", PassRecord}};
+                                                               {"PassRecord", PassRecord},
+                                                               {"StartLibrary", StartLibrary}};
     return kJobs;
 }

@@ -68,6 +68,10 @@ std::string Repeated(const std::string& piece, int nTimes) {
     return text;
 }
 
+std::string NearlyThere() {
+    return "x" + std::string(63, 'a');
+}
+
 FilledDirectory::FilledDirectory(int nFiles)
     : m_Path(std::filesystem::temp_directory_path() / "kalvoren-linear-XXXXXX") {
     if (mkdtemp(m_Path.data()) == nullptr) {
@@ -146,9 +150,8 @@ void SearchRareLetter(int n) {
 }
 
 void SearchNearlyThere(int n) {
-    const std::string piece = "x" + std::string(63, 'a');
-    const KString text(Repeated(piece, n).c_str());
-    const KString word((Repeated(piece, n / 10) + "y").c_str());
+    const KString text(Repeated(NearlyThere(), n).c_str());
+    const KString word((Repeated(NearlyThere(), n / 10) + "y").c_str());
     Measured([&] { text.Find(word, 0); });
 }
 
@@ -344,24 +347,47 @@ void TimeText(int n) {
     });
 }
 
-constexpr const char* kPath = "/var/lib/camera/records/2024-05-06/segment-000123.mjpeg";
-
 void JoinPath(int n) {
-    KPath directory("/var/lib/camera/records/2024-05-06");
+    KPath directory(kPathDirectory);
     Measured([&] {
         for (int i = 0; i < n; ++i) {
-            directory + "segment-000123.mjpeg";
+            directory + kPathName;
         }
     });
 }
 
-void SplitPath(int n) {
+/// What a path can say of itself, asked n times.
+template <class Result>
+void AskPath(int n, Result (KPath::*pQuestion)() const) {
     const KPath path(kPath);
     Measured([&] {
         for (int i = 0; i < n; ++i) {
-            path.GetRootOnly();
-            path.GetSubPath();
-            path.GetExt();
+            (path.*pQuestion)();
+        }
+    });
+}
+
+void PathDirectory(int n) {
+    AskPath(n, &KPath::GetRootOnly);
+}
+
+void PathName(int n) {
+    AskPath(n, &KPath::GetSubPath);
+}
+
+void PathStem(int n) {
+    AskPath(n, &KPath::GetNameOnly);
+}
+
+void PathExtension(int n) {
+    AskPath(n, &KPath::GetExt);
+}
+
+void GoUp(int n) {
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            KPath path(kPath);
+            path.RemoveSubPath();
         }
     });
 }
@@ -470,7 +496,11 @@ const Entry kEntries[] = {
     {"Seconds", "n times calendar fields to seconds", "n", "100,1000,10000", Seconds},
     {"TimeText", "n times' texts", "n", "100,1000,10000", TimeText},
     {"JoinPath", "join a directory and a name n times", "n", "100,1000", JoinPath},
-    {"SplitPath", "directory, name and extension of a path n times", "n", "100,1000", SplitPath},
+    {"PathDirectory", "the directory of a path n times", "n", "100,1000", PathDirectory},
+    {"PathName", "the name at a path's end n times", "n", "100,1000", PathName},
+    {"PathStem", "the name without its extension n times", "n", "100,1000", PathStem},
+    {"PathExtension", "a path's extension n times", "n", "100,1000", PathExtension},
+    {"GoUp", "make a path and go up n times", "n", "100,1000", GoUp},
     {"SystemPath", "a path's system form n times", "n", "100,1000", SystemPath},
     {"OpenDirectory", "open a directory of n entries", "n", "100,1000,10000", OpenDirectory},
     {"SortPaths", "sort n paths, many of them equal", "n", "250,1000,4000", SortPaths},

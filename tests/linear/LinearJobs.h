@@ -17,6 +17,9 @@ void MeasuredWithLines(const Job& job);
 
 std::string Repeated(const std::string& piece, int nTimes);
 
+/// A piece of a text that nearly holds a word of such pieces and one other letter.
+std::string NearlyThere();
+
 /// A directory with so many empty files, removed with everything in it at the end.
 class FilledDirectory {
  public:
@@ -49,7 +52,10 @@ inline Date DateOf(int i) {
             1 + static_cast<int>(nBits >> 19 & 15), static_cast<int>(nBits >> 15 & 15)};
 }
 
-/// What the jobs about text, time and logging work on.
+/// What the jobs about text, paths, time and logging work on.
+constexpr const char* kPath = "/var/lib/camera/records/2024-05-06/segment-000123.mjpeg";
+constexpr const char* kPathDirectory = "/var/lib/camera/records/2024-05-06";
+constexpr const char* kPathName = "segment-000123.mjpeg";
 constexpr const char* kPiece = "sixteen letters.";
 constexpr const char* kLogFormat = "stream %d: %s";
 constexpr const char* kLogText = "1920x1080 at 25 frames a second";
