@@ -16,14 +16,15 @@ class TimeText {
     const char* Begin() const { return m_szText; }
     std::size_t Length() const { return static_cast<std::size_t>(m_pEnd - m_szText); }
 
-    TimeText& Text(const char* pszText) {
+    // Where it is a part of the code that calls it, the piece's length is known there.
+    [[gnu::always_inline]] inline TimeText& Text(const char* pszText) {
         const std::size_t nLen = std::strlen(pszText);
         std::memcpy(m_pEnd, pszText, nLen);
         m_pEnd += nLen;
         return *this;
     }
 
-    TimeText& Date(const KHumanTime& human, const char* pszBetween) {
+    [[gnu::always_inline]] inline TimeText& Date(const KHumanTime& human, const char* pszBetween) {
         TwoDigits(human.year / 100);
         TwoDigits(human.year % 100);
         Text(pszBetween);
@@ -32,7 +33,7 @@ class TimeText {
         return TwoDigits(human.day);
     }
 
-    TimeText& TimeOfDay(const KHumanTime& human, const char* pszBetween) {
+    [[gnu::always_inline]] inline TimeText& TimeOfDay(const KHumanTime& human, const char* pszBetween) {
         TwoDigits(human.hour);
         Text(pszBetween);
         TwoDigits(human.minute);
