@@ -1,0 +1,193 @@
+#!/usr/bin/env python3
+"""check-figures.py SOURCE-DIRECTORY
+
+A figure of docs/reliability.md that also stands in what scripts/trust kept in docs/trust is the same there. Of a part that
+nothing was kept of, the document may have figures, but not say that they were made by scripts/trust.
+"""
+import pathlib
+import re
+import sys
+
+# What the document calls otherwise than by the class; and the tests that are judged with those of another class.
+CLASSES = {"queues": ["KQueue"], "property lists": ["KPropertyList"], "`KMutex`": [], "`KNetInfo`": [],
+           "the order of sorted directories": ["ExchangeOrder"]}  # fmt: skip
+
+
+def section(text, preset):
+    """What scripts/test printed of a preset."""
+    return re.search(rf"^=== {preset} ===$(.*?)(?=^=== |\Z)", text, re.MULTILINE | re.DOTALL)[1]
+
+
+def counts(text, preset):
+    """How many tests of a preset there are, and how many failed and were skipped."""
+    printed = section(text, preset)
+    failed, total = re.search(r"(\d+) tests failed out of (\d+)", printed).groups()
+    return int(total), int(failed), printed.count("(Skipped)")
+
+
+def figures_of_tests(text):
+    passed, failed = map(int, re.search(r"^(\d+) passed, (\d+) failed", text, re.MULTILINE).groups())
+    plain, plain_failed, plain_skipped = counts(text, "dev")
+    yield "`.ci/run`", f"{passed:,} passed{f', {failed:,} failed' if failed else ''}"
+    yield "`.ci/run`", f"{plain - plain_failed - plain_skipped:,} of them on the plain build"
+    yield "test cases", f"{plain:,} on the plain build"
+
+
+def figures_of_ubsan(text):
+    total, failed = re.search(r"(\d+) tests failed out of (\d+)", text).group(2, 1)
+    yield "`scripts/test ubsan`", f"{int(total):,} tests, {f'{failed} failed' if int(failed) else 'no report'}"
+
+
+def figures_of_valgrind(text):
+    passed = len(re.findall(r"^\w+: \d+ tests? passed, nothing reported$", text, re.MULTILINE))
+    failed = len(re.findall(r"^\w+: failed$", text, re.MULTILINE))
+    yield "`scripts/valgrind`", f"{passed} of {passed + failed} programs"
+
+
+def figures_of_coverage(text):
+    for what in ("lines", "branches"):
+        share, count = re.search(rf"^{what}: ([\d.]+)% \(\d+ out of (\d+)\)", text, re.MULTILINE).groups()
+        yield "`scripts/coverage`", f"{float(share):g} % of {int(count):,} {what}"
+
+
+def figures_of_repeat(text):
+    for preset in ("dev", "tsan"):
+        last = re.findall(rf"^{preset}: run (\d+) of (\d+), \d+ programs, (\d+) runs with failures", text, re.MULTILINE)[-1]
+        yield "`scripts/repeat 20 dev tsan`", f"{int(last[0]) - int(last[2])} of {last[1]} without a failure"
+
+
+FIGURES = {"tests": figures_of_tests, "ubsan": figures_of_ubsan, "valgrind": figures_of_valgrind,
+           "coverage": figures_of_coverage, "repeat": figures_of_repeat}  # fmt: skip
+
+
+def check_methods(document, kept):
+    """A line of a table names the row, and has the figure."""
+    rows = [line for line in document.splitlines() if line.startswith("| ")]
+    for part in FIGURES.keys() & kept.keys():
+        try:
+            for row, figure in FIGURES[part](kept[part]):
+                if not any(row in line and re.search(rf"(?<![\d,.]){re.escape(figure)}", line) for line in rows):
+                    yield f"{part}.txt has '{figure}', the row of {row} has not"
+        except (IndexError, TypeError, AttributeError):
+            yield f"{part}.txt does not have the figures that are expected there"
+
+
+def last(kept, part, pattern):
+    """By name the figures that a pattern finds, of the latest run; of two on one day, of the one of that name alone."""
+    texts = sorted((text[:10], name, text) for name, text in kept.items() if name.split("-")[0] == part)
+    found = {}
+    for _, _, text in texts:
+        for name, *figures in re.findall(pattern, text, re.MULTILINE):
+            found[name] = [int(figure) for figure in figures]
+    return found
+
+
+def check_fuzzing(document, kept):
+    for target, (executions, edges) in last(kept, "fuzz", r"^(\w+) +(\d+) +\d+ +(\d+)  \w").items():
+        if not re.search(rf"^\| `{target}` \| [\d,]+ \| {executions:,} \| {edges:,} \|", document, re.MULTILINE):
+            yield f"{target} had {executions:,} executions that reached {edges:,} edges, its row says something else"
+
+
+def classes_of(cell):
+    return [name for words in cell.split(", ") for name in CLASSES.get(words, [words.strip("`")])]
+
+
+def check_mutations(document, kept):
+    done = last(kept, "mutate", r"^(\w+): (\d+) of (\d+) changes tried: (\d+) noticed .*?, (\d+) survived")
+    table = document.partition("| class | tried | noticed |")[2].partition("\n\n")[0]
+    rows = re.findall(r"^\| ([^|]+) \| ([^|]+) \| ([^|]*) \|", table, re.MULTILINE)
+    for name in sorted(done.keys() - {name for cell, _, _ in rows for name in classes_of(cell)}):
+        yield f"{name} was tried, and is in no row"
+    for cell, tried, noticed in rows:
+        names = classes_of(cell)
+        figures = [done[name] for name in names if name in done]
+        if len(figures) == len(names):
+            changes, total, seen, survived = map(sum, zip(*figures))
+            there = "all" if changes == total else f"{changes:,} of {total:,}", f"{seen:,} of {seen + survived:,}"
+            if (tried, noticed) != there:
+                yield f"of {cell}, {there[0]} were tried and {there[1]} noticed, the row says {tried} and {noticed}"
+        elif figures and tried == "none yet":
+            yield f"of {cell}, some were tried, the row says {tried}"
+
+
+def check_claims(document, kept):
+    for part in re.findall(r"by\s`scripts/trust\s?([\w:]*)`", document):
+        if not any(f"{name}-".startswith(part.replace(":", "-") + "-") for name in kept) and (part or not kept):
+            yield f"a figure is said to be made by scripts/trust {part}, of which nothing was kept"
+
+
+def complaints(document, kept):
+    checks = (check_methods, check_fuzzing, check_mutations, check_claims)
+    return [complaint for check in checks for complaint in check(document, kept)]
+
+
+# A document and what was kept, as the scripts print it, that agree; and what makes them disagree, each in one figure.
+SAMPLE = """
+| What is tested | 5,999 passed, 1,995 of them on the plain build | `.ci/run` |
+| In random orders | both: 3 of 3 without a failure | `scripts/repeat 20 dev tsan` |
+| Undefined behaviour | 1,550 tests, no report | `scripts/test ubsan` |
+| Memory | 2 of 3 programs | `scripts/valgrind` |
+| Coverage | 99.5 % of 3,450 lines, 99.4 % of 1,852 branches | `scripts/coverage` |
+| test cases | 2,000 on the plain build |
+
+| class | tried | noticed | |
+|---|---:|---:|---|
+| `KPath`, `KThread`, `KMutex` | all | 30 of 32 | |
+| queues | 100 of 2,000 | 90 of 90 | |
+| `KTime` | none yet | | |
+
+| `KString` | 60 | 20,829 | 1,361 | nothing failed |
+
+Made by `scripts/trust fuzz` and by `scripts/trust mutate:KQueue`.
+"""
+SAMPLE_KEPT = {
+    "tests": "2024-05-06\n$ .ci/run\n\n=== dev ===\n100% tests passed, 0 tests failed out of 2000\n"
+             "\t1 - A.B (Skipped)\n\t2 - A.C (Skipped)\n\t3 - A.D (Skipped)\n\t4 - A.E (Skipped)\n\t5 - A.F (Skipped)\n"
+             "\n=== asan ===\n100% tests passed, 0 tests failed out of 4004\n"
+             "\n=== summary ===\n5999 passed, 0 failed, 5 skipped\n",
+    "ubsan": "100% tests passed, 0 tests failed out of 1550\n",
+    "valgrind": "ATest: 12 tests passed, nothing reported\nBTest: 1 test passed, nothing reported\nCTest: failed\n",
+    "coverage": "lines: 99.5% (3433 out of 3450)\nfunctions: 94.2% (893 out of 948)\nbranches: 99.4% (1840 out of 1852)\n",
+    "repeat": "dev: run 2 of 3, 30 programs, 0 runs with failures so far\n"
+              "dev: run 3 of 3, 30 programs, 0 runs with failures so far\n"
+              "tsan: run 3 of 3, 30 programs, 0 runs with failures so far\n",
+    "fuzz": "2024-05-06\nKString               20829      347     1361  nothing failed\n",
+    "mutate": "2024-05-06\n"
+              "KPath: 20 of 20 changes tried: 18 noticed (1 for the time that a test took), 2 survived (90.0 % noticed)\n"
+              "KThread: 13 of 13 changes tried: 12 noticed (0 for the time that a test took), 0 survived (100.0 % noticed)\n"
+              "KQueue: 9 of 2000 changes tried: 9 noticed (0 for the time that a test took), 0 survived (100.0 % noticed)\n",
+    "mutate-KQueue": "2024-05-07\nKQueue: 100 of 2000 changes tried: 90 noticed (0 for the time), 0 survived\n"}  # fmt: skip
+CHANGES = [("tests", "5999 passed, 0 failed", "5998 passed, 1 failed"), ("tests", "5999 passed", "6999 passed"),
+           ("tests", "\t1 - A.B (Skipped)\n", ""), ("tests", "=== dev", "=== gone"), ("ubsan", "1550", "1551"),
+           ("ubsan", "0 tests failed", "1 tests failed"), ("valgrind", "CTest: failed\n", ""), ("coverage", "3450", "3451"),
+           ("coverage", "99.4%", "99.3%"), ("repeat", "dev: run 3 of 3, 30 programs, 0", "dev: run 3 of 3, 30 programs, 1"),
+           ("repeat", "tsan: run 3 of 3", "tsan: run 2 of 3"), ("fuzz", "20829", "20830"), ("fuzz", "1361", "1362"),
+           ("mutate", "18 noticed", "19 noticed"), ("mutate", "13 of 13", "12 of 13"), ("mutate", "KThread", "KTime"),
+           ("mutate", "KThread", "KList"), ("mutate-KQueue", "90 noticed", "91 noticed"),
+           ("mutate-KQueue", "2024-05-07", "2024-05-05")]  # fmt: skip
+
+
+def control():
+    """What the check makes of the sample: nothing as it stands, something after each of the changes."""
+    yield from complaints(SAMPLE, SAMPLE_KEPT)
+    for name, old, new in CHANGES:
+        changed = SAMPLE_KEPT[name].replace(old, new)
+        if changed == SAMPLE_KEPT[name] or not complaints(SAMPLE, {**SAMPLE_KEPT, name: changed}):
+            yield f"in the sample, '{new}' for '{old}' in {name} is not noticed"
+    for name in ("fuzz", "mutate-KQueue"):
+        if not complaints(SAMPLE, {other: text for other, text in SAMPLE_KEPT.items() if other != name}):
+            yield f"in the sample, it is not noticed that {name} was not kept"
+
+
+def main():
+    source = pathlib.Path(sys.argv[1])
+    kept = {path.stem: path.read_text(encoding="utf-8") for path in (source / "docs/trust").glob("*.txt")}
+    document = (source / "docs/reliability.md").read_text(encoding="utf-8")
+    found = [*control(), *complaints(document, kept)]
+    if found:
+        print(*found, sep="\n")
+    return 1 if found else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# check-trust.sh SOURCE-DIRECTORY
+#
+# scripts/trust keeps what a part printed when it ends, passed or failed, and leaves what it kept before when the part or the
+# script itself is interrupted.
+set -euo pipefail
+
+work=$(mktemp -d)
+trap 'rm -rf "${work}"' EXIT
+mkdir "${work}/scripts"
+cp "$1/scripts/lib.sh" "$1/scripts/trust" "${work}/scripts"
+kept="${work}/docs/trust/lint.txt"
+
+# lint BODY: scripts/trust with a part of these commands; prints its exit status.
+lint() {
+    local status=0
+    printf '#!/bin/sh\n%s\n' "$1" >"${work}/scripts/lint"
+    chmod +x "${work}/scripts/lint"
+    "${work}/scripts/trust" lint >"${work}/output" 2>&1 || status=$?
+    echo "${status}"
+}
+
+# expect WHAT STATUS TEXT: how the last run ended, and what is kept now.
+expect() {
+    local text
+    text=$(grep -cx "$3" "${kept}" || true)
+    if [[ ${status} -ne $2 || ${text} -ne 1 || $(find "${work}/docs/trust" -type f | wc -l) -ne 1 ]]; then
+        echo "$1: ended with ${status}, not $2, or does not keep one line '$3':"
+        cat "${work}/output" "${work}"/docs/trust/*
+        exit 1
+    fi
+}
+
+status=$(lint 'echo first')
+expect "a part that passes" 0 first
+# shellcheck disable=SC2016 # the part's own shell expands it
+status=$(lint 'echo second; kill -TERM $$; sleep 60')
+expect "a part that is ended by a signal" 1 first
+# The part survives the signal and ends by itself, which must not pass for a failure.
+# shellcheck disable=SC2016
+status=$(lint 'echo third; kill -TERM $PPID; exit 1')
+expect "a part during which the script is ended" 130 first
+status=$(lint 'echo fourth; exit 1')
+expect "a part that fails" 1 fourth
+expect "a part that fails" 1 '(failed)'
