@@ -64,13 +64,18 @@ const Record* Registry() {
     return static_cast<const Record*>(RegistryAddress());
 }
 
+using Word = unsigned long;
+constexpr int kBits = 8 * sizeof(Word);
+constexpr int kGroups = kSlots / kBits / kBits;
+
 /// What lies behind the record for objects and once more for blocks: which slots are taken, in three levels of bits, and
 /// a table of cells by which pointers are found.
 struct Finder {
-    std::uint64_t words[kSlots / 64];
-    std::uint64_t groups[kSlots / 64 / 64];
-    std::uint64_t nTop;
+    Word words[kSlots / kBits];
+    Word groups[kGroups];
+    Word tops[(kGroups + kBits - 1) / kBits];
     std::int32_t cells[1 << 18];
+    int nEnd;
 };
 
 struct WholeRegistry {
@@ -707,20 +712,20 @@ TEST_F(KMemTest, EveryWalkEndsWhereNoCellIsFree) {
 
 TEST_F(KMemTest, AnEntryGoesOnBehindAFullWordThatIsNotNotedAsFull) {
     KMem::Init();
-    RacedRegistry().blocks.words[0] = ~std::uint64_t{0};
+    RacedRegistry().blocks.words[0] = ~Word{0};
     EXPECT_TRUE(KMem::AddForNonClass(Address(1), 1));
-    EXPECT_EQ(Registry()->blocks[64], Address(1));
+    EXPECT_EQ(Registry()->blocks[kBits], Address(1));
 }
 
 TEST_F(KMemTest, AFullRegistryRefusesEntriesAlsoWhereItIsNotNotedAsFull) {
     Fill();
     for (Finder* const pFinder : {&RacedRegistry().objects, &RacedRegistry().blocks}) {
-        pFinder->nTop &= ~(std::uint64_t{1} << 24);
+        pFinder->tops[(kGroups - 1) / kBits] &= ~(Word{1} << (kGroups - 1) % kBits);
     }
     EXPECT_FALSE(KMem::Add(AsObject(Address(kSlots))));
     EXPECT_FALSE(KMem::AddForNonClass(Address(kSlots), 1));
     for (Finder* const pFinder : {&RacedRegistry().objects, &RacedRegistry().blocks}) {
-        pFinder->groups[24] &= ~(std::uint64_t{1} << 63);
+        pFinder->groups[kGroups - 1] &= ~(Word{1} << (kBits - 1));
     }
     EXPECT_FALSE(KMem::Add(AsObject(Address(kSlots))));
     EXPECT_FALSE(KMem::AddForNonClass(Address(kSlots), 1));

@@ -21,7 +21,12 @@ def shown_time(nanoseconds):
     return shown_in(nanoseconds, TIMES)
 
 
+WORDS = {"to:0": "/dev/null", "to:1": "a file"}  # where a line goes
+
+
 def shown_size(number):
+    if number in WORDS:
+        return WORDS[number]
     return f"{int(number):,}" if number.isdigit() else number.replace(":", " ").replace("/", ", ")
 
 

@@ -20,11 +20,16 @@ constexpr Checks g_Checks("src/api/KMem");
 constexpr int kSlotCount = 102400;
 constexpr int kNoSlot = -1;
 
-/// The set of taken slots, as a tree of bit words three levels high, so that the lowest free slot is three looks away.
+/// The set of taken slots, as a tree of the machine's words three levels high, so that the lowest free slot is three looks
+/// away.
 class SlotSet {
  public:
     int LowestFree() const {
-        const unsigned int nGroup = LowestClear(m_nTop);
+        unsigned int nTop = 0;
+        while (nTop + 1 < kTops && m_nTops[nTop] == kFull) {
+            ++nTop;
+        }
+        const unsigned int nGroup = nTop * kBits + LowestClear(m_nTops[nTop]);
         if (nGroup >= kGroups) {
             return kNoSlot;
         }
@@ -40,7 +45,7 @@ class SlotSet {
         if (m_nWords[nWord] == kFull) {
             m_nGroups[nGroup] |= Bit(nWord);
             if (m_nGroups[nGroup] == kFull) {
-                m_nTop |= Bit(nGroup);
+                m_nTops[nGroup / kBits] |= Bit(nGroup);
             }
         }
     }
@@ -50,29 +55,26 @@ class SlotSet {
         const unsigned int nGroup = nWord / kBits;
         m_nWords[nWord] &= ~Bit(nSlot);
         m_nGroups[nGroup] &= ~Bit(nWord);
-        m_nTop &= ~Bit(nGroup);
+        m_nTops[nGroup / kBits] &= ~Bit(nGroup);
     }
 
-    /// True when none of the 64 slots around this one is taken.
-    bool IsWordEmpty(int nSlot) const { return m_nWords[static_cast<unsigned int>(nSlot) / kBits] == 0; }
-
-    static constexpr unsigned int kBits = 64;
-
  private:
-    using Word = std::uint64_t;
+    using Word = unsigned long;
+    static constexpr unsigned int kBits = 8 * sizeof(Word);
     static constexpr Word kFull = ~Word{0};
     static constexpr unsigned int kWords = kSlotCount / kBits;
     static constexpr unsigned int kGroups = kWords / kBits;
+    static constexpr unsigned int kTops = (kGroups + kBits - 1) / kBits;
     static_assert(kGroups * kBits * kBits == kSlotCount, "every word and every group is whole");
 
     static Word Bit(unsigned int nIndex) { return Word{1} << (nIndex % kBits); }
     static unsigned int LowestClear(Word nWord) {
-        return nWord == kFull ? kBits : static_cast<unsigned int>(__builtin_ctzll(~nWord));
+        return nWord == kFull ? kBits : static_cast<unsigned int>(__builtin_ctzl(~nWord));
     }
 
     Word m_nWords[kWords];
     Word m_nGroups[kGroups];
-    Word m_nTop;
+    Word m_nTops[kTops];
 };
 
 /// Where each registered pointer's slots are: an open hash table with linear probing. Every walk is bounded by the size of
@@ -121,6 +123,7 @@ class SlotIndex {
 
  private:
     static constexpr std::uint32_t kCellBits = 18;
+    static constexpr std::uint32_t kAddressBits = 8 * sizeof(std::uintptr_t);
     static constexpr std::uint32_t kCells = 1u << kCellBits;
     static_assert(kCells > 2 * kSlotCount, "at most four cells in ten are taken");
 
@@ -141,8 +144,11 @@ class SlotIndex {
     }
 
     static std::uint32_t Home(const void* p) {
-        const std::uint64_t nAddress = reinterpret_cast<std::uintptr_t>(p);
-        return static_cast<std::uint32_t>((nAddress >> 3) * UINT64_C(0x9E3779B97F4A7C15) >> (64 - kCellBits));
+        // As many of its bits as an address has.
+        constexpr std::uintptr_t kSpread =
+            static_cast<std::uintptr_t>(UINT64_C(0x9E3779B97F4A7C15) >> (64 - kAddressBits));
+        const std::uintptr_t nAddress = reinterpret_cast<std::uintptr_t>(p);
+        return static_cast<std::uint32_t>((nAddress >> 3) * kSpread >> (kAddressBits - kCellBits));
     }
     static std::uint32_t Next(std::uint32_t nCell) { return (nCell + 1) % kCells; }
     static std::uint32_t Distance(std::uint32_t nFrom, std::uint32_t nTo) { return (nTo - nFrom) % kCells; }
@@ -160,6 +166,7 @@ class SlotFinder {
             pSlots[nSlot] = p;
             m_Set.Take(static_cast<unsigned int>(nSlot));
             m_Index.Insert(p, nSlot);
+            m_nEnd = std::max(m_nEnd, nSlot + 1);
         }
         return nSlot;
     }
@@ -186,8 +193,8 @@ class SlotFinder {
         m_Index.Visit(pSlots, p, visit);
     }
 
-    /// True when none of the 64 slots around this one is taken.
-    bool IsWordEmpty(int nSlot) const { return m_Set.IsWordEmpty(nSlot); }
+    /// Behind the highest slot that was ever taken.
+    int End() const { return m_nEnd; }
 
  private:
     static int Search(const void* const* pSlots, const void* p) {
@@ -198,6 +205,7 @@ class SlotFinder {
 
     SlotSet m_Set;
     SlotIndex m_Index;
+    int m_nEnd;
 };
 
 }  // namespace
@@ -248,8 +256,8 @@ struct KMem::MemInfoContainer {
         }
     }
 
-    /// True when none of the 64 places around this one is taken.
-    bool IsWordEmpty(int nSlot) const { return m_ObjectFinder.IsWordEmpty(nSlot) && m_BlockFinder.IsWordEmpty(nSlot); }
+    /// Behind the highest place that was ever taken.
+    int End() const { return std::max(m_ObjectFinder.End(), m_BlockFinder.End()); }
 };
 
 KMem::MemInfoContainer* KMem::g_pMemInfoContainer = nullptr;
@@ -278,13 +286,8 @@ void KMem::Deinit() {
         return;
     }
     const MemInfoContainer& registry = *g_pMemInfoContainer;
-    constexpr int kWord = SlotSet::kBits;
-    for (int nSlot = 0; nSlot < kSlotCount; ++nSlot) {
-        if (nSlot % kWord == 0 && registry.IsWordEmpty(nSlot)) {
-            nSlot += kWord - 1;
-        } else {
-            registry.ReportSlot(nSlot);
-        }
+    for (int nSlot = 0; nSlot < registry.End(); ++nSlot) {
+        registry.ReportSlot(nSlot);
     }
     g_Checks.Hold(registry.mnInstanceCount == 0, "g_pMemInfoContainer->mnInstanceCount == 0", pszSignature);
     munmap(g_pMemInfoContainer, sizeof(MemInfoContainer));
