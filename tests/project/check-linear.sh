@@ -2,7 +2,7 @@
 # check-linear.sh PROGRAM
 #
 # What the jobs cost grows as it should. Instructions are counted, not seconds: four times the size may take four times
-# the instructions and a tenth more, a little more than that where something is sorted, and no more at all where the
+# the instructions and a hundredth more, a little more than that where something is sorted, and no more at all where the
 # size is not what the job is about.
 set -euo pipefail
 
@@ -50,15 +50,15 @@ fourfold() {
 
 for job in Append Divide Replace Search SearchRareLetter SearchNearlyThere FillList WalkList CopyList PopList ReadFlat \
     ReadNested HandOver Dispatch DispatchAmong PassRecord; do
-    fourfold "${job}" 1000 440
+    fourfold "${job}" 1000 405
 done
-fourfold ReadBroken 4000 440
+fourfold ReadBroken 4000 405
 # Where a text's bytes are what counts, not the calls.
 for job in MakeText CopyText CompareTexts; do
-    fourfold "${job}" 16384 440
+    fourfold "${job}" 16384 405
 done
-fourfold SortPaths 1000 520
-fourfold OpenDirectory 250 520
+fourfold SortPaths 1000 490
+fourfold OpenDirectory 250 460
 # How many blocks are live makes no difference, up to what the registry has room for, but for a cell or two more to look
 # at in a fuller table.
 check ReuseABlock 1000 100000 130
