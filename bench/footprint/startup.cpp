@@ -93,10 +93,14 @@ void Print(const char* pszWhen, const Memory& memory, bool fgEmulated) {
 
 #ifndef FOOTPRINT_BASELINE
 
-/// Prints how many pages of a block are in memory: the first holds libc's note of the block's size.
-bool IsUntouched(const char* pszName, void* pBlock) {
+/// The registry's three tables of places; what finds a place lies behind them.
+constexpr std::size_t kRegistryTables = 3 * 102400 * sizeof(void*);
+
+/// Prints how many pages of a block are in memory: the first, of libc's blocks, holds libc's note of the block's size, and of
+/// the registry that it is there.
+bool IsUntouched(const char* pszName, const void* pBlock, std::size_t nSize) {
     const std::uintptr_t nStart = PageOf(pBlock);
-    const std::uintptr_t nEnd = PageOf(static_cast<char*>(pBlock) + malloc_usable_size(pBlock) + kPage - 1);
+    const std::uintptr_t nEnd = PageOf(static_cast<const char*>(pBlock) + nSize + kPage - 1);
     const std::size_t nResident = CountResident(nStart, nEnd);
     std::printf("%-22s %zu of %zu pages in memory\n", pszName, nResident, (nEnd - nStart) / kPage);
     return nResident <= 1;
@@ -127,9 +131,9 @@ int main(int argc, char** argv) {
     Print("loaded", before, fgEmulated);
     Print("started", after, fgEmulated);
 
-    bool fgUntouched = IsUntouched("log: text buffer", g_pDebugBuffer);
-    fgUntouched = IsUntouched("log: format buffer", g_pDebugFormat) && fgUntouched;
-    fgUntouched = IsUntouched("allocation registry", KMem::g_pMemInfoContainer) && fgUntouched;
+    bool fgUntouched = IsUntouched("log: text buffer", g_pDebugBuffer, malloc_usable_size(g_pDebugBuffer));
+    fgUntouched = IsUntouched("log: format buffer", g_pDebugFormat, malloc_usable_size(g_pDebugFormat)) && fgUntouched;
+    fgUntouched = IsUntouched("allocation registry", KMem::g_pMemInfoContainer, kRegistryTables) && fgUntouched;
     KEntry::Deinit();
 
     const int nRounds = 200;
