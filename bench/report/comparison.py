@@ -20,7 +20,7 @@ class Row:
     """
 
     def __init__(self, size, samples, growth):
-        self.size = size
+        self.size, self.samples, self.growths = size, samples, growth
         self.growth = {who: [statistics.median(values) for values in zip(*runs)] for who, runs in growth.items()}
         self.medians = {who: statistics.median(values) for who, values in samples.items()}
         if len({len(values) for values in samples.values()}) > 1:
@@ -29,6 +29,11 @@ class Row:
         self.times = self.medians if us is None else {
             who: self.medians[us] * statistics.median(theirs / ours for theirs, ours in zip(values, samples[us]))
             for who, values in samples.items()}
+
+    def repetitions(self):
+        """A row for each of them alone."""
+        alone = zip(*self.samples.values())
+        return [Row(self.size, {who: [value] for who, value in zip(self.samples, values)}, self.growths) for values in alone]
 
     def ours(self):
         return max(time for who, time in self.times.items() if who.startswith(US))
@@ -157,6 +162,12 @@ class Results:
                 for size in sorted(self.samples[job], key=size_order)]
 
 
+def how_often(goal, row):
+    """In how many of the repetitions a goal is met, where they do not agree."""
+    met = [goal.check(each) for each in row.repetitions()]
+    return f", {met.count(True)} of {len(met)}" if True in met and False in met else ""
+
+
 def job_section(results, job, notes):
     rows = results.rows(job)
     everyone = list(dict.fromkeys(who for row in rows for who in row.times))
@@ -177,7 +188,7 @@ def job_section(results, job, notes):
                 cell += "<br>growth {}, again {}".format(*map(shown_bytes, row.growth[who]))
             cells.append(cell)
         marks.append(GOALS[job].check(row))
-        lines.append(cells + [shown_met(marks[-1])])
+        lines.append(cells + [shown_met(marks[-1]) + how_often(GOALS[job], row)])
     section = [f"### {job[0].upper()}{job[1:]}", "", f"Goal: {GOALS[job].text}.", "",
                *table(["", *everyone, "goal"], lines), ""]
     if False in marks:
@@ -208,7 +219,8 @@ def section(results, notes, plot):
             f"{results.context['num_cpus']} processors, {results.context['date'][:10]}. Times are of the processor, or of the",
             "wall clock where several threads or processes take part. All of a row are measured one behind the other; in brackets:",
             "how many times the library's time of the same repetition, the median of that, by which the goals go. \"Limit\" is what",
-            "the bare calls take that it names. Below the times: the most memory that the job had allocated at once; where a program",
+            "the bare calls take that it names. Below the times: the most memory that was allocated at once, with what the job works on and 408 bytes of the measurement",
+            "(GLib's by malloc alone, which its times are not); where a program",
             "is started, its resident memory, by how much it grows between the first line of its main function and the end of",
             "the start, and by how much until it was stopped and started again. A size is the n of the job's name, or bytes. The log's level is 3, except where lines are what is measured. What a job frees stays with its process, and where long texts are",
             "copied, libc does so without the processor's own instruction: without these two settings the same row differs by a",
@@ -216,7 +228,7 @@ def section(results, notes, plot):
             "on top in a process with libc's own settings. The registry of allocations, which comes straight from the system, is not",
             "counted; what of it is touched is in [Footprint](footprint.md). From one run of all",
             "this to the next most rows differ by a tenth, and those that hang on the caches by up to a half: a row that is near its",
-            "goal meets it in one run and misses it in the next."),
+            "goal meets it in one run and misses it in the next. Where its repetitions do not agree, it says how many of them meet it."),
         *paragraph(f"{met} of {met + missing} rows meet their goal.",
                    f"Missed, with the reasons below the tables: {'; '.join(missed)}." if missed else "None misses it.")]
     if plot:
