@@ -32,6 +32,12 @@
 /// Who may open the memory (mode 0666) or connect to the socket file (0777) is everybody, less the process's umask: set
 /// it, or keep the socket file in a directory that only the right users can search, where others have accounts.
 ///
+/// @b Beware: the memory's size is looked at once, when it is mapped. Whoever may write to the object, which need not be
+/// its maker, can shorten it afterwards (`ftruncate`); a process that touches the memory then is ended by SIGBUS, on
+/// either side. Let only processes that you trust write to it, as by `umask(077)` before the server's Create(). Where
+/// that cannot be, have the system read it: `pread()` on a descriptor of `shm_open("/KALVOREN_IPC_7", O_RDONLY, 0)`
+/// returns fewer than 520 bytes instead.
+///
 /// Writing to a peer that is gone raises SIGPIPE, which ends the process unless it is ignored: KSystem::Init(), and so
 /// KEntry::Init(), ignores it.
 ///

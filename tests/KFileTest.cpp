@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -955,6 +957,39 @@ TEST_F(KFileTest, ATemporaryNameThatIsTooLongIsNotMade) {
     const ScopedEnvironment temporary("TMPDIR", longest.c_str());
     EXPECT_TRUE(KFile::CreateTempFileName(path));
     EXPECT_NE(TextOf(path), "before");
+}
+
+TEST_F(KFileTest, ALinkThatTookATemporaryNameIsFollowedAndWhatItLeadsToIsEmptiedOrMade) {
+    const ScopedEnvironment temporary("TMPDIR", Directory().Path().c_str());
+    const std::vector<std::function<bool(KPath&)>> ways = {
+        [](KPath& path) { return KFile::Create(path, false); },
+        [](KPath& path) { return KFile::Create(path, true); },
+        [](KPath& path) { return KFile(path, true).Create(false); },
+        [](KPath& path) {
+            KFile file;
+            return file.Open(path, true) && file.Close();
+        },
+    };
+    for (std::size_t i = 0; i < ways.size(); ++i) {
+        for (const bool fgThere : {true, false}) {
+            SCOPED_TRACE(testing::Message() << "way " << i << (fgThere ? ", to a file" : ", to nowhere"));
+            const std::string target = Directory().Entry("another's");
+            std::filesystem::remove(target);
+            if (fgThere) {
+                Directory().File("another's", "text");
+            }
+            KPath path;
+            ASSERT_TRUE(KFile::CreateTempFileName(path));
+            std::filesystem::create_symlink(target, TextOf(path));
+            EXPECT_TRUE(ways[i](path));
+            EXPECT_TRUE(std::filesystem::is_symlink(TextOf(path)));
+            EXPECT_TRUE(std::filesystem::is_regular_file(target));
+            EXPECT_EQ(ContentOf(target), "");
+            // What to do instead.
+            EXPECT_EQ(open(TextOf(path).c_str(), O_RDWR | O_CREAT | O_EXCL, 0600), -1);
+            EXPECT_EQ(errno, EEXIST);
+        }
+    }
 }
 
 // ----------------------------------------------------------------------------------------------------------- Threads

@@ -1597,6 +1597,37 @@ TEST(KIPCTest, AServerThatWasKilledBeforeItSizedItsObjectLeavesOneThatIsRefused)
     EXPECT_NE(next.GetSharedMemory(), nullptr);
 }
 
+TEST(KIPCTest, TouchingMemoryAfterAnotherProcessShortenedTheObjectEndsTheProcess) {
+    for (const bool fgServer : {true, false}) {
+        SCOPED_TRACE(fgServer ? "server" : "client");
+        const ScopedNumber number;
+        const int nOwner = MakeSharedObject(number, kRecordSize);
+        Gate mapped;
+        Gate shortened;
+        ChildProcess user([&] {
+            // Sanitizers report the signal, and end the process as one that failed.
+            signal(SIGBUS, SIG_DFL);
+            Channel channel(number);
+            EXPECT_TRUE(channel.Create(fgServer, KIPC::SHARED_MEMORY));
+            const auto* const pByte = static_cast<const volatile unsigned char*>(channel.GetSharedMemory());
+            ASSERT_NE(pByte, nullptr);
+            EXPECT_EQ(*pByte, 0);
+            mapped.Open();
+            shortened.Pass();
+            EXPECT_EQ(*pByte, 0);
+        });
+        mapped.Pass();
+        EXPECT_EQ(ftruncate(nOwner, 0), 0);
+        shortened.Open();
+        EXPECT_EQ(user.Wait(), ChildProcess::kKilled);
+        EXPECT_EQ(user.Signal(), SIGBUS);
+        // Who has the system read the object is told instead.
+        unsigned char bytes[kRecordSize];
+        EXPECT_EQ(pread(nOwner, bytes, kRecordSize, 0), 0);
+        close(nOwner);
+    }
+}
+
 TEST(KIPCTest, TwoProcessesExchangeRecordsOverALocalSocket) {
     constexpr unsigned int kRecords = 200;
     const ScopedDirectory directory;

@@ -26,11 +26,30 @@ def counts(text, preset):
 
 
 def figures_of_tests(text):
+    passed, failed, skipped = map(int, re.search(r"^(\d+) passed, (\d+) failed, (\d+) skipped", text, re.MULTILINE).groups())
+    yield "`.ci/run`", f"{passed:,} passed, {skipped:,} skipped{f', {failed:,} failed' if failed else ''};"
+    for preset in ("dev", "asan", "tsan", "arm"):
+        total, broken, skipped = counts(text, preset)
+        yield f"| `{preset}` |", f"{total:,} | {total - broken - skipped:,} | {skipped:,} |"
+    yield "test cases", f"{counts(text, 'dev')[0]:,} on the plain build"
+
+
+def figures_of_release(text):
     passed, failed = map(int, re.search(r"^(\d+) passed, (\d+) failed", text, re.MULTILINE).groups())
-    plain, plain_failed, plain_skipped = counts(text, "dev")
-    yield "`.ci/run`", f"{passed:,} passed{f', {failed:,} failed' if failed else ''}"
-    yield "`.ci/run`", f"{plain - plain_failed - plain_skipped:,} of them on the plain build"
-    yield "test cases", f"{plain:,} on the plain build"
+    yield "`scripts/test release arm-release`", f"{passed:,} passed{f', {failed:,} failed' if failed else ''}"
+
+
+def figures_of_clang(text):
+    failed, total = map(int, re.search(r"(\d+) tests failed out of (\d+)", text).groups())
+    yield "`scripts/test clang`", f"{total:,} tests, {failed or 'none'} failed"
+
+
+def figures_of_lint(text):
+    yield "`scripts/lint`", "there are findings" if re.search(r"^\(failed\)$", text, re.MULTILINE) else "nothing found"
+
+
+def figures_of_torture(text):
+    yield "`build/dev/tests/TortureTest`", f"{int(re.search(r'^([0-9]+) faults injected$', text, re.MULTILINE)[1]):,} failures"
 
 
 def figures_of_ubsan(text):
@@ -39,13 +58,13 @@ def figures_of_ubsan(text):
 
 
 def figures_of_valgrind(text):
-    passed = len(re.findall(r"^\w+: \d+ tests? passed, nothing reported$", text, re.MULTILINE))
+    passed = len(re.findall(r"^\w+: .+, nothing reported$", text, re.MULTILINE))
     failed = len(re.findall(r"^\w+: failed$", text, re.MULTILINE))
     yield "`scripts/valgrind`", f"{passed} of {passed + failed} programs"
 
 
 def figures_of_coverage(text):
-    for what in ("lines", "branches"):
+    for what in ("lines", "functions", "branches"):
         share, count = re.search(rf"^{what}: ([\d.]+)% \(\d+ out of (\d+)\)", text, re.MULTILINE).groups()
         yield "`scripts/coverage`", f"{float(share):g} % of {int(count):,} {what}"
 
@@ -57,7 +76,8 @@ def figures_of_repeat(text):
 
 
 FIGURES = {"tests": figures_of_tests, "ubsan": figures_of_ubsan, "valgrind": figures_of_valgrind,
-           "coverage": figures_of_coverage, "repeat": figures_of_repeat}  # fmt: skip
+           "coverage": figures_of_coverage, "repeat": figures_of_repeat, "release": figures_of_release,
+           "clang": figures_of_clang, "lint": figures_of_lint, "torture": figures_of_torture}  # fmt: skip
 
 
 def check_methods(document, kept):
@@ -123,12 +143,21 @@ def complaints(document, kept):
 
 # A document and what was kept, as the scripts print it, that agree; and what makes them disagree, each in one figure.
 SAMPLE = """
-| What is tested | 5,999 passed, 1,995 of them on the plain build | `.ci/run` |
+| What is tested | 7,995 passed, 6 skipped; by build below | `.ci/run` |
+| What is shipped | 3,000 passed | `scripts/test release arm-release` |
+| By Clang | 2,100 tests, none failed | `scripts/test clang` |
+| Every source | nothing found | `scripts/lint` |
+| Failures | 63 scenarios, 6,504 failures | `build/dev/tests/TortureTest` |
 | In random orders | both: 3 of 3 without a failure | `scripts/repeat 20 dev tsan` |
 | Undefined behaviour | 1,550 tests, no report | `scripts/test ubsan` |
 | Memory | 2 of 3 programs | `scripts/valgrind` |
-| Coverage | 99.5 % of 3,450 lines, 99.4 % of 1,852 branches | `scripts/coverage` |
+| Coverage | 99.5 % of 3,450 lines, 94.2 % of 948 functions, 99.4 % of 1,852 branches | `scripts/coverage` |
 | test cases | 2,000 on the plain build |
+
+| `dev` | 2,000 | 1,995 | 5 |
+| `asan` | 4,001 | 4,000 | 1 |
+| `tsan` | 1,000 | 1,000 | 0 |
+| `arm` | 1,000 | 1,000 | 0 |
 
 | class | tried | noticed | |
 |---|---:|---:|---|
@@ -143,10 +172,16 @@ Made by `scripts/trust fuzz` and by `scripts/trust mutate:KQueue`.
 SAMPLE_KEPT = {
     "tests": "2024-05-06\n$ .ci/run\n\n=== dev ===\n100% tests passed, 0 tests failed out of 2000\n"
              "\t1 - A.B (Skipped)\n\t2 - A.C (Skipped)\n\t3 - A.D (Skipped)\n\t4 - A.E (Skipped)\n\t5 - A.F (Skipped)\n"
-             "\n=== asan ===\n100% tests passed, 0 tests failed out of 4004\n"
-             "\n=== summary ===\n5999 passed, 0 failed, 5 skipped\n",
+             "\n=== asan ===\n100% tests passed, 0 tests failed out of 4001\n\t1 - A.B (Skipped)\n"
+             "\n=== tsan ===\n100% tests passed, 0 tests failed out of 1000\n"
+             "\n=== arm ===\n100% tests passed, 0 tests failed out of 1000\n"
+             "\n=== summary ===\n7995 passed, 0 failed, 6 skipped\n",
+    "release": "=== release ===\n=== summary ===\n3000 passed, 0 failed, 9 skipped\n",
+    "clang": "100% tests passed, 0 tests failed out of 2100\n",
+    "lint": "2024-05-06\n\n$ scripts/lint\n\n=== formatting ===\n",
+    "torture": "6504 faults injected\n[==========] 128 tests from 2 test suites ran. (65678 ms total)\n",
     "ubsan": "100% tests passed, 0 tests failed out of 1550\n",
-    "valgrind": "ATest: 12 tests passed, nothing reported\nBTest: 1 test passed, nothing reported\nCTest: failed\n",
+    "valgrind": "ATest: 12 tests passed, nothing reported\nkplist: 9 files checked, nothing reported\nCTest: failed\n",
     "coverage": "lines: 99.5% (3433 out of 3450)\nfunctions: 94.2% (893 out of 948)\nbranches: 99.4% (1840 out of 1852)\n",
     "repeat": "dev: run 2 of 3, 30 programs, 0 runs with failures so far\n"
               "dev: run 3 of 3, 30 programs, 0 runs with failures so far\n"
@@ -157,8 +192,12 @@ SAMPLE_KEPT = {
               "KThread: 13 of 13 changes tried: 12 noticed (0 for the time that a test took), 0 survived (100.0 % noticed)\n"
               "KQueue: 9 of 2000 changes tried: 9 noticed (0 for the time that a test took), 0 survived (100.0 % noticed)\n",
     "mutate-KQueue": "2024-05-07\nKQueue: 100 of 2000 changes tried: 90 noticed (0 for the time), 0 survived\n"}  # fmt: skip
-CHANGES = [("tests", "5999 passed, 0 failed", "5998 passed, 1 failed"), ("tests", "5999 passed", "6999 passed"),
-           ("tests", "\t1 - A.B (Skipped)\n", ""), ("tests", "=== dev", "=== gone"), ("ubsan", "1550", "1551"),
+CHANGES = [("tests", "7995 passed, 0 failed", "7995 passed, 1 failed"), ("tests", "7995 passed", "6995 passed"),
+           ("tests", "\t1 - A.B (Skipped)\n", ""), ("tests", "out of 4001\n\t1 - A.B (Skipped)", "out of 4001"),
+           ("tests", "out of 1000\n\n=== arm", "out of 1001\n\n=== arm"), ("release", "3000", "3001"),
+           ("release", "0 failed", "1 failed"), ("clang", "2100", "2101"), ("clang", "0 tests failed", "1 tests failed"),
+           ("lint", "$ scripts/lint\n", "$ scripts/lint\n(failed)\n"), ("torture", "6504", "6505"), ("coverage", "948", "949"),
+           ("tests", "=== dev", "=== gone"), ("ubsan", "1550", "1551"),
            ("ubsan", "0 tests failed", "1 tests failed"), ("valgrind", "CTest: failed\n", ""), ("coverage", "3450", "3451"),
            ("coverage", "99.4%", "99.3%"), ("repeat", "dev: run 3 of 3, 30 programs, 0", "dev: run 3 of 3, 30 programs, 1"),
            ("repeat", "tsan: run 3 of 3", "tsan: run 2 of 3"), ("fuzz", "20829", "20830"), ("fuzz", "1361", "1362"),

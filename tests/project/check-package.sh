@@ -42,8 +42,8 @@ else
 fi
 
 case ${architecture} in
-    amd64) triplet=x86_64-linux-gnu ;;
-    armhf) triplet=arm-linux-gnueabihf ;;
+    amd64) triplet=x86_64-linux-gnu protection=strong ;;
+    armhf) triplet=arm-linux-gnueabihf protection=plain ;;
 esac
 libraries=${root}/usr/lib/${triplet}
 
@@ -71,6 +71,8 @@ used=$("${readelf}" --version-info --wide "${libraries}/libkalvoren-sharedd.so.1
 nm=${readelf%readelf}nm
 "${source}/tests/project/check-library.sh" "${libraries}/libkalvoren-sharedd.so.1.0.0" "${readelf}" "${nm}" ||
     refuse "the library is not as promised"
+"${source}/tests/project/check-flags.py" "${source}" "${source}/build/package/${architecture}" "${protection}" \
+    "${libraries}/libkalvoren-sharedd.so.1.0.0" "${readelf}" || refuse "what is shipped is not compiled as hard to misuse"
 "${source}/tests/project/check-hardening.sh" "${root}/usr/bin/kplist" "${readelf}" "${nm}" || refuse "kplist is not hardened"
 
 # The bill of materials names the library's files with their sums, and what the library needs.

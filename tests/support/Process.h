@@ -47,8 +47,12 @@ class ChildProcess {
             return kFailed;
         }
         m_nProcess = 0;
+        m_nSignal = WIFSIGNALED(nStatus) ? WTERMSIG(nStatus) : 0;
         return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : kKilled;
     }
+
+    /// The signal that ended the process, once that was waited for; 0 where none did.
+    int Signal() const { return m_nSignal; }
 
     /// Ends the process wherever it is, as a crash or a power switch would, and waits for its end.
     void Kill() {
@@ -60,6 +64,7 @@ class ChildProcess {
 
  private:
     pid_t m_nProcess;
+    int m_nSignal = 0;
 };
 
 /// Runs a piece of code in a process of its own, so that what it does to the process ends with it.
