@@ -1,12 +1,14 @@
-// The reader of property lists as its description tells it, without regard to cost: it recurses, copies and searches where the
-// library goes over the text once. Both have to come to the same.
+// The reader of property lists as its description tells it, without regard to cost: it copies and searches where the library
+// goes over the text once. Both have to come to the same, at any depth: nothing here recurses.
 #ifndef KALVOREN_FUZZ_PROPERTYMODEL_H
 #define KALVOREN_FUZZ_PROPERTYMODEL_H
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,8 +17,23 @@
 
 namespace fuzz {
 
-/// A node of a tree.
+/// A node of a tree, which may be of any depth.
 struct ModelNode {
+    ModelNode() = default;
+    ModelNode(KPropertyNodeType eNodeType, std::string nodeText, std::size_t nNodePlace = 0)
+        : eType(eNodeType), text(std::move(nodeText)), nPlace(nNodePlace) {}
+    ModelNode(ModelNode&&) = default;
+    ModelNode& operator=(ModelNode&&) = delete;
+    /// What hangs below it is not left to the destructors of its children, which would call each other.
+    ~ModelNode() {
+        std::vector<ModelNode> waiting = std::move(children);
+        while (!waiting.empty()) {
+            std::vector<ModelNode> next = std::move(waiting.back().children);
+            waiting.pop_back();
+            std::move(next.begin(), next.end(), std::back_inserter(waiting));
+        }
+    }
+
     KPropertyNodeType eType = PROPERTY_NONE;
     std::string text;
     std::vector<ModelNode> children;
@@ -24,11 +41,20 @@ struct ModelNode {
 };
 
 /// A tree as a text in which every difference shows.
-inline std::string Dump(const ModelNode& node) {
+inline std::string Dump(const ModelNode& root) {
     std::string text;
-    for (const ModelNode& child : node.children) {
-        text += "(" + std::to_string(child.eType) + ":" + std::to_string(child.text.size()) + ":" + child.text +
-                Dump(child) + ")";
+    // The nodes whose children are being told, the root first, and which of these is next.
+    std::vector<std::pair<const ModelNode*, std::size_t>> open = {{&root, 0}};
+    while (!open.empty()) {
+        const ModelNode& node = *open.back().first;
+        if (open.back().second == node.children.size()) {
+            open.pop_back();
+            text += open.empty() ? "" : ")";
+            continue;
+        }
+        const ModelNode& child = node.children[open.back().second++];
+        text += "(" + std::to_string(child.eType) + ":" + std::to_string(child.text.size()) + ":" + child.text;
+        open.emplace_back(&child, 0);
     }
     return text;
 }
@@ -66,16 +92,16 @@ struct ModelClosing {
 
 class ModelReader {
  public:
-    explicit ModelReader(const std::string& text) : m_Text(text.substr(0, text.find('\0'))), m_nWhole(m_Text.size()) {
-        Parse(m_Root, 0, ModelLevel::TOP);
+    explicit ModelReader(const std::string& text) : m_Text(text.substr(0, text.find('\0'))) {
+        Begin(m_Root, ModelLevel::TOP);
+        while (ReadElement()) {
+        }
     }
 
     const ModelNode& Root() const { return m_Root; }
     const std::string& Header() const { return m_Header; }
     /// What was not read.
-    const std::string& Rest() const { return m_Text; }
-    /// Whether the model could follow: it is no match for the library where lists are nested deeply.
-    bool IsSure() const { return m_fgSure; }
+    std::string Rest() const { return m_Text.substr(m_nHere); }
 
     /// What was read, in the order of the text.
     const std::vector<ModelElement>& Elements() const { return m_Elements; }
@@ -88,7 +114,20 @@ class ModelReader {
     const std::vector<std::pair<std::size_t, std::size_t>>& LongDeclarations() const { return m_LongDeclarations; }
 
  private:
-    static constexpr int kDeepest = 500;
+    /// A level that is open: what its elements hang under, and what was read of it.
+    struct Level {
+        ModelNode* pParent;
+        ModelLevel eLevel;
+        int nNumber;
+        /// Elements hang under the parent itself, or the last of its keys.
+        bool fgKey = false;
+        std::size_t nKey = 0;
+        std::string value = "";  ///< The text of the element before.
+        int nValues = 0;
+
+        /// Children are added meanwhile: good until the next one.
+        ModelNode& Holder() const { return fgKey ? pParent->children[nKey] : *pParent; }
+    };
 
     static bool StartsWith(const std::string& text, const char* pszWord) {
         return strncasecmp(text.c_str(), pszWord, std::strlen(pszWord)) == 0;
@@ -97,133 +136,144 @@ class ModelReader {
         return strcasestr(text.c_str(), pszWord) != nullptr;
     }
 
-    /// Cuts the text behind the first occurrence of a word, in any case. False, with nothing cut, without one.
+    /// Goes behind the first occurrence of a word, in any case. False, and nowhere, without one.
     bool CutThrough(const std::string& word) {
-        const char* const pHit = strcasestr(m_Text.c_str(), word.c_str());
+        const char* const pHit = strcasestr(m_Text.c_str() + m_nHere, word.c_str());
         if (pHit == nullptr) {
             return false;
         }
-        m_Text.erase(0, static_cast<std::size_t>(pHit - m_Text.c_str()) + word.size());
+        m_nHere = static_cast<std::size_t>(pHit - m_Text.c_str()) + word.size();
         return true;
     }
 
-    void CutTag(const std::string& tag) { m_Text.erase(0, tag.size() + 2); }
+    void CutTag(const std::string& tag) { m_nHere = std::min(m_nHere + tag.size() + 2, m_Text.size()); }
 
     /// The text of the tag here: behind "<", at least one byte, as far as ">" or the end. Empty where there is none.
     std::string Tag() const {
-        if (m_Text.empty() || m_Text[0] != '<') {
+        if (m_nHere == m_Text.size() || m_Text[m_nHere] != '<') {
             return "";
         }
-        return m_Text.substr(1, m_Text.find('>') == std::string::npos ? std::string::npos : m_Text.find('>') - 1);
+        const std::size_t nEnd = m_Text.find('>', m_nHere);
+        return m_Text.substr(m_nHere + 1, nEnd == std::string::npos ? nEnd : nEnd - m_nHere - 1);
     }
 
-    std::size_t Here() const { return m_nWhole - m_Text.size(); }
+    void Begin(ModelNode& parent, ModelLevel eLevel) { m_Levels.push_back({&parent, eLevel, ++m_nLevels}); }
 
-    void Parse(ModelNode& parent, int nDepth, ModelLevel eLevel) {
-        m_fgSure = m_fgSure && nDepth < kDeepest;
-        if (!m_fgSure) {
-            return;
+    static void NoteKeyWithoutValue(const Level& level, std::vector<std::size_t>& places) {
+        if (level.fgKey && level.nValues == 0) {
+            places.push_back(level.Holder().nPlace);
         }
-        // Children are added while it is in use: the parent itself, or the last of its keys.
-        bool fgKey = false;
-        std::size_t nKey = 0;
-        const auto holder = [&]() -> ModelNode& { return fgKey ? parent.children[nKey] : parent; };
-        std::string value;
-        const int nLevel = ++m_nLevels;
-        int nValues = 0;
-        const auto noteKeyWithoutValue = [&] {
-            if (fgKey && nValues == 0) {
-                m_KeysWithoutValue.push_back(holder().nPlace);
-            }
-        };
-        for (;;) {
-            const std::size_t nFirst = m_Text.find_first_not_of("\r\n\t");
-            m_Text.erase(0, nFirst == std::string::npos ? m_Text.size() : nFirst);
-            const std::string tag = Tag();
-            if (tag.empty()) {
-                return;
-            }
-            ModelElement element;
-            element.nPlace = Here();
-            element.tag = tag;
-            element.eAround = eLevel;
-            element.nAround = nLevel;
-            element.nKeyPlace = fgKey ? holder().nPlace : kNoPlace;
-            element.key = fgKey ? holder().text : "";
-            element.nValues = nValues;
-            element.fgBehindList = m_fgListClosed && nDepth == 0;
-            if (StartsWith(tag, "?XML")) {
-                m_Header = tag;
-                if (!CutThrough("?>")) {
-                    m_fgEnded = true;
-                } else if (Here() > element.nPlace + tag.size() + 2) {
-                    m_LongDeclarations.emplace_back(element.nPlace, Here() - 2);
-                }
-            } else if (StartsWith(tag, "!DOCTYPE")) {
-                m_Header = tag;
-                if (!CutThrough(">")) {
-                    m_fgEnded = true;
-                }
-            } else if (StartsWith(tag, "PLIST") || StartsWith(tag, "DICT") || StartsWith(tag, "ARRAY")) {
-                element.eOpened = StartsWith(tag, "PLIST")  ? ModelLevel::LIST
-                                  : StartsWith(tag, "DICT") ? ModelLevel::DICTIONARY
+    }
+
+    /// Reads what comes next. False at the end of the read.
+    bool ReadElement() {
+        m_nHere = std::min(m_Text.find_first_not_of("\r\n\t", m_nHere), m_Text.size());
+        const std::string tag = Tag();
+        if (tag.empty()) {
+            return false;
+        }
+        Level& level = m_Levels.back();
+        ModelElement element;
+        element.nPlace = m_nHere;
+        element.tag = tag;
+        element.eAround = level.eLevel;
+        element.nAround = level.nNumber;
+        element.nKeyPlace = level.fgKey ? level.Holder().nPlace : kNoPlace;
+        element.key = level.fgKey ? level.Holder().text : "";
+        element.nValues = level.nValues;
+        element.fgBehindList = m_fgListClosed && m_Levels.size() == 1;
+        if (StartsWith(tag, "?XML") || StartsWith(tag, "!DOCTYPE")) {
+            return ReadDeclaration(tag);
+        }
+        if (StartsWith(tag, "PLIST") || StartsWith(tag, "DICT") || StartsWith(tag, "ARRAY")) {
+            ReadOpening(element);
+            return true;
+        }
+        if (StartsWith(tag, "/PLIST") || StartsWith(tag, "/DICT") || StartsWith(tag, "/ARRAY")) {
+            return ReadClosing(tag);
+        }
+        if (TextType(tag) != PROPERTY_NONE) {
+            element.eType = TextType(tag);
+            return ReadText(element);
+        }
+        if (Contains(tag, "FALSE/") || Contains(tag, "TRUE/")) {
+            CutTag(tag);
+            element.eType = PROPERTY_BOOLEAN;
+            element.text = Contains(tag, "FALSE/") ? "FALSE" : "TRUE";
+            m_Elements.push_back(element);
+            level.Holder().children.emplace_back(PROPERTY_BOOLEAN, element.text, element.nPlace);
+            ++level.nValues;
+            return true;
+        }
+        // A closing tag that closes nothing, and an element that is not known, end the read on every level.
+        return false;
+    }
+
+    bool ReadDeclaration(const std::string& tag) {
+        const std::size_t nPlace = m_nHere;
+        const bool fgXml = StartsWith(tag, "?XML");
+        m_Header = tag;
+        if (!CutThrough(fgXml ? "?>" : ">")) {
+            return false;
+        }
+        if (fgXml && m_nHere > nPlace + tag.size() + 2) {
+            m_LongDeclarations.emplace_back(nPlace, m_nHere - 2);
+        }
+        return true;
+    }
+
+    void ReadOpening(ModelElement& element) {
+        element.eOpened = StartsWith(element.tag, "PLIST")  ? ModelLevel::LIST
+                          : StartsWith(element.tag, "DICT") ? ModelLevel::DICTIONARY
                                                             : ModelLevel::ARRAY;
-                m_Elements.push_back(element);
-                m_Open.push_back(element.nPlace);
-                ++nValues;
-                CutTag(tag);
-                Parse(holder(), nDepth + 1, element.eOpened);
-            } else if (StartsWith(tag, "/PLIST") || StartsWith(tag, "/DICT") || StartsWith(tag, "/ARRAY")) {
-                CutTag(tag);
-                if (nDepth > 0) {
-                    m_Closings.push_back({element.nPlace, tag, m_Open.back(), eLevel});
-                    m_Open.pop_back();
-                    m_fgListClosed = m_fgListClosed || (nDepth == 1 && eLevel == ModelLevel::LIST);
-                    noteKeyWithoutValue();
-                }
-                return;
-            } else if (KPropertyNodeType eType = TextType(tag); eType != PROPERTY_NONE) {
-                const std::string strElement = m_Text;
-                const std::size_t nText = tag.size() + 2;
-                const std::string strRest = strElement.size() > nText ? strElement.substr(nText) : "";
-                const std::string strFound = strRest.substr(0, strRest.find('<'));
-                // An empty element leaves what the element before it left.
-                value = strFound.empty() ? value : strFound;
-                if (!CutThrough("</" + tag + ">")) {
-                    m_fgEnded = true;
-                    return;
-                }
-                element.eType = eType;
-                element.text = value;
-                element.written = strFound;
-                element.nTextEnd = element.nPlace + nText + strFound.size();
-                element.nClosing = Here() - (tag.size() + 3);
-                m_Elements.push_back(element);
-                if (eType == PROPERTY_KEY) {
-                    noteKeyWithoutValue();
-                    parent.children.push_back({eType, value, {}, element.nPlace});
-                    fgKey = true;
-                    nKey = parent.children.size() - 1;
-                    nValues = 0;
-                } else {
-                    holder().children.push_back({eType, value, {}, element.nPlace});
-                    ++nValues;
-                }
-            } else if (Contains(tag, "FALSE/") || Contains(tag, "TRUE/")) {
-                CutTag(tag);
-                element.eType = PROPERTY_BOOLEAN;
-                element.text = Contains(tag, "FALSE/") ? "FALSE" : "TRUE";
-                m_Elements.push_back(element);
-                holder().children.push_back({PROPERTY_BOOLEAN, element.text, {}, element.nPlace});
-                ++nValues;
-            } else {
-                // A closing tag that closes nothing, and an element that is not known, end the read on every level.
-                m_fgEnded = true;
-            }
-            if (m_fgEnded || !m_fgSure) {
-                return;
-            }
+        m_Elements.push_back(element);
+        m_Open.push_back(element.nPlace);
+        ++m_Levels.back().nValues;
+        CutTag(element.tag);
+        Begin(m_Levels.back().Holder(), element.eOpened);
+    }
+
+    /// Whatever a closing tag names, it closes the level that was opened last; where there is none, it ends the read.
+    bool ReadClosing(const std::string& tag) {
+        const std::size_t nPlace = m_nHere;
+        CutTag(tag);
+        if (m_Levels.size() == 1) {
+            return false;
         }
+        const Level& level = m_Levels.back();
+        m_Closings.push_back({nPlace, tag, m_Open.back(), level.eLevel});
+        m_Open.pop_back();
+        m_fgListClosed = m_fgListClosed || (m_Levels.size() == 2 && level.eLevel == ModelLevel::LIST);
+        NoteKeyWithoutValue(level, m_KeysWithoutValue);
+        m_Levels.pop_back();
+        return true;
+    }
+
+    bool ReadText(ModelElement& element) {
+        Level& level = m_Levels.back();
+        const std::size_t nText = std::min(m_nHere + element.tag.size() + 2, m_Text.size());
+        const std::string found = m_Text.substr(nText, std::min(m_Text.find('<', nText), m_Text.size()) - nText);
+        // An empty element leaves what the element before it left.
+        level.value = found.empty() ? level.value : found;
+        if (!CutThrough("</" + element.tag + ">")) {
+            return false;
+        }
+        element.text = level.value;
+        element.written = found;
+        element.nTextEnd = nText + found.size();
+        element.nClosing = m_nHere - (element.tag.size() + 3);
+        m_Elements.push_back(element);
+        if (element.eType == PROPERTY_KEY) {
+            NoteKeyWithoutValue(level, m_KeysWithoutValue);
+            level.pParent->children.emplace_back(element.eType, element.text, element.nPlace);
+            level.fgKey = true;
+            level.nKey = level.pParent->children.size() - 1;
+            level.nValues = 0;
+        } else {
+            level.Holder().children.emplace_back(element.eType, element.text, element.nPlace);
+            ++level.nValues;
+        }
+        return true;
     }
 
     static KPropertyNodeType TextType(const std::string& tag) {
@@ -243,8 +293,9 @@ class ModelReader {
         return PROPERTY_NONE;
     }
 
-    std::string m_Text;
-    std::size_t m_nWhole;
+    const std::string m_Text;
+    std::size_t m_nHere = 0;      ///< How far it was read.
+    std::vector<Level> m_Levels;  ///< Those that are open, the text as a whole first.
     std::string m_Header;
     ModelNode m_Root;
     std::vector<ModelElement> m_Elements;
@@ -254,20 +305,28 @@ class ModelReader {
     std::vector<std::pair<std::size_t, std::size_t>> m_LongDeclarations;
     int m_nLevels = 0;
     bool m_fgListClosed = false;
-    bool m_fgEnded = false;
-    bool m_fgSure = true;
 };
 
 /// The tree that the library built, taken out of it and destroyed: a node's own destructor leaves half of it.
-inline ModelNode TakeTree(KPropertyNode& node, KPropertyNodeType eType, const std::string& text) {
-    ModelNode taken = {eType, text, {}};
-    while (node.GetNodeCount() > 0) {
-        KPropertyNode* const pChild = *node.GetNode(0);
-        node.RemoveNode(0);
-        const KString value = pChild->GetStringValue();
-        taken.children.push_back(TakeTree(*pChild, pChild->GetValueType(),
-                                          std::string(value.GetBuffer(), static_cast<std::size_t>(value.Length()))));
-        delete pChild;
+inline ModelNode TakeTree(KPropertyNode& root) {
+    ModelNode taken;
+    std::vector<std::pair<KPropertyNode*, ModelNode*>> waiting = {{&root, &taken}};
+    while (!waiting.empty()) {
+        const auto [pNode, pTaken] = waiting.back();
+        waiting.pop_back();
+        // None is added later, so that they stay where they are.
+        pTaken->children.reserve(static_cast<std::size_t>(pNode->GetNodeCount()));
+        while (pNode->GetNodeCount() > 0) {
+            KPropertyNode* const pChild = *pNode->GetNode(0);
+            pNode->RemoveNode(0);
+            const KString value = pChild->GetStringValue();
+            pTaken->children.emplace_back(pChild->GetValueType(),
+                                          std::string(value.GetBuffer(), static_cast<std::size_t>(value.Length())));
+            waiting.emplace_back(pChild, &pTaken->children.back());
+        }
+        if (pNode != &root) {
+            delete pNode;
+        }
     }
     return taken;
 }

@@ -79,17 +79,17 @@ class Writer {
                 }
             } else if (nChoice >= TRUE_VALUE) {
                 m_Text += nChoice == TRUE_VALUE ? "<true/>" : "<false/>";
-                holder.children.push_back({PROPERTY_BOOLEAN, nChoice == TRUE_VALUE ? "TRUE" : "FALSE", {}});
+                holder.children.emplace_back(PROPERTY_BOOLEAN, nChoice == TRUE_VALUE ? "TRUE" : "FALSE");
             } else {
                 const std::string text = Value();
                 Element(kNames[nChoice], text);
                 last = text.empty() ? last : text;
                 if (nChoice == KEY) {
-                    parent.children.push_back({PROPERTY_KEY, last, {}});
+                    parent.children.emplace_back(PROPERTY_KEY, last);
                     fgKey = true;
                     nKey = parent.children.size() - 1;
                 } else {
-                    holder.children.push_back({kTypes[nChoice], last, {}});
+                    holder.children.emplace_back(kTypes[nChoice], last);
                 }
             }
         }
@@ -136,7 +136,7 @@ void ReadBack(const Writer& writer) {
             fuzz::ExpectSame((*ppFound)->GetNodeCount(), static_cast<int>(wanted.children.size()), "its children");
         }
     });
-    fuzz::ExpectSame(fuzz::Dump(fuzz::TakeTree(*list.GetRoot(), PROPERTY_NONE, "")), fuzz::Dump(writer.Root()), "tree");
+    fuzz::ExpectSame(fuzz::Dump(fuzz::TakeTree(*list.GetRoot())), fuzz::Dump(writer.Root()), "tree");
 }
 
 /// A list that something happened to: a byte that is gone, doubled or another one. The model tells what comes of it.
@@ -155,8 +155,7 @@ void ReadDamaged(std::string text, fuzz::Input& input) {
     }
     const fuzz::ModelReader model(text);
     KPropertyList list(fuzz::Made(text));
-    fuzz::ExpectSame(fuzz::Dump(fuzz::TakeTree(*list.GetRoot(), PROPERTY_NONE, "")), fuzz::Dump(model.Root()),
-                     "damaged");
+    fuzz::ExpectSame(fuzz::Dump(fuzz::TakeTree(*list.GetRoot())), fuzz::Dump(model.Root()), "damaged");
 }
 
 }  // namespace

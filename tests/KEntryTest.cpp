@@ -1,7 +1,10 @@
 #include "KEntry.h"
 
 #include <dlfcn.h>
+#include <malloc.h>
 
+#include <algorithm>
+#include <atomic>
 #include <clocale>
 #include <csignal>
 #include <cstdint>
@@ -9,22 +12,30 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
 #include "KAssert.h"
 #include "KDebug.h"
 #include "KDirectory.h"
+#include "KIPC.h"
+#include "KLib.h"
 #include "KLocale.h"
 #include "KMem.h"
+#include "KMessage.h"
 #include "KNet.h"
+#include "KPropertyList.h"
+#include "KQueue.h"
 #include "KSystem.h"
+#include "KThread.h"
 #include "support/Descriptors.h"
 #include "support/FailingNew.h"
 #include "support/HeapUse.h"
 #include "support/LeaveProcess.h"
 #include "support/Locales.h"
 #include "support/LogLines.h"
+#include "support/PropertyTree.h"
 #include "support/Support.h"
 
 using support::LogOf;
@@ -393,19 +404,116 @@ TEST_F(KEntryTest, ItCanBeStartedAgainWithEveryStep) {
 
 namespace {
 
+/// A channel's two sides and the server's end of their connection. Channels are made once, for their records are never freed.
+class Channels {
+ public:
+    explicit Channels(const std::string& path) {
+        for (KIPC* const pChannel : {&m_Server, &m_Client, &m_Peer}) {
+            pChannel->SetType(KIPC::LOCAL_SOCKET);
+            pChannel->SetPath(KPath(path.c_str()));
+        }
+    }
+
+    /// Sends a record from one side to the other.
+    void Work() {
+        ASSERT_TRUE(m_Server.Create(true, KIPC::LOCAL_SOCKET));
+        ASSERT_TRUE(m_Client.CreateClient());
+        ASSERT_TRUE(m_Client.ConnectToServer());
+        ASSERT_TRUE(m_Server.WaitForConnectToMe(m_Peer));
+        KIPC::IPCData sent = {{'x'}};
+        KIPC::IPCData received = {};
+        ASSERT_TRUE(m_Client.Write(sent));
+        ASSERT_TRUE(m_Peer.Read(received));
+        ASSERT_EQ(received.bytes[0], 'x');
+        m_Peer.Close();
+        m_Client.Close();
+        m_Server.Close();
+    }
+
+ private:
+    KIPC m_Server, m_Client, m_Peer;
+};
+
+struct Worker : KThread {
+    ~Worker() override { Stop(); }
+    int ThreadMainLoop() override {
+        fgRan = true;
+        return 0;
+    }
+    std::atomic<bool> fgRan{false};
+};
+
+void UseAThread() {
+    Worker worker;
+    ASSERT_TRUE(worker.Start(0, KThread::NORMAL, -1, nullptr));
+    while (!worker.fgRan) {
+        std::this_thread::yield();
+    }
+    ASSERT_TRUE(worker.Stop());
+}
+
+void UseAMessage() {
+    struct Handler : KMessageHandler {
+        int HandleMessage(const KMessage&) override { return ++nReceived; }
+        int nReceived = 0;
+    } handler;
+    KString name("at work");
+    ASSERT_TRUE(KMessageHandler::Register(&handler, name));
+    KMessageHandler::SendMessage(name, KMessage(name, name, nullptr, 0));
+    ASSERT_EQ(handler.nReceived, 1);
+    ASSERT_TRUE(KMessageHandler::Unregister(&handler, name));
+}
+
+void UseAPropertyList() {
+    const KString text(
+        "<plist><dict><key>Name</key><string>North gate</string><key>Port</key><integer>80</integer></dict></plist>");
+    support::ReadList list(text);
+    ASSERT_EQ(list.Dump(), "key(Name){string(North gate)}key(Port){integer(80)}");
+}
+
+void UseAPlugIn() {
+    KLib library;
+    ASSERT_TRUE(library.Load(KPath(KALVOREN_PLUGINS "/places/codec")));
+    ASSERT_NE(library.GetFunc(KString("PluginName")), nullptr);
+    ASSERT_TRUE(library.Unload());
+}
+
 /// Uses the modules, and leaves nothing behind.
-void Work(KPath& path) {
+void Work(KPath& path, Channels& channels) {
     void* pBlock = KMem::Malloc(100);
     pBlock = KMem::Realloc(pBlock, 200);
     KMem::Free(&pBlock);
     KMem block(100);
     block += KMem(10);
+    ASSERT_NO_FATAL_FAILURE(UseAThread());
+    ASSERT_NO_FATAL_FAILURE(UseAMessage());
+    ASSERT_NO_FATAL_FAILURE(UseAPropertyList());
+    ASSERT_NO_FATAL_FAILURE(UseAPlugIn());
+    ASSERT_NO_FATAL_FAILURE(channels.Work());
     KDirectory directory;
     ASSERT_TRUE(directory.Open(path));
     ASSERT_EQ(directory.GetCount(), 2);
     ASSERT_TRUE(KSystem::GetInstance()->SetOSInfo());
     const KNet net;
     KDebug::Log("at work");
+}
+
+constexpr int kTableOf = 2;
+
+/// Hands a buffer from one end of a queue to the other. Its table is never freed: kTableOf pointers.
+void UseAQueue() {
+    constexpr int kQueue = 7;
+    ASSERT_TRUE(KManagedDynamicDataQueue::Create(kQueue, kTableOf));
+    KManagedDynamicDataQueue& queue = *KManagedDynamicDataQueue::GetInstance(kQueue);
+    KDynamicDataBuffer* const pBuffer = queue.PopWrite();
+    ASSERT_NE(pBuffer, nullptr);
+    ASSERT_NE(pBuffer->LockWriteBuffer(5000, 0), nullptr);
+    pBuffer->SetDataSize(5000);
+    pBuffer->UnlockWriteBuffer();
+    ASSERT_TRUE(queue.PushWrite(pBuffer));
+    ASSERT_EQ(queue.PopRead(), pBuffer);
+    ASSERT_TRUE(queue.PushRead(pBuffer));
+    ASSERT_TRUE(KManagedDynamicDataQueue::Delete(kQueue));
 }
 
 int CountOf(const std::string& text, const std::string& sought) {
@@ -416,34 +524,62 @@ int CountOf(const std::string& text, const std::string& sought) {
     return nCount;
 }
 
+constexpr int kStarts = 1000;
+
+/// Starts and stops the library a thousand times with work between. Expects that each time leaves so many bytes allocated,
+/// where no sanitizer has an allocator of its own, and no descriptor.
+template <typename Code>
+void ExpectLeftByEachStart(std::size_t nWanted, const Code& work) {
+    constexpr int kFirst = 20;  // What is kept from the first time on is there behind these.
+    std::size_t nBytes = 0;
+    std::vector<int> descriptors;
+    for (int i = 0; i < kStarts; ++i) {
+        ASSERT_NE(Start(), nullptr);
+        ASSERT_NO_FATAL_FAILURE(work());
+        KEntry::Deinit();
+        ASSERT_FALSE(KAssert::GetActive());
+        ASSERT_EQ(g_pDebugBuffer, nullptr);
+        if (i + 1 == kFirst) {
+            descriptors = support::OpenDescriptors();
+            nBytes = support::BytesInUse();
+        }
+    }
+    // Not exact: libc counts freed blocks that it has in hand, and what is too small to be cut off a block that it gives. A
+    // block that is lost has 16 bytes at least, so that one in every fourth start is seen.
+    constexpr double kSlack = 4;
+    const double rLeft = static_cast<double>(support::BytesInUse()) - static_cast<double>(nBytes);
+    EXPECT_NEAR(rLeft / (kStarts - kFirst), nBytes > 0 ? static_cast<double>(nWanted) : 0, kSlack);
+    EXPECT_EQ(support::OpenDescriptors(), descriptors);
+}
+
 }  // namespace
 
 TEST_F(KEntryTest, AThousandStartsAndStopsWithWorkBetween) {
-    constexpr int kRounds = 1000;
-    constexpr int kFirstRounds = 20;  // What is kept from the first time on is there behind these.
-    std::size_t nBytes = 0;
-    std::vector<int> descriptors;
     const support::ScopedDirectory scratch;
+    const support::ScopedDirectory sockets;
     KPath path(scratch.Path().c_str());
-    const std::string lines = LogOf([&] {
-        for (int i = 0; i < kRounds; ++i) {
-            ASSERT_NE(Start(), nullptr);
-            ASSERT_NO_FATAL_FAILURE(Work(path));
-            KEntry::Deinit();
-            ASSERT_FALSE(KAssert::GetActive());
-            ASSERT_EQ(g_pDebugBuffer, nullptr);
-            if (i + 1 == kFirstRounds) {
-                descriptors = support::OpenDescriptors();
-                nBytes = support::BytesInUse();
-            }
-        }
-        // Less than a byte for each round: libc counts freed blocks that it keeps in hand.
-        EXPECT_LT(support::BytesInUse(), nBytes + kRounds - kFirstRounds);
-        EXPECT_EQ(support::OpenDescriptors(), descriptors);
-    });
-    EXPECT_EQ(CountOf(lines, "Log: KEntry Create\nLog: Directory Read "), kRounds);
-    EXPECT_EQ(CountOf(lines, "Log: at work\nLog: Directory Close " + scratch.Path()), kRounds);
+    Channels channels(sockets.Entry("channel"));
+    const std::string lines = LogOf([&] { ExpectLeftByEachStart(0, [&] { Work(path, channels); }); });
+    EXPECT_EQ(CountOf(lines, "Log: KEntry Create\n"), kStarts);
+    EXPECT_EQ(CountOf(lines, "Log: at work\nLog: Directory Close " + scratch.Path()), kStarts);
     EXPECT_THAT(lines, testing::Not(HasSubstr("OBJ ")));
+}
+
+TEST_F(KEntryTest, AThousandStartsAndStopsWithAQueueLeaveItsTableEachTime) {
+    // What libc takes for a block of the table's size.
+    void* const pLike = std::malloc(kTableOf * sizeof(void*));
+    const std::size_t nTable = malloc_usable_size(pLike) + sizeof(std::size_t);
+    std::free(pLike);
+    const std::string lines = LogOf([&] {
+        ExpectLeftByEachStart(nTable, [] {
+            UseAQueue();
+            KAssert::SetActive(false);  // Or the shut-down ends at what is left.
+        });
+    });
+    EXPECT_EQ(CountOf(lines, "OBJ "), kStarts);
+    char szSize[32];
+    std::snprintf(szSize, sizeof(szSize), " Size:%08d\n", static_cast<int>(kTableOf * sizeof(void*)));
+    EXPECT_EQ(CountOf(lines, szSize), kStarts) << "of the table and nothing else";
 }
 
 // --------------------------------------------------------------------------------------------------------- Other objects

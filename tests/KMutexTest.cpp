@@ -135,6 +135,11 @@ void UnlockTwiceBecauseOfATimeOut() {
     mutex.Unlock();
 }
 
+/// Waits for a mutex that another thread holds, until a time that is over: this unlocks it under its holder.
+bool TimeOutUnderTheHolder(KMutex& mutex) {
+    return mutex.LockWithSystemTimeBasedTimeOut(0, false);
+}
+
 /// A deadline at the start of the second that lies this far ahead, for a mutex whose base time was never set.
 long long SecondsAhead(int nSeconds) {
     return (static_cast<long long>(time(nullptr)) + nSeconds) * kMicrosecondsPerSecond;
@@ -478,7 +483,7 @@ TEST(KMutexTest, ATimeOutIsTrueAndUnlocksTheMutexOfItsHolder) {
     KMutex mutex;
     mutex.Lock();
     OnAnotherThread([&mutex] {
-        EXPECT_TRUE(mutex.LockWithSystemTimeBasedTimeOut(0, false));
+        EXPECT_TRUE(TimeOutUnderTheHolder(mutex));
         EXPECT_TRUE(mutex.TryLock()) << "nobody holds it any more";
         mutex.Unlock();
     });

@@ -1,9 +1,12 @@
 // Every class that threads may share, hammered by 2, 4 and 16 of them at once, with something that has to hold whatever their
 // order. The thread sanitizer sees what only looks right.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -12,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -31,6 +35,7 @@
 #include "KSystem.h"
 #include "KThread.h"
 #include "KTime.h"
+#include "support/Descriptors.h"
 #include "support/LittleMemory.h"
 #include "support/PropertyTree.h"
 #include "support/Support.h"
@@ -606,6 +611,147 @@ TEST_P(RacesTest, RecordsOfAFileAreWrittenAndReadWhole) {
     });
     EXPECT_EQ(file.GetSize(), kRecord * static_cast<std::size_t>(Threads()));
     EXPECT_TRUE(file.Close());
+}
+
+// Records of one file, which all threads have open as one object. Each thread writes to a place of its own.
+constexpr std::size_t kRecord = 64;
+
+long long PlaceOf(int nThread) {
+    return static_cast<long long>(kRecord) * nThread;
+}
+
+/// Expects of a record that it was written by this thread, or is the gap that a record behind it left.
+void ExpectWhole(const char* pRecord, int nThread) {
+    EXPECT_TRUE(pRecord[0] == 'a' + nThread || pRecord[0] == '\0') << static_cast<int>(pRecord[0]);
+    EXPECT_EQ(std::memcmp(pRecord, pRecord + 1, kRecord - 1), 0);
+}
+
+TEST_P(RacesTest, TheSizeOfAFileIsThatOfWholeRecordsAndNeverFalls) {
+    const support::ScopedLevel level(3);
+    const support::ScopedDirectory directory;
+    KFile file;
+    ASSERT_TRUE(file.Open(KPath(directory.Entry("file").c_str()), true));
+    const int nRounds = Rounds(8000);
+    Hammer(Threads(), [&](int nThread) {
+        char record[kRecord];
+        std::size_t nBefore = 0;
+        for (int i = 0; i < nRounds; ++i) {
+            const long long nPlace = PlaceOf(i * Threads() + nThread);
+            std::memset(record, 'a' + nThread, kRecord);
+            EXPECT_TRUE(file.Write(nPlace, record, kRecord));
+            const std::size_t nSize = file.GetSize();
+            EXPECT_EQ(nSize % kRecord, 0u);
+            EXPECT_GE(nSize, std::max(nBefore, static_cast<std::size_t>(nPlace) + kRecord));
+            nBefore = nSize;
+            EXPECT_TRUE(file.SetPosition(i % 2 == 0 ? -1 : i));
+            EXPECT_TRUE(file.Read(PlaceOf(i / 2 * Threads() + nThread), record, kRecord));
+            ExpectWhole(record, nThread);
+        }
+    });
+    EXPECT_EQ(file.GetSize(), kRecord * static_cast<std::size_t>(Threads() * nRounds));
+    EXPECT_TRUE(file.Close());
+}
+
+/// The owner's turn: opens the file anew, and leaves it renamed, deleted, closed or open.
+void TakeTurnOfOwner(KFile& file, const KPath& path, int nTurn) {
+    KPath target(path.GetPath() + "-renamed");
+    const std::string name = path.GetPath().GetBuffer();
+    EXPECT_TRUE(file.Open(path, true));
+    switch (nTurn % 4) {
+        case 0:
+            // False when somebody closed it before.
+            if (file.Rename(target)) {
+                EXPECT_FALSE(std::filesystem::exists(name));
+                EXPECT_TRUE(std::filesystem::remove(name + "-renamed"));
+            }
+            break;
+        case 1:
+            if (file.Delete()) {
+                EXPECT_FALSE(std::filesystem::exists(name));
+            }
+            break;
+        case 2:
+            EXPECT_TRUE(file.Close());
+            EXPECT_FALSE(file.Delete()) << "nobody else opens it";
+            EXPECT_TRUE(file.Create(true));
+            break;
+        default:
+            break;
+    }
+}
+
+/// The turn of the others, who find it open or closed.
+void TakeTurnOfUser(KFile& file, int nThread, int nThreads, int nTurn) {
+    char record[kRecord];
+    std::memset(record, 'a' + nThread, kRecord);
+    file.Write(PlaceOf(nThread), record, kRecord);
+    if (file.Read(PlaceOf(nThread), record, kRecord)) {
+        ExpectWhole(record, nThread);
+    }
+    file.SetPosition(nTurn);
+    const std::size_t nSize = file.GetSize();
+    if (nSize != static_cast<std::size_t>(-1)) {
+        EXPECT_EQ(nSize % kRecord, 0u);
+        EXPECT_LE(nSize, kRecord * static_cast<std::size_t>(nThreads));
+    }
+    if (nTurn % 16 == nThread) {
+        EXPECT_TRUE(file.Close());
+    }
+}
+
+TEST_P(RacesTest, AFileIsOpenedRenamedAndDeletedUnderThoseWhoUseIt) {
+    const support::ScopedLevel level(3);
+    const support::ScopedChecks checks(false);
+    const support::ScopedDirectory directory;
+    const std::vector<int> before = support::OpenDescriptors();
+    KFile file;
+    const KPath path(directory.Entry("file").c_str());
+    Hammer(Threads(), [&](int nThread) {
+        for (int i = 0; i < Rounds(4000); ++i) {
+            // What works with the file's own path is for one thread at a time: the path itself has no lock.
+            if (nThread == 0) {
+                TakeTurnOfOwner(file, path, i);
+            } else {
+                TakeTurnOfUser(file, nThread, Threads(), i);
+            }
+        }
+    });
+    EXPECT_TRUE(file.Close());
+    EXPECT_EQ(support::OpenDescriptors(), before) << "a stream was lost";
+}
+
+TEST_P(RacesTest, AFileThatHasNoPositionGivesItsLockBackToAll) {
+    // A success would keep the lock for good. A pipe has no position, and a closed file has none either.
+    const support::ScopedLevel level(3);
+    const support::ScopedChecks checks(false);
+    const support::ScopedDirectory directory;
+    const std::string name = directory.Entry("pipe");
+    ASSERT_EQ(mkfifo(name.c_str(), 0600), 0);
+    const int nOtherEnd = open(name.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(nOtherEnd, 0);
+    const std::vector<int> before = support::OpenDescriptors();
+    KFile file;
+    const KPath path(name.c_str());
+    Hammer(Threads(), [&](int nThread) {
+        char chByte = 'x';
+        for (int i = 0; i < Rounds(8000); ++i) {
+            if (nThread == 0 && i % 4 == 0) {
+                EXPECT_TRUE(file.Open(path, false));
+            }
+            long long nPosition = 7;
+            EXPECT_FALSE(file.GetPosition(nPosition));
+            EXPECT_EQ(nPosition, -1);
+            EXPECT_FALSE(file.SetPosition(0));
+            EXPECT_EQ(file.GetSize(), static_cast<std::size_t>(-1));
+            EXPECT_FALSE(file.Read(0, &chByte, 1));
+            if (i % 16 == nThread) {
+                EXPECT_TRUE(file.Close());
+            }
+        }
+    });
+    EXPECT_TRUE(file.Close());
+    EXPECT_EQ(support::OpenDescriptors(), before) << "a stream was lost";
+    close(nOtherEnd);
 }
 
 TEST_P(RacesTest, NodesAreAddedAndCountedWhole) {

@@ -20,6 +20,9 @@ class Connection {
     /// Returns the client's address.
     const KString& GetPeer() const { return m_Net.GetConnectionInfo().GetAddress(); }
 
+    /// Returns the descriptor, -1 when there is none.
+    int GetSocket() const { return m_Net.GetSocket(); }
+
     /// Waits for bytes and takes what has come, at most @p nSize bytes. Returns their number; 0 after the deadline, at the
     /// end of the stream, and when the owner stops.
     int Read(char* pData, int nSize, long long nDeadline);

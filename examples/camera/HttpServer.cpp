@@ -10,6 +10,7 @@
 #include "Clock.h"
 #include "Events.h"
 #include "Page.h"
+#include "RequestReader.h"
 
 namespace camera {
 
@@ -17,8 +18,7 @@ namespace {
 
 constexpr int kRequestMs = 5000;  // within which a client has to say what it wants
 constexpr int kAnswerMs = 10000;  // within which it has to take the answer, or one picture of the stream
-constexpr int kLargestHead = 8192;
-constexpr int kLookMs = 200;  // from one look at the thread's status to the next
+constexpr int kLookMs = 200;      // from one look at the thread's status to the next
 
 /// For a client's thread, in bytes. The usual 8 MB for each would be half of what addresses a 32-bit machine has.
 constexpr int kStackSize = 256 * 1024;
@@ -75,7 +75,7 @@ int HttpClient::ThreadMainLoop() {
 
 void HttpClient::Answer() {
     Request request;
-    if (!ReadHead(request)) {
+    if (!TakeRequest(request)) {
         return;
     }
     if (request.method != "GET") {
@@ -93,30 +93,24 @@ void HttpClient::Answer() {
     }
 }
 
-/// Reads up to the empty line behind the head. Returns false, after an answer where one is due, when there is no request.
-bool HttpClient::ReadHead(Request& request) {
-    char head[kLargestHead];
-    int nSize = 0;
-    const long long nDeadline = NowMs() + kRequestMs;
-    while (EndOfHead(head, static_cast<std::size_t>(nSize)) == 0) {
-        if (nSize == kLargestHead) {
+/// Returns false, after an answer where one is due, when there is no request.
+bool HttpClient::TakeRequest(Request& request) {
+    switch (ReadRequest(m_Connection, NowMs() + kRequestMs, request)) {
+        case Arrival::REQUEST:
+            return true;
+        case Arrival::NONSENSE:
+            SendError("400 Bad Request");
+            return false;
+        case Arrival::TOO_LARGE:
             SendError("431 Request Header Fields Too Large");
             return false;
-        }
-        const int nCame = m_Connection.Read(head + nSize, kLargestHead - nSize, nDeadline);
-        if (nCame <= 0) {
-            if (NowMs() >= nDeadline) {
-                SendError("408 Request Timeout");
-            }
+        case Arrival::LATE:
+            SendError("408 Request Timeout");
             return false;
-        }
-        nSize += nCame;
+        case Arrival::GONE:
+            return false;
     }
-    if (!ParseRequest(head, static_cast<std::size_t>(nSize), request)) {
-        SendError("400 Bad Request");
-        return false;
-    }
-    return true;
+    return false;
 }
 
 void HttpClient::SendText(const char* pszStatus, const char* pszType, const KString& text) {

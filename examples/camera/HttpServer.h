@@ -44,7 +44,7 @@ class HttpClient : public KThread {
 
  private:
     void Answer();
-    bool ReadHead(Request& request);
+    bool TakeRequest(Request& request);
     void SendText(const char* pszStatus, const char* pszType, const KString& text);
     void SendError(const char* pszStatus);
     void SendSnapshot();
