@@ -196,6 +196,23 @@ void ClientConnectsInTime() {
     EXPECT_EQ(client->GetError(), fgDone ? KNet::NONE : KNet::CONNECT_FAILED);
 }
 
+/// Without a look-up there is no target: the socket is closed.
+void ClientHasNoTarget() {
+    for (const bool fgInTime : {false, true}) {
+        KNetInfo info(KNetInfo::IPV4, KNetInfo::TCP, KNetInfo::UNICAST, kLocalHost, 1);
+        Made<KNet> net(info, 1000);
+        bool fgMade = false;
+        const Step make([&] { fgMade = net->CreateSocket(); });
+        EXPECT_EQ(fgMade, !net.Making().Failed("new") && !make.Failed("socket"));
+        bool fgDone = true;
+        const Step connecting(
+            [&] { fgDone = fgInTime ? net->SyncConnectWithTimedBlock(5000) : net->SyncConnectWithBlock(); });
+        EXPECT_FALSE(fgDone);
+        EXPECT_EQ(net->GetError(), fgMade ? KNet::CONNECT_FAILED : KNet::NO_SOCKET);
+        EXPECT_EQ(net->GetSocket(), -1);
+    }
+}
+
 void ClientConnectsAsynchronously() {
     Peer peer(SOCK_STREAM);
     Socket client(KNetInfo::TCP, peer.Port());
@@ -597,6 +614,7 @@ std::vector<Scenario> ConnectionScenarios() {
     const std::string strNoRecord = "new in bool KNet::GetHostName(): pInfo";
     return {{"ClientConnectsAndTalks", ClientConnectsAndTalks, {strNoRecord}},
             {"ClientConnectsInTime", ClientConnectsInTime, {strNoRecord}},
+            {"ClientHasNoTarget", ClientHasNoTarget, {"new in bool KNet::CreateSocket(): pInfo"}},
             {"ClientConnectsAsynchronously", ClientConnectsAsynchronously, {strNoRecord}},
             {"ServerAcceptsAClient", ServerAcceptsAClient, {strNoRecord, "new in bool KNet::Accept(KNet&): pInfo"}},
             {"PortIsTested", PortIsTested, {strNoRecord}},

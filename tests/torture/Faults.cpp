@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cxxabi.h>
 #include <dirent.h>
 #include <dlfcn.h>
 #include <elf.h>
@@ -26,6 +27,7 @@
 #include <cerrno>
 #include <clocale>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -101,8 +103,12 @@ std::set<std::string>& g_Scratch = *new std::set<std::string>();
 struct Shared {
     static constexpr std::size_t kMostSpecs = 128;
 
+    static constexpr std::size_t kMostSites = 4096;
+
     Outcome outcome;
     std::array<const Spec*, kMostSpecs> reached;  ///< By steps of runs in which nothing was to fail.
+    std::array<std::uintptr_t, kMostSites>
+        returned;  ///< Where calls by steps returned to. Hashed by their last digits.
 
     bool WasReached(const Spec& spec) const {
         return std::find(reached.begin(), reached.end(), &spec) != reached.end();
@@ -115,6 +121,20 @@ struct Shared {
             }
             *pFree = &spec;
         }
+    }
+
+    /// Whether a call returned to a place; notes it if so wanted.
+    bool Returned(std::uintptr_t nAddress, bool fgNote) {
+        for (std::size_t i = nAddress % kMostSites, nTry = 0; nTry < kMostSites; i = (i + 1) % kMostSites, ++nTry) {
+            if (returned[i] == nAddress) {
+                return true;
+            }
+            if (returned[i] == 0) {
+                returned[i] = fgNote ? nAddress : 0;
+                return fgNote;
+            }
+        }
+        std::abort();
     }
 };
 
@@ -132,14 +152,16 @@ void CopyText(char* pTarget, std::size_t nSize, const std::string& text) {
     std::snprintf(pTarget, nSize, "%s", text.c_str());
 }
 
-/// Counts a call of the library. The error number that it has to fail with, or 0.
-int ErrorFor(const Spec& spec) {
+/// Counts a call of the library. The error number that it has to fail with, or 0. @p pReturn is where the function that
+/// stands in front returns to, here and below: a default argument is worked out by whoever calls.
+int ErrorFor(const Spec& spec, const void* pReturn = __builtin_return_address(0)) {
     if (t_fgArmed && g_Fault.nCall == 0) {
         InCommon().Reach(spec);
     }
     if (!t_fgArmed) {
         return 0;
     }
+    InCommon().Returned(reinterpret_cast<std::uintptr_t>(pReturn), true);
     if (++g_nCalls != g_Fault.nCall) {
         ++g_Calls[spec.pszName];
         return 0;
@@ -155,8 +177,8 @@ int ErrorFor(const Spec& spec) {
 }
 
 /// The same for functions that leave their error number in errno.
-bool Fails(const Spec& spec) {
-    const int nError = ErrorFor(spec);
+bool Fails(const Spec& spec, const void* pReturn = __builtin_return_address(0)) {
+    const int nError = ErrorFor(spec, pReturn);
     if (nError > 0) {
         errno = nError;
     }
@@ -213,8 +235,8 @@ void* Unexpected(void* pBlock, std::size_t nSize) {
 }
 
 /// The same for allocations.
-bool IsLacking(const Spec& spec, std::size_t nSize) {
-    const bool fgFails = Fails(spec);
+bool IsLacking(const Spec& spec, std::size_t nSize, const void* pReturn = __builtin_return_address(0)) {
+    const bool fgFails = Fails(spec, pReturn);
     g_nFailedSize = fgFails ? nSize : g_nFailedSize;
     return fgFails;
 }
@@ -500,11 +522,11 @@ void Perror(const char* pszText) {
 }
 
 /// Whether a text cannot be rendered. What is rendered into the log's buffer is a message of the log.
-bool IsUnrendered(const Spec& spec, const char* pTarget) {
+bool IsUnrendered(const Spec& spec, const char* pTarget, const void* pReturn = __builtin_return_address(0)) {
     if (pTarget != g_pDebugBuffer) {
-        return Fails(spec);
+        return Fails(spec, pReturn);
     }
-    const bool fgFails = Fails(kRenderLine);
+    const bool fgFails = Fails(kRenderLine, pReturn);
     if (fgFails) {
         const std::lock_guard<std::mutex> lock(g_Guard);
         g_nUnrendered = static_cast<int>(g_Log.size());
@@ -556,8 +578,9 @@ constexpr char kOwnName[] = "torture";
 
 /// A transfer that may be short, or of nothing.
 template <typename Transfer>
-ssize_t Transferred(const Spec& spec, std::size_t nSize, Transfer transfer) {
-    const int nError = ErrorFor(spec);
+ssize_t Transferred(const Spec& spec, std::size_t nSize, Transfer transfer,
+                    const void* pReturn = __builtin_return_address(0)) {
+    const int nError = ErrorFor(spec, pReturn);
     if (nError > 0) {
         errno = nError;
         return -1;
@@ -995,6 +1018,8 @@ const Hook* HookFor(const std::string& name) {
 }
 
 std::set<const Hook*> g_Used;
+std::map<const void*, const Hook*> g_Slots;  ///< The places of the import table that hold a hook.
+dl_phdr_info g_Library = {};
 std::set<std::string> g_Unknown;
 
 // The loader's tables hold addresses as numbers.
@@ -1026,6 +1051,7 @@ struct Imports {
         const Hook* const pHook = HookFor(name);
         if (pHook != nullptr) {
             g_Used.insert(pHook);
+            g_Slots[reinterpret_cast<const void*>(nBase + nOffset)] = pHook;
             Replace(reinterpret_cast<void**>(nBase + nOffset), pHook->pFunction);
         } else if (!IsMachinery(name) && g_CannotFail.count(name) == 0) {
             g_Unknown.insert(name);
@@ -1056,6 +1082,7 @@ int RedirectLibrary(dl_phdr_info* pObject, std::size_t, void*) {
     if (std::strstr(pObject->dlpi_name, "libkalvoren-sharedd") == nullptr) {
         return 0;
     }
+    g_Library = *pObject;
     std::map<ElfW(Sxword), ElfW(Addr)> entries;
     for (int i = 0; i < pObject->dlpi_phnum; ++i) {
         if (pObject->dlpi_phdr[i].p_type == PT_DYNAMIC) {
@@ -1087,6 +1114,66 @@ int RedirectLibrary(dl_phdr_info* pObject, std::size_t, void*) {
 
 // NOLINTEND(performance-no-int-to-ptr)
 
+#if defined(__x86_64__)
+/// The library's machine code, as far as it calls through the import table. There is no need to take instructions apart:
+/// an operation code in front of a distance to exactly such a place is no accident.
+class Code {
+ public:
+    Code(const unsigned char* pBegin, std::size_t nSize) : m_pBegin(pBegin), m_pEnd(pBegin + nSize) {
+        for (const unsigned char* p = m_pBegin; p + kIndirect <= m_pEnd; ++p) {
+            const auto pSlot =
+                p[0] == 0xFF && p[1] == 0x25 ? g_Slots.find(p + kIndirect + Distance(p + 2)) : g_Slots.end();
+            if (pSlot != g_Slots.end()) {
+                // A stub, which may begin with a mark of four bytes.
+                m_Stubs[p] = m_Stubs[p - 4] = pSlot->second;
+            }
+        }
+    }
+
+    /// Calls `visit(pReturn, hook)` for each call of a hook.
+    template <typename Visitor>
+    void VisitCalls(Visitor visit) const {
+        for (const unsigned char* p = m_pBegin; p + kIndirect <= m_pEnd; ++p) {
+            const auto pStub = p[0] == 0xE8 ? m_Stubs.find(p + kDirect + Distance(p + 1)) : m_Stubs.end();
+            const auto pSlot =
+                p[0] == 0xFF && p[1] == 0x15 ? g_Slots.find(p + kIndirect + Distance(p + 2)) : g_Slots.end();
+            if (pStub != m_Stubs.end()) {
+                visit(p + kDirect, *pStub->second);
+            } else if (pSlot != g_Slots.end()) {
+                visit(p + kIndirect, *pSlot->second);
+            }
+        }
+    }
+
+ private:
+    static constexpr int kDirect = 5;
+    static constexpr int kIndirect = 6;
+
+    static std::int32_t Distance(const unsigned char* p) {
+        std::int32_t nDistance = 0;
+        std::memcpy(&nDistance, p, sizeof(nDistance));
+        return nDistance;
+    }
+
+    const unsigned char* m_pBegin;
+    const unsigned char* m_pEnd;
+    std::map<const unsigned char*, const Hook*> m_Stubs;
+};
+
+/// A place in the library: the function, and where that is in the file.
+std::string PlaceOf(const unsigned char* p) {
+    Dl_info info = {};
+    dladdr(p, &info);
+    const char* const pszName = info.dli_sname != nullptr ? info.dli_sname : "?";
+    char* const pszReadable = abi::__cxa_demangle(pszName, nullptr, nullptr, nullptr);
+    char szOffset[32];
+    std::snprintf(szOffset, sizeof(szOffset), " at %#zx", reinterpret_cast<std::size_t>(p) - g_Library.dlpi_addr);
+    const std::string strPlace = std::string(pszReadable != nullptr ? pszReadable : pszName) + szOffset;
+    std::free(pszReadable);
+    return strPlace;
+}
+#endif
+
 bool IsMemory(const std::string& function) {
     return function == "malloc" || function == "calloc" || function == "realloc" || function == "new" ||
            function == "new[]";
@@ -1117,6 +1204,27 @@ std::vector<std::string> UnreachedImports() {
 
 void ForgetWhatWasReached() {
     InCommon().reached = {};
+    InCommon().returned = {};
+}
+
+std::vector<std::string> UnreachedCalls() {
+    std::vector<std::string> unreached;
+#if defined(__x86_64__)
+    for (int i = 0; i < g_Library.dlpi_phnum; ++i) {
+        const ElfW(Phdr)& segment = g_Library.dlpi_phdr[i];
+        if (segment.p_type != PT_LOAD || (segment.p_flags & PF_X) == 0) {
+            continue;
+        }
+        // NOLINTNEXTLINE(performance-no-int-to-ptr)
+        const Code code(reinterpret_cast<const unsigned char*>(g_Library.dlpi_addr + segment.p_vaddr), segment.p_memsz);
+        code.VisitCalls([&](const unsigned char* pReturn, const Hook& hook) {
+            if (hook.pSpec != nullptr && !InCommon().Returned(reinterpret_cast<std::uintptr_t>(pReturn), false)) {
+                unreached.push_back(std::string(hook.pSpec->pszName) + " in " + PlaceOf(pReturn));
+            }
+        });
+    }
+#endif
+    return unreached;
 }
 
 void Begin(const Fault& fault, bool fgMayBeRefused) {

@@ -53,6 +53,10 @@ std::vector<std::string> UnknownImports();
 std::vector<std::string> UnreachedImports();
 void ForgetWhatWasReached();
 
+/// The calls of functions that can fail that no step has made since ForgetWhatWasReached(), with or without faults. They are
+/// found in the library's machine code; where that is not of a known kind, none is.
+std::vector<std::string> UnreachedCalls();
+
 /// Starts a run, and gives its outcome so far.
 void Begin(const Fault& fault, bool fgMayBeRefused);
 Outcome& TheOutcome();

@@ -83,6 +83,13 @@ void FileIsWrittenAndRead() {
     EXPECT_FALSE(file->IsValid());
 }
 
+void FileIsMadeByAText() {
+    Made<KFile> file("some/path", true);
+    // Made into a path, and copied to the file's own.
+    EXPECT_EQ(TextOf(file->GetPath().GetPath()), file.Making().Failed("malloc") ? "" : "some/path");
+    EXPECT_FALSE(file->IsValid());
+}
+
 void PositionIsAsked() {
     Scratch directory;
     const std::string strPath = directory.File("file", "text");
@@ -680,6 +687,7 @@ void LibraryIsLoaded() {
 
 std::vector<Scenario> FileScenarios() {
     return {{"FileIsWrittenAndRead", FileIsWrittenAndRead, MutexRefusalsAnd({"new in bool KFile::Close(): pInfo"})},
+            {"FileIsMadeByAText", FileIsMadeByAText, MutexRefusalsAnd({})},
             {"PositionIsAsked", PositionIsAsked, {}},
             {"FileHasAPathOfItsOwn", FileHasAPathOfItsOwn, MutexRefusalsAnd({})},
             {"FilesAreMadeMovedAndDeleted", FilesAreMadeMovedAndDeleted, {}},

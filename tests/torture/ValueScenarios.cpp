@@ -187,6 +187,9 @@ void TextIsConverted() {
         EXPECT_EQ(nWide, measure.Failed("mbstowcs") ? -1 : 4);
         const Step cut([&] { nWide = text.GetWideString(szWide, 2); });
         EXPECT_EQ(nWide, cut.FailedCall() == 2 ? -1 : 4);
+        const KString nothing;
+        const Step cutNothing([&] { nWide = nothing.GetWideString(szWide, 0); });
+        EXPECT_EQ(nWide, cutNothing.FailedCall() == 2 ? -1 : 0);
     }
 
     KString narrow;
@@ -338,12 +341,12 @@ void PathIsPutTogether() {
                 {[&](KPath& joined) { joined = joined + file; }, {"/file", ""}},
                 {[&](KPath& joined) { joined = joined + text; }, {strDirectory + "/", "/file", ""}},
                 {[&](KPath& joined) { joined = joined + "file"; }, {strDirectory + "/", "/file", ""}}};
-    for (const auto& [way, lacking] : ways) {
+    for (const auto& each : ways) {
         KPath joined(directory);
-        const Step joining([&] { way(joined); });
-        EXPECT_EQ(TextOf(joined.GetPath()), joining.Failed("malloc")
-                                                ? lacking.at(static_cast<std::size_t>(joining.FailedOfItsKind()) - 1)
-                                                : JoinedBy(joining, strDirectory, "file"));
+        const Step joining([&] { each.way(joined); });
+        EXPECT_EQ(TextOf(joined.GetPath()),
+                  joining.Failed("malloc") ? each.lacking.at(static_cast<std::size_t>(joining.FailedOfItsKind()) - 1)
+                                           : JoinedBy(joining, strDirectory, "file"));
     }
 }
 
@@ -543,6 +546,29 @@ void RegistryIsMadeByAnObject() {
         char szBytes[] = "abcd";
         const Step assign([&] { *block = KMem(szBytes, 4); });
         EXPECT_EQ(BytesOf(*block), assign.Failed("new[]") ? "" : "abcd");
+    }
+    KMem::Init();
+}
+
+/// Whatever needs it first makes it.
+void RegistryIsMadeByWhatNeedsIt() {
+    DropRegistry();
+    void* pBlock = nullptr;
+    const Step clear([&] { pBlock = KMem::Calloc(4, 4); });
+    EXPECT_EQ(pBlock == nullptr, clear.LackedMemory());
+    KMem::Free(&pBlock);
+    DropRegistry();
+    char ch = 'x';
+    bool fgDone = false;
+    const Step enter([&] { fgDone = KMem::AddForNonClass(&ch, 1); });
+    EXPECT_EQ(fgDone, !enter.Failed("mmap"));
+    if (fgDone) {
+        EXPECT_TRUE(KMem::RemoveForNonClass(&ch));
+    }
+    DropRegistry();
+    {
+        Made<KMem> block(16);
+        EXPECT_EQ(block->GetSize(), block.LackedMemory() ? 0 : 16);
     }
     KMem::Init();
 }
@@ -871,6 +897,10 @@ std::vector<Scenario> ValueScenarios() {
          RegistryIsMadeByAnObject,
          {"mmap in static bool KMem::Add(KMem*): 0", "new[] in KMem::KMem(char*, int): m_pBuf",
           "new[] in KMem& KMem::operator=(const KMem&): m_pBuf"}},
+        {"RegistryIsMadeByWhatNeedsIt",
+         RegistryIsMadeByWhatNeedsIt,
+         {"mmap in static bool KMem::Add(KMem*): 0", "mmap in static bool KMem::AddForNonClass(void*, size_t): 0",
+          "new[] in KMem::KMem(int): m_pBuf"}},
         {"MessageIsCopied", MessageIsCopied, {}},
         {"MessageReachesItsReceiver", MessageReachesItsReceiver, {}, true},
         {"BuffersGoRoundAQueue", BuffersGoRoundAQueue,
