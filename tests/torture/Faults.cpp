@@ -1,5 +1,8 @@
 #include "torture/Faults.h"
 
+#include <gtest/gtest.h>
+
+#include <cxxabi.h>
 #include <dirent.h>
 #include <dlfcn.h>
 #include <elf.h>
@@ -24,16 +27,21 @@
 #include <cerrno>
 #include <clocale>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
+#include <filesystem>
 #include <iterator>
 #include <map>
 #include <mutex>
 #include <new>
 #include <ostream>
 #include <set>
+
+#include "KDebug.h"
+#include "support/LogLines.h"
 
 namespace torture {
 
@@ -48,7 +56,7 @@ enum class Tells : int { MINUS_ONE, NULL_POINTER, ZERO, ERROR_NUMBER, MAP_FAILUR
 struct Spec {
     const char* pszName;
     Tells eTells;
-    std::array<int, 12> errors;
+    std::array<int, 20> errors;
 
     int Ways() const {
         int nWays = 0;
@@ -65,24 +73,42 @@ thread_local void (*t_pWhileSleeping)() = nullptr;
 
 Fault g_Fault = {0, 0};
 int g_nCalls = 0;
-std::size_t g_nLeftBlocks = 0;
-std::size_t g_nLeftMappings = 0;
-std::size_t g_nLeftDescriptors = 0;
+std::size_t g_nFailedSize = 0;
+Holdings g_Left = {};
+int g_nLastSocket = -1;
+const void* g_pLastDirectory = nullptr;
+
+/// What the library wrote to the log with one call, or would have.
+struct Piece {
+    std::string text;
+    bool fgLost;
+};
 
 // Never destroyed: the library's own objects go later than the test's.
 std::mutex& g_Guard = *new std::mutex();  // of what follows
-std::string& g_Log = *new std::string();
+std::vector<Piece>& g_Log = *new std::vector<Piece>();
+int g_nUnrendered = -1;
+/// How often each function was called in this step, and that before the call that failed.
+std::map<std::string, int>& g_Calls = *new std::map<std::string, int>();
+std::map<std::string, int>& g_CallsBefore = *new std::map<std::string, int>();
 std::map<const void*, std::size_t>& g_Blocks = *new std::map<const void*, std::size_t>();
 std::set<const void*>& g_Mappings = *new std::set<const void*>();
 std::set<DIR*>& g_Directories = *new std::set<DIR*>();
-std::set<pthread_t>& g_NotJoined = *new std::set<pthread_t>();
+std::set<pthread_t>& g_Threads = *new std::set<pthread_t>();
+std::multiset<void*>& g_Libraries = *new std::multiset<void*>();
+std::set<std::string>& g_SharedNames = *new std::set<std::string>();
+std::set<std::string>& g_Scratch = *new std::set<std::string>();
 
 /// What child processes share with the one that made them.
 struct Shared {
     static constexpr std::size_t kMostSpecs = 128;
 
+    static constexpr std::size_t kMostSites = 4096;
+
     Outcome outcome;
     std::array<const Spec*, kMostSpecs> reached;  ///< By steps of runs in which nothing was to fail.
+    std::array<std::uintptr_t, kMostSites>
+        returned;  ///< Where calls by steps returned to. Hashed by their last digits.
 
     bool WasReached(const Spec& spec) const {
         return std::find(reached.begin(), reached.end(), &spec) != reached.end();
@@ -95,6 +121,20 @@ struct Shared {
             }
             *pFree = &spec;
         }
+    }
+
+    /// Whether a call returned to a place; notes it if so wanted.
+    bool Returned(std::uintptr_t nAddress, bool fgNote) {
+        for (std::size_t i = nAddress % kMostSites, nTry = 0; nTry < kMostSites; i = (i + 1) % kMostSites, ++nTry) {
+            if (returned[i] == nAddress) {
+                return true;
+            }
+            if (returned[i] == 0) {
+                returned[i] = fgNote ? nAddress : 0;
+                return fgNote;
+            }
+        }
+        std::abort();
     }
 };
 
@@ -112,14 +152,22 @@ void CopyText(char* pTarget, std::size_t nSize, const std::string& text) {
     std::snprintf(pTarget, nSize, "%s", text.c_str());
 }
 
-/// Counts a call of the library. The error number that it has to fail with, or 0.
-int ErrorFor(const Spec& spec) {
+/// Counts a call of the library. The error number that it has to fail with, or 0. @p pReturn is where the function that
+/// stands in front returns to, here and below: a default argument is worked out by whoever calls.
+int ErrorFor(const Spec& spec, const void* pReturn = __builtin_return_address(0)) {
     if (t_fgArmed && g_Fault.nCall == 0) {
         InCommon().Reach(spec);
     }
-    if (!t_fgArmed || ++g_nCalls != g_Fault.nCall) {
+    if (!t_fgArmed) {
         return 0;
     }
+    InCommon().Returned(reinterpret_cast<std::uintptr_t>(pReturn), true);
+    if (++g_nCalls != g_Fault.nCall) {
+        ++g_Calls[spec.pszName];
+        return 0;
+    }
+    g_CallsBefore = g_Calls;
+    ++g_Calls[spec.pszName];
     Outcome& outcome = SharedOutcome();
     outcome.fgFailed = true;
     outcome.nWays = spec.Ways();
@@ -129,8 +177,8 @@ int ErrorFor(const Spec& spec) {
 }
 
 /// The same for functions that leave their error number in errno.
-bool Fails(const Spec& spec) {
-    const int nError = ErrorFor(spec);
+bool Fails(const Spec& spec, const void* pReturn = __builtin_return_address(0)) {
+    const int nError = ErrorFor(spec, pReturn);
     if (nError > 0) {
         errno = nError;
     }
@@ -186,16 +234,23 @@ void* Unexpected(void* pBlock, std::size_t nSize) {
     return pBlock != nullptr ? std::memset(pBlock, 0xA5, nSize) : nullptr;
 }
 
+/// The same for allocations.
+bool IsLacking(const Spec& spec, std::size_t nSize, const void* pReturn = __builtin_return_address(0)) {
+    const bool fgFails = Fails(spec, pReturn);
+    g_nFailedSize = fgFails ? nSize : g_nFailedSize;
+    return fgFails;
+}
+
 void* Malloc(std::size_t nSize) {
-    return Fails(kMalloc) ? nullptr : Hold(Unexpected(std::malloc(nSize), nSize), nSize);
+    return IsLacking(kMalloc, nSize) ? nullptr : Hold(Unexpected(std::malloc(nSize), nSize), nSize);
 }
 
 void* Calloc(std::size_t nCount, std::size_t nSize) {
-    return Fails(kCalloc) ? nullptr : Hold(std::calloc(nCount, nSize), nCount * nSize);
+    return IsLacking(kCalloc, nCount * nSize) ? nullptr : Hold(std::calloc(nCount, nSize), nCount * nSize);
 }
 
 void* Realloc(void* pBlock, std::size_t nSize) {
-    if (Fails(kRealloc)) {
+    if (IsLacking(kRealloc, nSize)) {
         return nullptr;
     }
     LetGo(pBlock);
@@ -209,11 +264,11 @@ void Free(void* pBlock) {
 }
 
 void* New(std::size_t nSize, const std::nothrow_t& tag) {
-    return Fails(kNew) ? nullptr : Hold(Unexpected(::operator new(nSize, tag), nSize), nSize);
+    return IsLacking(kNew, nSize) ? nullptr : Hold(Unexpected(::operator new(nSize, tag), nSize), nSize);
 }
 
 void* NewArray(std::size_t nSize, const std::nothrow_t& tag) {
-    return Fails(kNewArray) ? nullptr : Hold(Unexpected(::operator new[](nSize, tag), nSize), nSize);
+    return IsLacking(kNewArray, nSize) ? nullptr : Hold(Unexpected(::operator new[](nSize, tag), nSize), nSize);
 }
 
 void Delete(void* pBlock) {
@@ -284,48 +339,75 @@ int Munmap(void* pMapped, std::size_t nSize) {
 
 // ------------------------------------------------------------------------------------------------ Files, directories
 
-constexpr Spec kFopen = {
-    "fopen", Tells::NULL_POINTER, {ENOENT, EACCES, EMFILE, ENFILE, EINTR, ENOMEM, ENOSPC, EISDIR, ENOTDIR, EROFS}};
-constexpr Spec kFseek = {"fseek", Tells::MINUS_ONE, {ESPIPE, EINVAL, EIO, EBADF}};
+constexpr Spec kFopen = {"fopen",
+                         Tells::NULL_POINTER,
+                         {ENOENT, EACCES, EMFILE, ENFILE, EINTR, ENOMEM, ENOSPC, EISDIR, ENOTDIR, EROFS, ENAMETOOLONG,
+                          ELOOP, EPERM, ETXTBSY, ENXIO, EOVERFLOW, EDQUOT, ENODEV}};
+constexpr Spec kFseek = {
+    "fseek", Tells::MINUS_ONE, {ESPIPE, EINVAL, EIO, EBADF, EINTR, EAGAIN, ENOSPC, EFBIG, EPIPE, EOVERFLOW}};
 constexpr Spec kFtell = {"ftell", Tells::MINUS_ONE, {ESPIPE, EBADF, EOVERFLOW}};
-constexpr Spec kFread = {"fread", Tells::ZERO, {EIO, EINTR, EAGAIN, EISDIR, kShort, kNothing}};
-constexpr Spec kFwrite = {"fwrite", Tells::ZERO, {EIO, EINTR, EAGAIN, ENOSPC, EFBIG, EPIPE, kShort}};
-constexpr Spec kFclose = {"fclose", Tells::MINUS_ONE, {EIO, EINTR, ENOSPC, EDQUOT}};
+constexpr Spec kFread = {"fread", Tells::ZERO, {EIO, EINTR, EAGAIN, EISDIR, EBADF, EOVERFLOW, kShort, kNothing}};
+constexpr Spec kFwrite = {"fwrite", Tells::ZERO, {EIO, EINTR, EAGAIN, ENOSPC, EDQUOT, EFBIG, EPIPE, EBADF, kShort}};
+constexpr Spec kFclose = {"fclose", Tells::MINUS_ONE, {EIO, EINTR, ENOSPC, EDQUOT, EAGAIN, EFBIG, EPIPE, EBADF}};
 constexpr Spec kFprintf = {"fprintf", Tells::MINUS_ONE, {EIO, EINTR, EAGAIN, EPIPE, ENOSPC}};
 constexpr Spec kCheckedFprintf = kFprintf;
 /// A line of the log, or a part of one.
 constexpr Spec kWriteLine = {kWriteOfALine, Tells::ZERO, kFprintf.errors};
 constexpr Spec kVsnprintf = {"vsnprintf", Tells::MINUS_ONE, {ENOMEM, EOVERFLOW, EILSEQ}};
 constexpr Spec kCheckedVsnprintf = kVsnprintf;
-constexpr Spec kRemove = {"remove", Tells::MINUS_ONE, {EACCES, EBUSY, ENOENT, ENOTEMPTY, ENOTDIR, EROFS}};
-constexpr Spec kRename = {
-    "rename", Tells::MINUS_ONE, {EACCES, EBUSY, EXDEV, ENOENT, ENOSPC, ENOTEMPTY, EISDIR, ENOTDIR}};
-constexpr Spec kUnlink = {"unlink", Tells::MINUS_ONE, {ENOENT, EACCES, EBUSY, EISDIR, EROFS}};
-constexpr Spec kMkdir = {"mkdir", Tells::MINUS_ONE, {EEXIST, EACCES, ENOSPC, ENOENT, ENOTDIR, EROFS, EDQUOT}};
-constexpr Spec kRmdir = {"rmdir", Tells::MINUS_ONE, {EACCES, EBUSY, ENOTEMPTY, ENOENT, ENOTDIR}};
-constexpr Spec kStat = {"stat", Tells::MINUS_ONE, {EACCES, ENOENT, ENOTDIR, ELOOP, ENOMEM, EOVERFLOW}};
-constexpr Spec kFstatat = {"fstatat", Tells::MINUS_ONE, {EACCES, ENOENT, ENOTDIR, ENOMEM, EOVERFLOW}};
-constexpr Spec kUnlinkat = {"unlinkat", Tells::MINUS_ONE, {EISDIR, ENOTEMPTY, EACCES, EBUSY, ENOENT, ENOTDIR, EROFS}};
-constexpr Spec kFstat = {"fstat", Tells::MINUS_ONE, {EBADF, EOVERFLOW}};
-constexpr Spec kOpenat = {"openat", Tells::MINUS_ONE, {ENOTDIR, ELOOP, EACCES, EINTR, EMFILE, ENFILE, ENOENT, ENOMEM}};
-constexpr Spec kOpendir = {"opendir", Tells::NULL_POINTER, {EACCES, EMFILE, ENFILE, ENOENT, ENOMEM, ENOTDIR}};
+/// A message of the log.
+constexpr Spec kRenderLine = {kRenderingOfALine, Tells::MINUS_ONE, kVsnprintf.errors};
+constexpr Spec kRemove = {"remove",
+                          Tells::MINUS_ONE,
+                          {EACCES, EPERM, EBUSY, ENOENT, ENOTEMPTY, ENOTDIR, EROFS, EIO, ELOOP, ENAMETOOLONG, ENOMEM}};
+constexpr Spec kRename = {"rename",
+                          Tells::MINUS_ONE,
+                          {EACCES, EPERM, EBUSY, EXDEV, ENOENT, ENOSPC, EDQUOT, ENOTEMPTY, EEXIST, EISDIR, ENOTDIR,
+                           EROFS, EINVAL, ELOOP, EMLINK, ENAMETOOLONG, ENOMEM}};
+constexpr Spec kUnlink = {"unlink",
+                          Tells::MINUS_ONE,
+                          {ENOENT, EACCES, EPERM, EBUSY, EISDIR, ENOTDIR, EROFS, EIO, ELOOP, ENAMETOOLONG, ENOMEM}};
+constexpr Spec kMkdir = {
+    "mkdir",
+    Tells::MINUS_ONE,
+    {EEXIST, EACCES, EPERM, ENOSPC, ENOENT, ENOTDIR, EROFS, EDQUOT, ELOOP, EMLINK, ENAMETOOLONG, ENOMEM, EINVAL}};
+constexpr Spec kRmdir = {
+    "rmdir",
+    Tells::MINUS_ONE,
+    {EACCES, EPERM, EBUSY, ENOTEMPTY, EEXIST, ENOENT, ENOTDIR, EROFS, EINVAL, ELOOP, ENAMETOOLONG, ENOMEM}};
+constexpr Spec kStat = {"stat", Tells::MINUS_ONE, {EACCES, ENOENT, ENOTDIR, ELOOP, ENAMETOOLONG, ENOMEM, EOVERFLOW}};
+constexpr Spec kFstatat = {
+    "fstatat", Tells::MINUS_ONE, {EACCES, ENOENT, ENOTDIR, EBADF, ELOOP, ENAMETOOLONG, ENOMEM, EOVERFLOW}};
+constexpr Spec kUnlinkat = {
+    "unlinkat",
+    Tells::MINUS_ONE,
+    {EISDIR, ENOTEMPTY, EACCES, EPERM, EBUSY, ENOENT, ENOTDIR, EROFS, EBADF, EIO, ELOOP, ENAMETOOLONG, ENOMEM}};
+constexpr Spec kFstat = {"fstat", Tells::MINUS_ONE, {EBADF, EOVERFLOW, ENOMEM}};
+constexpr Spec kOpenat = {
+    "openat",
+    Tells::MINUS_ONE,
+    {ENOTDIR, ELOOP, EACCES, EPERM, EINTR, EMFILE, ENFILE, ENOENT, ENOMEM, ENAMETOOLONG, EBADF, ENODEV}};
+constexpr Spec kOpendir = {
+    "opendir", Tells::NULL_POINTER, {EACCES, EMFILE, ENFILE, ENOENT, ENOMEM, ENOTDIR, ELOOP, ENAMETOOLONG}};
 constexpr Spec kFdopendir = {"fdopendir", Tells::NULL_POINTER, {ENOMEM, EBADF, ENOTDIR}};
 constexpr Spec kReaddir = {"readdir", Tells::NULL_POINTER, {EBADF, EIO, ENOENT, EOVERFLOW}};
 constexpr Spec kClosedir = {"closedir", Tells::MINUS_ONE, {EBADF, EINTR}};
 constexpr Spec kDirfd = {"dirfd", Tells::MINUS_ONE, {EINVAL, ENOTSUP}};
+
 DIR* Opened(DIR* pDirectory) {
     if (pDirectory != nullptr) {
         const std::lock_guard<std::mutex> lock(g_Guard);
         g_Directories.insert(pDirectory);
+        g_pLastDirectory = pDirectory;
     }
     return pDirectory;
 }
 
 constexpr Spec kMktemp = {"mktemp", Tells::NULL_POINTER, {EEXIST, EACCES, EINVAL}};
-constexpr Spec kFtruncate = {"ftruncate", Tells::MINUS_ONE, {EINTR, EIO, EINVAL, EFBIG, EPERM}};
+constexpr Spec kFtruncate = {"ftruncate", Tells::MINUS_ONE, {EINTR, EIO, EINVAL, EFBIG, EPERM, ENOSPC}};
 constexpr Spec kShmOpen = {"shm_open", Tells::MINUS_ONE, {EEXIST, ENOENT, EACCES, EMFILE, ENFILE, ENAMETOOLONG}};
 constexpr Spec kShmUnlink = {"shm_unlink", Tells::MINUS_ONE, {EACCES, ENOENT}};
-constexpr Spec kClose = {"close", Tells::MINUS_ONE, {EINTR, EIO, ENOSPC}};
+constexpr Spec kClose = {"close", Tells::MINUS_ONE, {EINTR, EIO, ENOSPC, EDQUOT}};
 
 DIR* Opendir(const char* pszPath) {
     return Fails(kOpendir) ? nullptr : Opened(opendir(pszPath));
@@ -388,20 +470,18 @@ int Openat(int nDirectory, const char* pszName, int nFlags, ...) {
     return Fails(kOpenat) ? -1 : openat(nDirectory, pszName, nFlags);
 }
 
-int KeepText(const std::string& text) {
+int KeepText(const std::string& text, bool fgLost = false) {
     const std::lock_guard<std::mutex> lock(g_Guard);
-    g_Log += text;
-    return static_cast<int>(text.size());
+    g_Log.push_back({text, fgLost});
+    return fgLost ? -1 : static_cast<int>(text.size());
 }
 
 /// What the library logs is kept, not printed, by whichever call it is written.
 std::size_t Fwrite(const void* pBuffer, std::size_t nSize, std::size_t nCount, std::FILE* pStream) {
     if (pStream == stderr) {
-        if (Fails(kWriteLine)) {
-            return 0;
-        }
-        KeepText(std::string(static_cast<const char*>(pBuffer), nSize * nCount));
-        return nCount;
+        const bool fgLost = Fails(kWriteLine);
+        KeepText(std::string(static_cast<const char*>(pBuffer), nSize * nCount), fgLost);
+        return fgLost ? 0 : nCount;
     }
     const int nError = ErrorFor(kFwrite);
     if (nError == kShort) {
@@ -411,31 +491,27 @@ std::size_t Fwrite(const void* pBuffer, std::size_t nSize, std::size_t nCount, s
     return nError != 0 ? 0 : std::fwrite(pBuffer, nSize, nCount, pStream);
 }
 
-__attribute__((format(printf, 1, 0))) int KeepText(const char* pszFormat, va_list arguments) {
+__attribute__((format(printf, 2, 0))) int KeepText(bool fgLost, const char* pszFormat, va_list arguments) {
     char szText[4096];
     std::vsnprintf(szText, sizeof(szText), pszFormat, arguments);
-    return KeepText(std::string(szText));
+    return KeepText(std::string(szText), fgLost);
 }
 
 __attribute__((format(printf, 2, 3))) int Fprintf(std::FILE*, const char* pszFormat, ...) {
-    if (Fails(kFprintf)) {
-        return -1;
-    }
+    const bool fgLost = Fails(kFprintf);
     va_list arguments;
     va_start(arguments, pszFormat);
-    const int nLength = KeepText(pszFormat, arguments);
+    const int nLength = KeepText(fgLost, pszFormat, arguments);
     va_end(arguments);
     return nLength;
 }
 
 /// The form that hardened builds call.
 __attribute__((format(printf, 3, 4))) int CheckedFprintf(std::FILE*, int, const char* pszFormat, ...) {
-    if (Fails(kCheckedFprintf)) {
-        return -1;
-    }
+    const bool fgLost = Fails(kCheckedFprintf);
     va_list arguments;
     va_start(arguments, pszFormat);
-    const int nLength = KeepText(pszFormat, arguments);
+    const int nLength = KeepText(fgLost, pszFormat, arguments);
     va_end(arguments);
     return nLength;
 }
@@ -445,14 +521,27 @@ void Perror(const char* pszText) {
     KeepText(pszText + (": " + strError + "\n"));
 }
 
+/// Whether a text cannot be rendered. What is rendered into the log's buffer is a message of the log.
+bool IsUnrendered(const Spec& spec, const char* pTarget, const void* pReturn = __builtin_return_address(0)) {
+    if (pTarget != g_pDebugBuffer) {
+        return Fails(spec, pReturn);
+    }
+    const bool fgFails = Fails(kRenderLine, pReturn);
+    if (fgFails) {
+        const std::lock_guard<std::mutex> lock(g_Guard);
+        g_nUnrendered = static_cast<int>(g_Log.size());
+    }
+    return fgFails;
+}
+
 __attribute__((format(printf, 3, 0))) int Vsnprintf(char* pTarget, std::size_t nSize, const char* pszFormat,
                                                     va_list arguments) {
-    return Fails(kVsnprintf) ? -1 : std::vsnprintf(pTarget, nSize, pszFormat, arguments);
+    return IsUnrendered(kVsnprintf, pTarget) ? -1 : std::vsnprintf(pTarget, nSize, pszFormat, arguments);
 }
 
 __attribute__((format(printf, 5, 0))) int CheckedVsnprintf(char* pTarget, std::size_t nSize, int, std::size_t,
                                                            const char* pszFormat, va_list arguments) {
-    return Fails(kCheckedVsnprintf) ? -1 : std::vsnprintf(pTarget, nSize, pszFormat, arguments);
+    return IsUnrendered(kCheckedVsnprintf, pTarget) ? -1 : std::vsnprintf(pTarget, nSize, pszFormat, arguments);
 }
 
 // ------------------------------------------------------------------------------------------------------ Connections
@@ -463,22 +552,24 @@ constexpr Spec kBind = {"bind", Tells::MINUS_ONE, {EADDRINUSE, EACCES, EADDRNOTA
 constexpr Spec kListen = {"listen", Tells::MINUS_ONE, {EADDRINUSE, EOPNOTSUPP, ENOTSOCK}};
 constexpr Spec kAccept = {
     "accept", Tells::MINUS_ONE, {EAGAIN, EMFILE, ENFILE, EINTR, ECONNABORTED, ENOBUFS, ENOMEM, EPROTO, EPERM, EINVAL}};
-constexpr Spec kConnect = {
-    "connect",
-    Tells::MINUS_ONE,
-    {EINPROGRESS, ECONNREFUSED, EINTR, ETIMEDOUT, ENETUNREACH, EAGAIN, EALREADY, EADDRNOTAVAIL, EISCONN}};
+constexpr Spec kConnect = {"connect",
+                           Tells::MINUS_ONE,
+                           {EINPROGRESS, ECONNREFUSED, EINTR, ETIMEDOUT, ENETUNREACH, EAGAIN, EALREADY, EADDRNOTAVAIL,
+                            EISCONN, EHOSTUNREACH, EACCES, EPERM, ENOENT, ECONNRESET, EADDRINUSE, EPROTOTYPE}};
 constexpr Spec kSetsockopt = {
     "setsockopt", Tells::MINUS_ONE, {ENOPROTOOPT, ENOBUFS, ENODEV, ENOMEM, EADDRINUSE, EADDRNOTAVAIL}};
 constexpr Spec kFcntl = {"fcntl", Tells::MINUS_ONE, {EBADF, EPERM, EINTR}};
 constexpr Spec kIoctl = {"ioctl", Tells::MINUS_ONE, {EBADF, ENOTTY, EINVAL}};
-constexpr Spec kPoll = {"poll", Tells::MINUS_ONE, {EINTR, ENOMEM, EINVAL, kNothing}};
+constexpr Spec kPoll = {"poll", Tells::MINUS_ONE, {EINTR, ENOMEM, EINVAL, kNothing, kSocketError, kHangUp}};
 constexpr Spec kSelect = {"select", Tells::MINUS_ONE, {EINTR, ENOMEM, EBADF, EINVAL, kNothing}};
 constexpr Spec kRecv = {"recv", Tells::MINUS_ONE, {EINTR, EAGAIN, ECONNRESET, ENOTCONN, ENOMEM, kShort, kNothing}};
-constexpr Spec kRecvfrom = {"recvfrom", Tells::MINUS_ONE, {EINTR, EAGAIN, ECONNREFUSED, ENOMEM}};
+constexpr Spec kRecvfrom = {"recvfrom", Tells::MINUS_ONE, {EINTR, EAGAIN, ECONNREFUSED, ENOMEM, kShort, kNothing}};
 constexpr Spec kSend = {
     "send", Tells::MINUS_ONE, {EINTR, EAGAIN, ECONNRESET, EPIPE, ENOTCONN, EMSGSIZE, ENOBUFS, kShort}};
 constexpr Spec kSendto = {
-    "sendto", Tells::MINUS_ONE, {EINTR, EAGAIN, EACCES, EHOSTUNREACH, ENETUNREACH, EMSGSIZE, ENOBUFS}};
+    "sendto",
+    Tells::MINUS_ONE,
+    {EINTR, EAGAIN, EACCES, EPERM, EHOSTUNREACH, ENETUNREACH, EMSGSIZE, ENOBUFS, EPIPE, ECONNREFUSED, ENOMEM}};
 constexpr Spec kRead = {"read", Tells::MINUS_ONE, {EINTR, EAGAIN, EIO, ECONNRESET, kShort, kNothing}};
 constexpr Spec kWrite = {"write", Tells::MINUS_ONE, {EINTR, EAGAIN, EPIPE, ENOSPC, EIO, kShort}};
 constexpr Spec kGethostname = {"gethostname", Tells::MINUS_ONE, {ENAMETOOLONG, EFAULT}};
@@ -487,8 +578,9 @@ constexpr char kOwnName[] = "torture";
 
 /// A transfer that may be short, or of nothing.
 template <typename Transfer>
-ssize_t Transferred(const Spec& spec, std::size_t nSize, Transfer transfer) {
-    const int nError = ErrorFor(spec);
+ssize_t Transferred(const Spec& spec, std::size_t nSize, Transfer transfer,
+                    const void* pReturn = __builtin_return_address(0)) {
+    const int nError = ErrorFor(spec, pReturn);
     if (nError > 0) {
         errno = nError;
         return -1;
@@ -508,8 +600,15 @@ ssize_t Read(int nDescriptor, void* pBuffer, std::size_t nSize) {
 ssize_t Write(int nDescriptor, const void* pBuffer, std::size_t nSize) {
     return Transferred(kWrite, nSize, [&](std::size_t n) { return write(nDescriptor, pBuffer, n); });
 }
+/// A datagram that fails to come, of which half comes, or that is empty.
 ssize_t Recvfrom(int nSocket, void* pBuffer, std::size_t nSize, int nFlags, sockaddr* pSender, socklen_t* pnSender) {
-    return Fails(kRecvfrom) ? -1 : recvfrom(nSocket, pBuffer, nSize, nFlags, pSender, pnSender);
+    const int nError = ErrorFor(kRecvfrom);
+    if (nError > 0) {
+        errno = nError;
+        return -1;
+    }
+    const ssize_t nReceived = recvfrom(nSocket, pBuffer, nSize, nFlags, pSender, pnSender);
+    return nError == kNothing ? 0 : nError == kShort ? nReceived / 2 : nReceived;
 }
 /// What is meant for everybody stays on this machine, whatever networks it has.
 ssize_t Sendto(int nSocket, const void* pBuffer, std::size_t nSize, int nFlags, const sockaddr* pTarget,
@@ -525,6 +624,9 @@ ssize_t Sendto(int nSocket, const void* pBuffer, std::size_t nSize, int nFlags, 
     }
     return sendto(nSocket, pBuffer, nSize, nFlags, pTarget, nTarget);
 }
+int Socket(int nDomain, int nType, int nProtocol) {
+    return Fails(kSocket) ? -1 : g_nLastSocket = socket(nDomain, nType, nProtocol);
+}
 int Bind(int nSocket, const sockaddr* pAddress, socklen_t nSize) {
     return Fails(kBind) ? -1 : bind(nSocket, pAddress, nSize);
 }
@@ -532,7 +634,7 @@ int Connect(int nSocket, const sockaddr* pAddress, socklen_t nSize) {
     return Fails(kConnect) ? -1 : connect(nSocket, pAddress, nSize);
 }
 int Accept(int nSocket, sockaddr* pAddress, socklen_t* pnSize) {
-    return Fails(kAccept) ? -1 : accept(nSocket, pAddress, pnSize);
+    return Fails(kAccept) ? -1 : g_nLastSocket = accept(nSocket, pAddress, pnSize);
 }
 int Fcntl(int nDescriptor, int nCommand, long nArgument) {
     return Fails(kFcntl) ? -1 : fcntl(nDescriptor, nCommand, nArgument);
@@ -540,9 +642,13 @@ int Fcntl(int nDescriptor, int nCommand, long nArgument) {
 int Ioctl(int nDescriptor, unsigned long nRequest, void* pArgument) {
     return Fails(kIoctl) ? -1 : ioctl(nDescriptor, nRequest, pArgument);
 }
-/// A wait that fails, or that lasts as long as it may.
+/// A wait that fails, that lasts as long as it may, or that ends for another reason than the one that is waited for.
 int Poll(pollfd* pPolls, nfds_t nPolls, int nTimeOut) {
     const int nError = ErrorFor(kPoll);
+    if (nError == kSocketError || nError == kHangUp) {
+        pPolls[0].revents = nError == kHangUp ? POLLHUP : POLLERR;
+        return 1;
+    }
     errno = nError > 0 ? nError : errno;
     return nError == 0 ? poll(pPolls, nPolls, nTimeOut) : nError == kNothing ? 0 : -1;
 }
@@ -618,7 +724,7 @@ constexpr Spec kThreadJoin = {"pthread_join", Tells::ERROR_NUMBER, {ESRCH, EINVA
 constexpr Spec kThreadCancel = {"pthread_cancel", Tells::ERROR_NUMBER, {ESRCH}};
 constexpr Spec kThreadAttributeEnd = {"pthread_attr_destroy", Tells::ERROR_NUMBER, {EINVAL}};
 constexpr Spec kUsleep = {"usleep", Tells::MINUS_ONE, {EINTR, EINVAL}};
-constexpr Spec kClock = {"gettimeofday", Tells::MINUS_ONE, {EFAULT, EPERM}};
+constexpr Spec kClock = {"gettimeofday", Tells::MINUS_ONE, {EFAULT}};
 constexpr Spec kUname = {"uname", Tells::MINUS_ONE, {EFAULT}};
 constexpr Spec kDlopen = {"dlopen", Tells::NULL_POINTER, {ENOENT}};
 constexpr Spec kDlsym = {"dlsym", Tells::NULL_POINTER, {ENOENT}};
@@ -633,18 +739,63 @@ int Gettimeofday(timeval* pNow, void* pZone) {
 
 int ThreadCreate(pthread_t* pThread, const pthread_attr_t* pAttribute, void* (*pBody)(void*), void* pArgument) {
     const int nError = ErrorFor(kThreadCreate);
-    return nError != 0 ? nError : pthread_create(pThread, pAttribute, pBody, pArgument);
+    const int nResult = nError != 0 ? nError : pthread_create(pThread, pAttribute, pBody, pArgument);
+    if (nResult == 0) {
+        const std::lock_guard<std::mutex> lock(g_Guard);
+        g_Threads.insert(*pThread);
+    }
+    return nResult;
 }
 
-/// A thread that could not be waited for is waited for at the end of the run.
+/// What is not waited for stays in the account.
 int ThreadJoin(pthread_t thread, void** ppResult) {
     const int nError = ErrorFor(kThreadJoin);
-    const int nResult = nError != 0 ? nError : pthread_join(thread, ppResult);
-    const std::lock_guard<std::mutex> lock(g_Guard);
+    if (nError != 0) {
+        return nError;
+    }
+    {
+        // Before: the system may give its handle to another thread from then on.
+        const std::lock_guard<std::mutex> lock(g_Guard);
+        g_Threads.erase(thread);
+    }
+    return pthread_join(thread, ppResult);
+}
+
+void* Dlopen(const char* pszPath, int nFlags) {
+    void* const pLibrary = Fails(kDlopen) ? nullptr : dlopen(pszPath, nFlags);
+    if (pLibrary != nullptr) {
+        const std::lock_guard<std::mutex> lock(g_Guard);
+        g_Libraries.insert(pLibrary);
+    }
+    return pLibrary;
+}
+
+int Dlclose(void* pLibrary) {
+    const int nResult = Fails(kDlclose) ? -1 : dlclose(pLibrary);
     if (nResult == 0) {
-        g_NotJoined.erase(thread);
-    } else {
-        g_NotJoined.insert(thread);
+        const std::lock_guard<std::mutex> lock(g_Guard);
+        const auto pEntry = g_Libraries.find(pLibrary);
+        if (pEntry != g_Libraries.end()) {
+            g_Libraries.erase(pEntry);
+        }
+    }
+    return nResult;
+}
+
+int ShmOpen(const char* pszName, int nFlags, mode_t nMode) {
+    const int nResult = Fails(kShmOpen) ? -1 : shm_open(pszName, nFlags, nMode);
+    if (nResult >= 0) {
+        const std::lock_guard<std::mutex> lock(g_Guard);
+        g_SharedNames.insert(pszName);
+    }
+    return nResult;
+}
+
+int ShmUnlink(const char* pszName) {
+    const int nResult = Fails(kShmUnlink) ? -1 : shm_unlink(pszName);
+    if (nResult == 0) {
+        const std::lock_guard<std::mutex> lock(g_Guard);
+        g_SharedNames.erase(pszName);
     }
     return nResult;
 }
@@ -674,6 +825,13 @@ int Usleep(useconds_t nMicroseconds) {
     if (!outcome.fgMayBeRefused) {
         std::fprintf(stderr, "A check failed where none may: %s\n", outcome.szRefusal);
         std::abort();
+    }
+    for (const std::string& strName : g_SharedNames) {
+        shm_unlink(strName.c_str());
+    }
+    for (const std::string& strDirectory : g_Scratch) {
+        std::error_code ignored;
+        std::filesystem::remove_all(strDirectory, ignored);
     }
     // At once: a sanitizer would look for threads that were not waited for.
     syscall(SYS_exit_group, 0);
@@ -746,10 +904,10 @@ const Hook g_Hooks[] = {
     Simple<kDirfd>(&dirfd),
     {"mktemp", Address(&Mktemp), &kMktemp},
     Simple<kFtruncate>(&ftruncate),
-    Simple<kShmOpen>(&shm_open),
-    Simple<kShmUnlink>(&shm_unlink),
+    {"shm_open", Address(&ShmOpen), &kShmOpen},
+    {"shm_unlink", Address(&ShmUnlink), &kShmUnlink},
     {"close", Address(&Close), &kClose},
-    Simple<kSocket>(&socket),
+    {"socket", Address(&Socket), &kSocket},
     {"bind", Address(&Bind), &kBind},
     Simple<kListen>(&listen),
     {"accept", Address(&Accept), &kAccept},
@@ -785,9 +943,9 @@ const Hook g_Hooks[] = {
     {"usleep", Address(&Usleep), &kUsleep},
     {"gettimeofday", Address(&Gettimeofday), &kClock},
     Simple<kUname>(&uname),
-    Simple<kDlopen>(&dlopen),
+    {"dlopen", Address(&Dlopen), &kDlopen},
     Simple<kDlsym>(&dlsym),
-    Simple<kDlclose>(&dlclose),
+    {"dlclose", Address(&Dlclose), &kDlclose},
     Simple<kSetlocale>(&std::setlocale),
     Simple<kMbstowcs>(&std::mbstowcs),
     Simple<kWcrtomb>(&std::wcrtomb),
@@ -860,6 +1018,8 @@ const Hook* HookFor(const std::string& name) {
 }
 
 std::set<const Hook*> g_Used;
+std::map<const void*, const Hook*> g_Slots;  ///< The places of the import table that hold a hook.
+dl_phdr_info g_Library = {};
 std::set<std::string> g_Unknown;
 
 // The loader's tables hold addresses as numbers.
@@ -891,6 +1051,7 @@ struct Imports {
         const Hook* const pHook = HookFor(name);
         if (pHook != nullptr) {
             g_Used.insert(pHook);
+            g_Slots[reinterpret_cast<const void*>(nBase + nOffset)] = pHook;
             Replace(reinterpret_cast<void**>(nBase + nOffset), pHook->pFunction);
         } else if (!IsMachinery(name) && g_CannotFail.count(name) == 0) {
             g_Unknown.insert(name);
@@ -921,6 +1082,7 @@ int RedirectLibrary(dl_phdr_info* pObject, std::size_t, void*) {
     if (std::strstr(pObject->dlpi_name, "libkalvoren-sharedd") == nullptr) {
         return 0;
     }
+    g_Library = *pObject;
     std::map<ElfW(Sxword), ElfW(Addr)> entries;
     for (int i = 0; i < pObject->dlpi_phnum; ++i) {
         if (pObject->dlpi_phdr[i].p_type == PT_DYNAMIC) {
@@ -952,6 +1114,66 @@ int RedirectLibrary(dl_phdr_info* pObject, std::size_t, void*) {
 
 // NOLINTEND(performance-no-int-to-ptr)
 
+#if defined(__x86_64__)
+/// The library's machine code, as far as it calls through the import table. There is no need to take instructions apart:
+/// an operation code in front of a distance to exactly such a place is no accident.
+class Code {
+ public:
+    Code(const unsigned char* pBegin, std::size_t nSize) : m_pBegin(pBegin), m_pEnd(pBegin + nSize) {
+        for (const unsigned char* p = m_pBegin; p + kIndirect <= m_pEnd; ++p) {
+            const auto pSlot =
+                p[0] == 0xFF && p[1] == 0x25 ? g_Slots.find(p + kIndirect + Distance(p + 2)) : g_Slots.end();
+            if (pSlot != g_Slots.end()) {
+                // A stub, which may begin with a mark of four bytes.
+                m_Stubs[p] = m_Stubs[p - 4] = pSlot->second;
+            }
+        }
+    }
+
+    /// Calls `visit(pReturn, hook)` for each call of a hook.
+    template <typename Visitor>
+    void VisitCalls(Visitor visit) const {
+        for (const unsigned char* p = m_pBegin; p + kIndirect <= m_pEnd; ++p) {
+            const auto pStub = p[0] == 0xE8 ? m_Stubs.find(p + kDirect + Distance(p + 1)) : m_Stubs.end();
+            const auto pSlot =
+                p[0] == 0xFF && p[1] == 0x15 ? g_Slots.find(p + kIndirect + Distance(p + 2)) : g_Slots.end();
+            if (pStub != m_Stubs.end()) {
+                visit(p + kDirect, *pStub->second);
+            } else if (pSlot != g_Slots.end()) {
+                visit(p + kIndirect, *pSlot->second);
+            }
+        }
+    }
+
+ private:
+    static constexpr int kDirect = 5;
+    static constexpr int kIndirect = 6;
+
+    static std::int32_t Distance(const unsigned char* p) {
+        std::int32_t nDistance = 0;
+        std::memcpy(&nDistance, p, sizeof(nDistance));
+        return nDistance;
+    }
+
+    const unsigned char* m_pBegin;
+    const unsigned char* m_pEnd;
+    std::map<const unsigned char*, const Hook*> m_Stubs;
+};
+
+/// A place in the library: the function, and where that is in the file.
+std::string PlaceOf(const unsigned char* p) {
+    Dl_info info = {};
+    dladdr(p, &info);
+    const char* const pszName = info.dli_sname != nullptr ? info.dli_sname : "?";
+    char* const pszReadable = abi::__cxa_demangle(pszName, nullptr, nullptr, nullptr);
+    char szOffset[32];
+    std::snprintf(szOffset, sizeof(szOffset), " at %#zx", reinterpret_cast<std::size_t>(p) - g_Library.dlpi_addr);
+    const std::string strPlace = std::string(pszReadable != nullptr ? pszReadable : pszName) + szOffset;
+    std::free(pszReadable);
+    return strPlace;
+}
+#endif
+
 bool IsMemory(const std::string& function) {
     return function == "malloc" || function == "calloc" || function == "realloc" || function == "new" ||
            function == "new[]";
@@ -982,14 +1204,33 @@ std::vector<std::string> UnreachedImports() {
 
 void ForgetWhatWasReached() {
     InCommon().reached = {};
+    InCommon().returned = {};
+}
+
+std::vector<std::string> UnreachedCalls() {
+    std::vector<std::string> unreached;
+#if defined(__x86_64__)
+    for (int i = 0; i < g_Library.dlpi_phnum; ++i) {
+        const ElfW(Phdr)& segment = g_Library.dlpi_phdr[i];
+        if (segment.p_type != PT_LOAD || (segment.p_flags & PF_X) == 0) {
+            continue;
+        }
+        // NOLINTNEXTLINE(performance-no-int-to-ptr)
+        const Code code(reinterpret_cast<const unsigned char*>(g_Library.dlpi_addr + segment.p_vaddr), segment.p_memsz);
+        code.VisitCalls([&](const unsigned char* pReturn, const Hook& hook) {
+            if (hook.pSpec != nullptr && !InCommon().Returned(reinterpret_cast<std::uintptr_t>(pReturn), false)) {
+                unreached.push_back(std::string(hook.pSpec->pszName) + " in " + PlaceOf(pReturn));
+            }
+        });
+    }
+#endif
+    return unreached;
 }
 
 void Begin(const Fault& fault, bool fgMayBeRefused) {
     g_Fault = fault;
     g_nCalls = 0;
-    g_nLeftBlocks = 0;
-    g_nLeftMappings = 0;
-    g_nLeftDescriptors = 0;
+    g_Left = {};
     SharedOutcome() = Outcome();
     SharedOutcome().fgMayBeRefused = fgMayBeRefused;
 }
@@ -998,10 +1239,27 @@ Outcome& TheOutcome() {
     return SharedOutcome();
 }
 
+bool Holdings::operator==(const Holdings& other) const {
+    return nBlocks == other.nBlocks && nMappings == other.nMappings && nDescriptors == other.nDescriptors &&
+           nThreads == other.nThreads && nLibraries == other.nLibraries && nSharedNames == other.nSharedNames;
+}
+
+Holdings operator+(const Holdings& left, const Holdings& right) {
+    return {left.nBlocks + right.nBlocks,   left.nMappings + right.nMappings,   left.nDescriptors + right.nDescriptors,
+            left.nThreads + right.nThreads, left.nLibraries + right.nLibraries, left.nSharedNames + right.nSharedNames};
+}
+
+void PrintTo(const Holdings& holdings, std::ostream* pOut) {
+    *pOut << holdings.nBlocks << " blocks, " << holdings.nMappings << " mappings, " << holdings.nDescriptors
+          << " descriptors, " << holdings.nThreads << " threads, " << holdings.nLibraries << " libraries, "
+          << holdings.nSharedNames << " names of shared memory";
+}
+
 Holdings TakeStock() {
     constexpr int kDescriptors = 256;
     const std::lock_guard<std::mutex> lock(g_Guard);
-    Holdings holdings = {g_Blocks.size(), g_Mappings.size(), 0};
+    Holdings holdings = {g_Blocks.size(),  g_Mappings.size(),  0,
+                         g_Threads.size(), g_Libraries.size(), g_SharedNames.size()};
     for (int i = 0; i < kDescriptors; ++i) {
         holdings.nDescriptors += fcntl(i, F_GETFD) >= 0 ? 1 : 0;
     }
@@ -1009,27 +1267,23 @@ Holdings TakeStock() {
 }
 
 void LeavesBlocks(std::size_t nBlocks) {
-    g_nLeftBlocks += nBlocks;
-}
-
-std::size_t LeftBlocks() {
-    return g_nLeftBlocks;
+    g_Left.nBlocks += nBlocks;
 }
 
 void LeavesMappings(std::size_t nMappings) {
-    g_nLeftMappings += nMappings;
-}
-
-std::size_t LeftMappings() {
-    return g_nLeftMappings;
+    g_Left.nMappings += nMappings;
 }
 
 void LeavesDescriptors(std::size_t nDescriptors) {
-    g_nLeftDescriptors += nDescriptors;
+    g_Left.nDescriptors += nDescriptors;
 }
 
-std::size_t LeftDescriptors() {
-    return g_nLeftDescriptors;
+void LeavesThreads(std::size_t nThreads) {
+    g_Left.nThreads += nThreads;
+}
+
+Holdings LeftBehind() {
+    return g_Left;
 }
 
 void CleanUp() {
@@ -1038,10 +1292,26 @@ void CleanUp() {
         closedir(pDirectory);
     }
     g_Directories.clear();
-    for (const pthread_t thread : g_NotJoined) {
+    for (const pthread_t thread : g_Threads) {
         pthread_join(thread, nullptr);
     }
-    g_NotJoined.clear();
+    g_Threads.clear();
+}
+
+void GoesWithTheProcess(const std::string& strDirectory) {
+    g_Scratch.insert(strDirectory);
+}
+
+void StaysNoMore(const std::string& strDirectory) {
+    g_Scratch.erase(strDirectory);
+}
+
+int LastSocket() {
+    return g_nLastSocket;
+}
+
+const void* LastDirectory() {
+    return g_pLastDirectory;
 }
 
 void Forget(const void* pBlock) {
@@ -1077,25 +1347,87 @@ bool Step::LostItsLine() const {
     return Failed({"fprintf", kWriteOfALine});
 }
 
-std::vector<std::string> MutexRefusalsAnd(std::vector<std::string> others) {
+std::vector<std::string> MutexMakingRefusalsAnd(std::vector<std::string> others) {
     for (const char* const pszRefusal :
          {"new in KMutex::KMutex(): pInfo", "pthread_mutexattr_init in KMutex::KMutex(): nRet == 0",
           "pthread_mutexattr_settype in KMutex::KMutex(): nRet == 0",
-          "pthread_mutex_init in KMutex::KMutex(): nRet == 0",
-          "pthread_mutex_destroy in virtual KMutex::~KMutex(): nRet == 0"}) {
+          "pthread_mutex_init in KMutex::KMutex(): nRet == 0"}) {
         others.emplace_back(pszRefusal);
     }
     return others;
+}
+
+std::vector<std::string> MutexRefusalsAnd(std::vector<std::string> others) {
+    others.emplace_back("pthread_mutex_destroy in virtual KMutex::~KMutex(): nRet == 0");
+    return MutexMakingRefusalsAnd(std::move(others));
 }
 
 void PrintTo(const Scenario& scenario, std::ostream* pOut) {
     *pOut << scenario.pszName;
 }
 
+namespace {
+
+int CountIn(const std::map<std::string, int>& calls, const std::string& function) {
+    const auto pEntry = calls.find(function);
+    return pEntry != calls.end() ? pEntry->second : 0;
+}
+
+/// The writes that a message takes, each with its mark and what was rendered.
+std::vector<std::pair<std::string, std::string>> WritesOf(const std::string& message) {
+    const std::string strStamp = "Log: ";
+    if (message == kStampAlone) {
+        return {{strStamp, ""}};
+    }
+    if (message.rfind(strStamp, 0) == 0) {
+        return {{strStamp, ""}, {"", message.substr(strStamp.size()) + "\n"}};
+    }
+    for (const std::string strMark : {"Error****: ", "Debug: "}) {
+        if (message.rfind(strMark, 0) == 0) {
+            return {{strMark, message.substr(strMark.size()) + "\n"}};
+        }
+    }
+    return {{message + "\n", ""}};
+}
+
+}  // namespace
+
+Step::~Step() {
+    if (!m_fgLogExpected) {
+        ExpectLog({});
+    }
+}
+
+int Step::CallsBefore(const std::string& function) const {
+    return CountIn(m_CallsBefore, function);
+}
+
+int Step::Calls(const std::string& function) const {
+    return CountIn(m_Calls, function);
+}
+
+void Step::ExpectLog(const std::vector<std::string>& messages) const {
+    m_fgLogExpected = true;
+    std::string strExpected;
+    int nWrite = 0;
+    for (const std::string& message : messages) {
+        for (const auto& [strMark, strText] : WritesOf(message)) {
+            strExpected += strMark + (nWrite == m_nUnrendered ? "\n" : strText);
+            ++nWrite;
+        }
+    }
+    const std::string strMeant = support::WithoutStamps(m_Meant);
+    if (strMeant != strExpected) {
+        ADD_FAILURE_AT(m_pszFile, m_nLine) << "This step was to log:\n" << strExpected << "It logged:\n" << strMeant;
+    }
+}
+
 void Step::Arm() {
     {
         const std::lock_guard<std::mutex> lock(g_Guard);
         g_Log.clear();
+        g_nUnrendered = -1;
+        g_Calls.clear();
     }
     m_nFailedCall = -g_nCalls;
     t_fgArmed = true;
@@ -1106,8 +1438,17 @@ void Step::Disarm() {
     m_fgFailed = HasFailed() && !m_fgBefore;
     m_nFailedCall = m_fgFailed ? m_nFailedCall + g_Fault.nCall : 0;
     m_Function = m_fgFailed ? SharedOutcome().szFunction : "";
+    m_Calls = g_Calls;
+    if (m_fgFailed) {
+        m_CallsBefore = g_CallsBefore;
+        m_nFailedSize = g_nFailedSize;
+    }
     const std::lock_guard<std::mutex> lock(g_Guard);
-    m_Log = g_Log;
+    for (const Piece& piece : g_Log) {
+        m_Meant += piece.text;
+        m_Log += piece.fgLost ? "" : piece.text;
+    }
+    m_nUnrendered = g_nUnrendered;
 }
 
 }  // namespace torture

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <initializer_list>
 #include <iosfwd>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,9 +34,13 @@ struct Outcome {
 constexpr int kShort = -1;
 /// In place of an error number: the end of what there is to read, or the end of a wait.
 constexpr int kNothing = -2;
+/// In place of an error number: a wait that ends for an error of the socket, or because the peer hung up.
+constexpr int kSocketError = -3;
+constexpr int kHangUp = -4;
 
-/// The name under which an `fwrite` to standard error fails.
+/// The names under which an `fwrite` to standard error and the rendering of a message of the log fail.
 constexpr char kWriteOfALine[] = "fwrite of a line";
+constexpr char kRenderingOfALine[] = "vsnprintf of a line";
 
 /// Puts itself between the library and libc, once.
 void Install();
@@ -48,6 +53,10 @@ std::vector<std::string> UnknownImports();
 std::vector<std::string> UnreachedImports();
 void ForgetWhatWasReached();
 
+/// The calls of functions that can fail that no step has made since ForgetWhatWasReached(), with or without faults. They are
+/// found in the library's machine code; where that is not of a known kind, none is.
+std::vector<std::string> UnreachedCalls();
+
 /// Starts a run, and gives its outcome so far.
 void Begin(const Fault& fault, bool fgMayBeRefused);
 Outcome& TheOutcome();
@@ -57,21 +66,34 @@ struct Holdings {
     std::size_t nBlocks;  ///< Of memory.
     std::size_t nMappings;
     std::size_t nDescriptors;
+    std::size_t nThreads;      ///< That were made and not waited for.
+    std::size_t nLibraries;    ///< That were loaded and not unloaded.
+    std::size_t nSharedNames;  ///< Of shared memory.
+
+    bool operator==(const Holdings& other) const;
 };
+Holdings operator+(const Holdings& left, const Holdings& right);
+void PrintTo(const Holdings& holdings, std::ostream* pOut);
 Holdings TakeStock();
 
-/// Says that a run leaves exactly so many blocks of memory behind, where the library says that it does.
+/// Says that a run leaves exactly so many of something behind, where the library says that it does.
 void LeavesBlocks(std::size_t nBlocks);
-std::size_t LeftBlocks();
-/// As LeavesBlocks(), for what is mapped, and for descriptors.
 void LeavesMappings(std::size_t nMappings);
-std::size_t LeftMappings();
 void LeavesDescriptors(std::size_t nDescriptors);
-std::size_t LeftDescriptors();
+void LeavesThreads(std::size_t nThreads);
+Holdings LeftBehind();
 /// Takes a block out of the account that the test itself frees.
 void Forget(const void* pBlock);
-/// Closes the directories that a run left open, and waits for the threads that it could not.
+/// Once the account is made: closes the directories that a run left open, and waits for the threads that it did not.
 void CleanUp();
+
+/// A directory that has to go with the process if a failed check ends it.
+void GoesWithTheProcess(const std::string& strDirectory);
+void StaysNoMore(const std::string& strDirectory);
+
+/// The last socket that the library made, and the last directory that it opened.
+int LastSocket();
+const void* LastDirectory();
 
 /// Lets each call of usleep on this thread run a piece of code first, in place of a clock; null for none.
 void WhileSleeping(void (*pDo)());
@@ -84,14 +106,18 @@ bool HasLackedMemory();
 /// A piece of a scenario: while its code runs, this thread's calls are counted and what the library logs is kept. Another
 /// thread's are not: which call is the third one must not depend on who is faster. A thread that the library makes has steps
 /// of its own in its body, while the one that made it has none.
+///
+/// What the library logs in a step is compared as a whole with what ExpectLog() says; with nothing where it says nothing.
 class Step {
  public:
     template <typename Code>
-    explicit Step(Code&& code) : m_fgBefore(HasFailed()) {
+    explicit Step(Code&& code, const char* pszFile = __builtin_FILE(), int nLine = __builtin_LINE())
+        : m_fgBefore(HasFailed()), m_pszFile(pszFile), m_nLine(nLine) {
         Arm();
         std::forward<Code>(code)();
         Disarm();
     }
+    ~Step();
     Step(const Step&) = delete;
     Step& operator=(const Step&) = delete;
 
@@ -107,10 +133,21 @@ class Step {
     bool LostItsLine() const;
     /// Which of the step's calls failed, counted from 1; 0 for none.
     int FailedCall() const { return m_nFailedCall; }
+    /// Which of the step's calls of the function that failed it was, counted from 1; 0 for none.
+    int FailedOfItsKind() const { return m_fgFailed ? CallsBefore(m_Function) + 1 : 0; }
+    /// How often the step had called a function when one of its calls failed.
+    int CallsBefore(const std::string& function) const;
+    /// How often the step called a function in all.
+    int Calls(const std::string& function) const;
+    /// How many bytes the failed allocation was to have.
+    std::size_t FailedSize() const { return m_nFailedSize; }
 
+    /// Says what the library has to have logged, message by message: "Error****: ", "Debug: " or "Log: " (for a stamp) and
+    /// the message, or kStampAlone. What could not be written counts as logged: it was to be. A message that could not be
+    /// rendered is an empty one.
+    void ExpectLog(const std::vector<std::string>& messages) const;
     /// What the library wrote to standard error.
     const std::string& Log() const { return m_Log; }
-    bool Logged(const std::string& text) const { return m_Log.find(text) != std::string::npos; }
 
  private:
     void Arm();
@@ -120,8 +157,19 @@ class Step {
     bool m_fgFailed = false;
     int m_nFailedCall = 0;
     std::string m_Function;
+    std::map<std::string, int> m_CallsBefore;
+    std::map<std::string, int> m_Calls;
+    std::size_t m_nFailedSize = 0;
     std::string m_Log;
+    std::string m_Meant;     ///< With what could not be written.
+    int m_nUnrendered = -1;  ///< The number of the write whose message could not be rendered.
+    const char* m_pszFile;
+    int m_nLine;
+    mutable bool m_fgLogExpected = false;
 };
+
+/// A stamp that a message was dropped behind.
+constexpr char kStampAlone[] = "Log: alone";
 
 /// A scenario: what it does, and the checks that end the process in it when they are on and something fails.
 struct Scenario {
@@ -132,7 +180,9 @@ struct Scenario {
     bool fgTurnsChecksOn = false;  ///< Whether they were on before or not. It is also apart.
 };
 
-/// The checks that end the process where a mutex cannot be made or destroyed, and others.
+/// The checks that end the process where a mutex cannot be made, and others.
+std::vector<std::string> MutexMakingRefusalsAnd(std::vector<std::string> others);
+/// The same where it cannot be destroyed either.
 std::vector<std::string> MutexRefusalsAnd(std::vector<std::string> others);
 
 /// How the test framework shows one.
