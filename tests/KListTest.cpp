@@ -401,6 +401,35 @@ TEST(KListTest, ACountWithoutAChainIsNoElement) {
     EXPECT_EQ(list.GetCount(), 3);
 }
 
+TEST(KListTest, WhatTheChainHoldsBeyondTheCountIsNoElement) {
+    KList<int> list;
+    Fill(list, {1, 2, 3});
+    ClaimCount(list, 2);
+    int nOut = 7;
+    EXPECT_FALSE(list.Get(nOut, 2));
+    EXPECT_FALSE(list.Pop(nOut, 2));
+    EXPECT_EQ(list[2], nullptr);
+    EXPECT_NE(list[1], nullptr);
+    EXPECT_EQ(nOut, 7);
+    ClaimCount(list, 3);  // or the third element would be left behind
+}
+
+TEST(KListTest, ResetRemovesNoMoreThanTheCountSays) {
+    const int nBefore = Tracked::Alive();
+    KList<Tracked> list;
+    list.Add(Tracked(1));
+    list.Add(Tracked(2));
+    const Image image = ImageOf(list);
+    ClaimCount(list, 0);
+    list.Reset();
+    EXPECT_EQ(Tracked::Alive(), nBefore + 2);
+    EXPECT_EQ(ImageOf(list).pHead, nullptr);
+    // Gives the elements back to the list, which would be left behind otherwise.
+    std::memcpy(reinterpret_cast<unsigned char*>(&list), &image, sizeof(image));
+    list.Reset();
+    EXPECT_EQ(Tracked::Alive(), nBefore);
+}
+
 // --------------------------------------------------------------------------------------------------------- Copying
 
 TEST(KListTest, ACopyHasElementsOfItsOwn) {
@@ -533,6 +562,28 @@ TEST(KListTest, AppendersWithAnEndGoOnWhereTheLastOneStopped) {
     EXPECT_EQ(list.GetCount(), 4);
 }
 
+TEST(KListTest, AnAppenderNotesTheLinkBehindTheLastElement) {
+    KList<int> list;
+    Fill(list, {1, 2});
+    KList<int>::End end;
+    {
+        KList<int>::Appender appender(list, end);
+        appender.Add(3);
+    }
+    void** ppLink = nullptr;
+    static_assert(sizeof(end) == sizeof(ppLink), "an End holds where the link is");
+    std::memcpy(&ppLink, &end, sizeof(ppLink));
+    ASSERT_NE(ppLink, nullptr) << "without it every Appender would go through the whole list";
+    const auto linked = [ppLink] {
+        void* pElement = nullptr;
+        std::memcpy(&pElement, ppLink, sizeof(pElement));
+        return pElement;
+    };
+    EXPECT_EQ(linked(), nullptr);
+    list.Add(4);
+    EXPECT_EQ(linked(), list[3]) << "the value stands at the start of its element";
+}
+
 TEST(KListTest, AnEndOfAnEmptyListCanBeGoneOnFrom) {
     KList<int> list;
     KList<int>::End end;
@@ -557,6 +608,50 @@ TEST(KListTest, AnAppenderWithAnEndFindsWhatWasAddedInBetween) {
         appender.Add(4);
     }
     EXPECT_EQ(Values(list), (std::vector<int>{1, 2, 3, 4}));
+}
+
+TEST(KListTest, AnAppenderTakesTheElementsOfAnotherListAsTheyAre) {
+    KList<Tracked> list;
+    list.Add(Tracked(1));
+    KList<Tracked> other;
+    other.Add(Tracked(2));
+    other.Add(Tracked(3));
+    const Tracked* const pTwo = other[0];
+    const Tracked* const pThree = other[1];
+    {
+        KList<Tracked>::Appender appender(list);
+        appender.Take(other);
+        EXPECT_TRUE(appender.Add(Tracked(4)));
+    }
+    ASSERT_EQ(list.GetCount(), 4);
+    EXPECT_EQ(list[1], pTwo);
+    EXPECT_EQ(list[2], pThree);
+    EXPECT_EQ(list[2]->Assignments(), 1);
+    EXPECT_EQ(list[3]->Value(), 4);
+    EXPECT_EQ(other.GetCount(), 0);
+    EXPECT_EQ(ImageOf(other).pHead, nullptr);
+    other.Add(Tracked(5));
+    EXPECT_EQ(other.GetCount(), 1);
+    EXPECT_EQ(list.GetCount(), 4);
+}
+
+TEST(KListTest, TakingFromAnEmptyListChangesNothing) {
+    KList<int> list;
+    KList<int> other;
+    KList<int>::Appender(list).Take(other);
+    EXPECT_EQ(list.GetCount(), 0);
+    Fill(list, {1, 2});
+    KList<int>::Appender(list).Take(other);
+    EXPECT_EQ(Values(list), (std::vector<int>{1, 2}));
+    EXPECT_EQ(list.GetCount(), 2);
+    EXPECT_EQ(other.GetCount(), 0);
+}
+
+TEST(KListTest, WhatHoldsTheLockCannotBeCopied) {
+    EXPECT_FALSE(std::is_copy_constructible<KList<int>::Reader>::value);
+    EXPECT_FALSE(std::is_copy_assignable<KList<int>::Reader>::value);
+    EXPECT_FALSE(std::is_copy_constructible<KList<int>::Appender>::value);
+    EXPECT_FALSE(std::is_copy_assignable<KList<int>::Appender>::value);
 }
 
 TEST(KListTest, AReaderOfOneListCanFeedAnAppenderOfAnother) {

@@ -1,14 +1,19 @@
 """Changes the library in one place at a time and sees whether the tests of the class notice.
 
 Started by scripts/mutate, which sees to the build. A change is an operator, a constant, a condition or a statement; comments
-and texts are spared. A changed source is compiled and linked with the other objects of the library, and the result put in
-front of the real one (LD_PRELOAD) of the test programs of its class. They run where they can break nothing: the file system
-is read-only but for a small /tmp, with a network and processes of their own.
+and texts are spared. Compiling each changed source would take most of the time, so that all changes of a class that are in the
+bodies of functions are compiled as one library, and an environment variable says which one runs (see changes.py). Of the tests
+those run first that reach the changed function. What none of them notices, and what cannot be chosen by a variable, is compiled
+and linked by itself, and has to pass all tests of the class, in one process and in one for each case, to count as a survivor.
+
+The tests run where they can break nothing, and find a changed library in the place of the real one: the file system is
+read-only but for a small /tmp, with a network and processes of its own.
 """
 
 import argparse
-import concurrent.futures
+import collections
 import hashlib
+import heapq
 import json
 import os
 import random
@@ -17,11 +22,15 @@ import shlex
 import subprocess
 import sys
 import tempfile
+import threading
 import time
+
+from changes import Change, Switched, changes_of
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BUILD = os.path.join(ROOT, "build", "mutate")
-LIBRARY = "libkalvoren-sharedd.so.1"
+LIBRARY = "libkalvoren-sharedd.so.1.0.0"
+SWITCH = os.path.join(ROOT, "tests", "mutation", "switch")
 EQUIVALENTS = os.path.join(ROOT, "tests", "mutation", "equivalents.json")
 
 # Of each class the files that are changed, and its tests. The sources of the library that are compiled with a changed header
@@ -56,136 +65,6 @@ CLASSES = {
 }  # fmt: skip
 
 
-# ------------------------------------------------------------------------------------------------------------ The changes
-
-
-def blank_out(text):
-    """The text with comments, texts, characters and preprocessor lines blanked out, every byte in its place."""
-    pattern = re.compile(
-        r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])*\'|^[ \t]*#(?:[^\n]*\\\n)*[^\n]*',
-        re.DOTALL | re.MULTILINE,
-    )
-    return pattern.sub(lambda match: re.sub(r"[^\n]", " ", match.group()), text)
-
-
-# Operators stand between blanks where they are binary: the formatting tells them from templates, pointers and signs.
-SWAPS = {
-    "==": ["!="],
-    "!=": ["=="],
-    "<": ["<=", ">"],
-    "<=": ["<", ">"],
-    ">": [">=", "<"],
-    ">=": [">", "<"],
-    "&&": ["||"],
-    "||": ["&&"],
-    "+": ["-"],
-    "-": ["+"],
-    "*": ["/"],
-    "/": ["*"],
-    "%": ["*"],
-    "&": ["|"],
-    "|": ["&"],
-    "+=": ["-="],
-    "-=": ["+="],
-}
-
-
-def closing(text, opening):
-    """The place of the bracket that closes the one at a place; -1 where it is missing."""
-    depth = 0
-    for i in range(opening, len(text)):
-        depth += {"(": 1, ")": -1}.get(text[i], 0)
-        if depth == 0:
-            return i
-    return -1
-
-
-def is_statement(line):
-    """Whether a line is a whole statement that can be left out: a call or an assignment, no declaration."""
-    line = line.strip()
-    if not line.endswith(";") or line.count("(") != line.count(")") or line.count("{") != line.count("}"):
-        return False
-    if re.match(r"(return|using|typedef|static_assert|static|const|constexpr|case|default|goto|friend|extern|template)\b", line):
-        return False
-    if re.match(r"(break|continue);$", line):
-        return True
-    # Two words in a row begin a declaration.
-    if re.match(r"[\w:]+(<.*>)?[*&]*\s+[*&]*\w+\s*(=|\(|\{|;|\[)", line):
-        return False
-    return re.match(r"(\+\+|--|\*)?[\w:~]+(<[^<>]*>)?\s*(\(|\.|->|\[|=|\+=|-=|\|=|&=|\*=|\+\+|--|;)", line) is not None or (
-        re.match(r"(\+\+|--|\*|\()", line) is not None
-    )
-
-
-def changes_of(text):
-    """Every change of a source: (from, to, replacement, kind), in order."""
-    plain = blank_out(text)
-    found = []
-
-    for match in re.finditer(r"(?<= )(==|!=|<=|>=|<|>|&&|\|\||\+=|-=|\+|-|\*|/|%|&|\|)(?= )", plain):
-        for other in SWAPS[match.group()]:
-            found.append((match.start(), match.end(), other, "operator"))
-    for match in re.finditer(r"\+\+|--", plain):
-        found.append((match.start(), match.end(), "--" if match.group() == "++" else "++", "operator"))
-    for match in re.finditer(r"!(?=[\w(*])", plain):
-        found.append((match.start(), match.end(), "", "operator"))
-    for match in re.finditer(r"(?<![\w.'])(\d+)(?![\w.'])", plain):
-        number = int(match.group())
-        for other in {str(number + 1), "0" if number else "1"}:
-            found.append((match.start(), match.end(), other, "constant"))
-    for match in re.finditer(r"\b(true|false|nullptr)\b", plain):
-        other = {"true": "false", "false": "true"}.get(match.group())
-        if other:
-            found.append((match.start(), match.end(), other, "constant"))
-    for match in re.finditer(r"\b(if|while) \(", plain):
-        end = closing(plain, match.end() - 1)
-        inner = text[match.end() : end]
-        if end > 0 and " = " not in blank_out(inner) and ";" not in inner:
-            other = "!(%s)" % inner if match.group(1) == "if" else "false && (%s)" % inner
-            found.append((match.end(), end, other, "condition"))
-    for match in re.finditer(r"\breturn ([^;{}]+);", plain):
-        value = text[match.start(1) : match.end(1)]
-        if value not in ("0", "false", "nullptr", "true", "*this") and not value.startswith("[" ):
-            found.append((match.start(1), match.end(1), "{}", "statement"))
-    place = 0
-    for line in plain.splitlines(keepends=True):
-        if is_statement(line):
-            stripped = line.strip()
-            start = place + line.index(stripped)
-            found.append((start, start + len(stripped), ";", "statement"))
-        place += len(line)
-    return sorted(set(found))
-
-
-class Change:
-    """One change of one file."""
-
-    def __init__(self, path, text, start, end, other, kind):
-        self.path = path
-        self.start = start
-        self.old = text[start:end]
-        self.new = other
-        self.kind = kind
-        self.text = text[:start] + other + text[end:]
-        self.line = text.count("\n", 0, start) + 1
-        first = text.rfind("\n", 0, start) + 1
-        self.line_text = text[first : text.find("\n", start)].strip()
-        # Which of the lines that read like this one it is.
-        self.nth = sum(1 for line in text[:first].splitlines() if line.strip() == self.line_text)
-        indent = len(text[first:start]) - len(text[first:start].lstrip())
-        self.column = start - first - (indent if text[first:start].strip() else start - first)
-
-    def identity(self):
-        """What tells the change from others, wherever its line moves to."""
-        return {"file": self.path, "in": self.line_text, "nth": self.nth, "at": self.column, "old": self.old,
-                "new": self.new}  # fmt: skip
-
-    def __str__(self):
-        new = self.new.replace("\n", " ")
-        old = self.old.replace("\n", " ")
-        return "%s:%d: %s: '%s' -> '%s' in: %s" % (self.path, self.line, self.kind, old, new, self.line_text)
-
-
 # -------------------------------------------------------------------------------------------------------------- The build
 
 
@@ -209,13 +88,16 @@ def digest(*parts):
 class Build:
     """Compiles changed files with the commands that compile the real ones."""
 
-    def __init__(self, name):
+    # What objects do without any change: it takes long to find out, and is the same for all.
+    plain = {}
+    plain_lock = threading.Lock()
+
+    def __init__(self, *names):
         with open(os.path.join(BUILD, "compile_commands.json")) as file:
             self.entries = json.load(file)
-        self.work = os.path.join(BUILD, "changed", name)
+        self.work = os.path.join(BUILD, "changed", *names)
         self.headers = os.path.join(self.work, "include")
         os.makedirs(self.headers, exist_ok=True)
-        self.plain = {}
 
     def entry(self, source):
         path = os.path.join(ROOT, source)
@@ -225,34 +107,33 @@ class Build:
         sys.exit("mutate: %s is not part of the build" % source)
 
     def compile(self, source, path, target, more=()):
-        """Compiles a file as if it were another; returns whether that worked."""
+        """Compiles a file as if it were another."""
         entry = self.entry(source)
         words = shlex.split(entry["command"])
         words[words.index("-o") + 1] = target
         words[words.index("-c") + 1] = path
         words = [word for word in words if word not in ("-Werror", "-g", "-g1")]
         directory = os.path.dirname(os.path.join(ROOT, source))
-        # What the source includes by a path from its own directory.
-        words[1:1] = ["-w", *more, "-I", directory]
-        return run(words, cwd=entry["directory"]).returncode == 0
+        # What the source includes by a path from its own directory. Objects must not tell in which directory they were made.
+        words[1:1] = ["-w", *more, "-I", directory, "-ffile-prefix-map=%s=." % self.work]
+        return run(words, cwd=entry["directory"], env={**os.environ, "LC_ALL": "C"})
 
-    def objects(self):
-        """The object of each source of the library, by source."""
-        objects = {}
-        for entry in self.entries:
-            words = shlex.split(entry["command"])
-            target = words[words.index("-o") + 1]
-            if target.startswith("CMakeFiles/kalvoren-sharedd.dir/"):
-                objects[os.path.relpath(entry["file"], ROOT)] = os.path.join(entry["directory"], target)
-        return objects
+    def link_as(self, target, changed, more):
+        """Links a target with the objects of some sources changed, as it is linked itself, or returns None."""
+        listed = run(["ninja", "-C", BUILD, "-t", "commands", target]).stdout.decode().splitlines()
+        line = [line for line in listed if " -o " + target in line][-1]
+        words = shlex.split(line[line.index("&&") + 2 : line.rindex("&&")])
+        for source, path in changed.items():
+            names = [i for i, word in enumerate(words) if word.endswith("/" + os.path.basename(source) + ".o")]
+            if names:
+                words[names[0]] = path
+        linked = os.path.join(self.work, os.path.basename(target))
+        words[words.index("-o") + 1] = linked
+        return linked if run([*words, *more], cwd=BUILD).returncode == 0 else None
 
-    def link(self, changed):
+    def link(self, changed, *more):
         """Links the library with the objects of some sources changed."""
-        library = os.path.join(self.work, LIBRARY)
-        objects = [changed.get(name, path) for name, path in sorted(self.objects().items())]
-        words = ["g++", "-shared", "-o", library, "-Wl,-soname," + LIBRARY]
-        words += ["-Wl,--version-script," + os.path.join(ROOT, "src", "exports.map"), "-pthread", *objects, "-ldl"]
-        return library if run(words).returncode == 0 else None
+        return self.link_as(LIBRARY, changed, more)
 
     def code_of(self, path):
         """What an object does, without what it says about where it came from."""
@@ -262,118 +143,200 @@ class Build:
             return hashlib.sha256(file.read()).hexdigest()
 
     def code_without_change(self, source):
-        if source not in self.plain:
-            self.plain[source] = self.changed_object(source, text_of(source))
-            if self.plain[source] is None:
-                sys.exit("mutate: %s does not compile without a change" % source)
-        return self.plain[source][1]
+        with Build.plain_lock:
+            lock, code = Build.plain.setdefault(source, (threading.Lock(), []))
+        with lock:
+            if not code:
+                plain = Build("plain")  # not where changed objects are
+                path = plain.changed_object(source, text_of(source))
+                if path is None:
+                    sys.exit("mutate: %s does not compile without a change" % source)
+                code.append(plain.code_of(path))
+        return code[0]
 
-    def changed_object(self, source, text, more=()):
-        """Compiles a text in place of a source: the object's path and its code, or None."""
+    def put(self, source, text):
+        """Writes a text in place of a source, and says where."""
         path = os.path.join(self.work, os.path.basename(source))
-        target = path + ".o"
         with open(path, "w") as file:
             file.write(text)
-        if not self.compile(source, path, target, more):
-            return None
-        return target, self.code_of(target)
+        return path
 
-    def change_header(self, path, text):
-        """Puts all headers, one of them with a text of its own, where they are found before the real ones."""
+    def changed_object(self, source, text, more=()):
+        """Compiles a text in place of a source: the object, or None."""
+        path = self.put(source, text)
+        return path + ".o" if self.compile(source, path, path + ".o", more).returncode == 0 else None
+
+    def change_headers(self, texts):
+        """Puts all headers, some of them with a text of their own, where they are found before the real ones."""
         for place in ("inc", "src"):
             for name in os.listdir(os.path.join(ROOT, place)):
                 if name.endswith(".h"):
                     header = os.path.join(place, name)
                     with open(os.path.join(self.headers, name), "w") as file:
-                        file.write(text if header == path else text_of(header))
+                        file.write(texts.get(header) or text_of(header))
 
-    def program(self, program, test):
+    def includes(self, source, header):
+        """Whether a source is compiled with a header."""
+        listed = self.compile(source, os.path.join(ROOT, source), "/dev/stdout", ["-M"]).stdout.decode()
+        return os.path.join(ROOT, header) in (os.path.normpath(word) for word in listed.split() if word != "\\")
+
+    def program(self, program, test, *more):
         """Links a test program of another object."""
-        program = os.path.join(self.work, os.path.basename(program))
-        libraries = [os.path.join(BUILD, "tests", "lib%s.a" % part) for part in ("kalvoren-test-support", "kalvoren-googletest")]
-        words = ["g++", "-o", program, test, *libraries, "-L" + BUILD, "-lkalvoren-sharedd", "-Wl,-rpath," + BUILD, "-pthread",
-                 "-ldl"]  # fmt: skip
-        return program if run(words).returncode == 0 else None
+        return self.link_as(os.path.join("tests", os.path.basename(program)), {source_of(program): test}, more)
 
 
 # -------------------------------------------------------------------------------------------------------------- The tests
 
 
-def sandboxed(command):
+def sandboxed(command, *more):
     """A command that can change nothing outside it, whatever a changed library does."""
-    # Tests of permissions write to /tmp as another user than the one that started them.
+    # Tests of permissions write to /tmp as another user than the one that started them. The sources may be below it.
     return ["bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--perms", "1777", "--tmpfs", "/tmp",
-            "--perms", "1777", "--tmpfs", "/var/tmp", "--unshare-pid", "--unshare-net", "--unshare-ipc",
-            "--die-with-parent", "--setenv", "TMPDIR", "/tmp", "--chdir", os.path.join(BUILD, "tests"),
+            "--perms", "1777", "--tmpfs", "/var/tmp", "--ro-bind", ROOT, ROOT, *more, "--unshare-pid", "--unshare-net",
+            "--unshare-ipc", "--die-with-parent", "--setenv", "TMPDIR", "/tmp", "--chdir", os.path.join(BUILD, "tests"),
             *command]  # fmt: skip
 
 
+class Setting:
+    """What the tests run with: a library in place of the real one, other programs in place of theirs, the change that runs."""
+
+    def __init__(self, library=None, replaced=None, number=0):
+        self.library = library
+        self.replaced = replaced or {}
+        self.number = number
+
+    def binds(self):
+        """Puts the library and the programs where the real ones are: programs look for what they load beside themselves."""
+        places = {path: program for program, path in self.replaced.items()}
+        if self.library:
+            places[self.library] = os.path.join(BUILD, LIBRARY)
+        return [word for path, place in places.items() for word in ("--ro-bind", path, place)]
+
+
+Outcome = collections.namedtuple("Outcome", "passed late case seconds")
+
+
 class Tests:
+    """The tests of a class. Several threads use them."""
+
     # So many of the cases that noticed changes before are run ahead of all others: they are likely to notice the next.
     AHEAD = 25
 
     def __init__(self, programs):
         self.programs = [os.path.join(BUILD, "tests", program) for program in programs]
-        self.seconds = {}
-        self.cases = {}
+        self.cases = {program: self.cases_of(program) for program in self.programs}
+        self.seconds = {program: {} for program in self.programs}  # what each case takes in a process of its own
+        self.reached = {program: {} for program in self.programs}  # the functions that each case reaches
         self.noticing = {program: [] for program in self.programs}
         self.late = 0  # changes that were noticed because a test did not end in time
+        self.lock = threading.Lock()
 
-    def passes(self, library=None, program=None, replaced=None, limit=300.0, more=()):
-        """Whether a test program passes, with a changed library in front or replaced by another program."""
-        command = [(replaced or {}).get(program, program), "--gtest_color=no", "--gtest_fail_fast", *more]
-        if library:
-            command = ["env", "LD_PRELOAD=" + library, *command]
-        started = time.time()
+    def cases_of(self, program):
+        cases = []
+        suite = ""
+        for line in run([program, "--gtest_list_tests"]).stdout.decode().splitlines():
+            name = line.split("#")[0].strip()
+            if line.startswith(" "):
+                cases.append(suite + name)
+            elif name.endswith("."):
+                suite = name
+        return cases
+
+    def start(self, setting, program, cases, limit, marks=None):
+        """Runs some cases of a program until one fails."""
+        command = [program, "--gtest_color=no", "--gtest_fail_fast"]
+        if cases != self.cases[program]:
+            command.append("--gtest_filter=" + ":".join(cases))
+        options = setting.binds()
+        if setting.number:
+            options += ["--setenv", "KALVOREN_CHANGE", str(setting.number)]
+        if marks:
+            options += ["--bind", marks, marks, "--setenv", "KALVOREN_MARKS", marks]
+        command = sandboxed(command, *options)
+        started = time.monotonic()
         with tempfile.TemporaryFile() as output:
             try:
-                result = subprocess.run(sandboxed(command), stdout=output, stderr=subprocess.DEVNULL,
-                                        stdin=subprocess.DEVNULL, timeout=limit)  # fmt: skip
-                passed = result.returncode == 0
+                result = subprocess.run(command, stdout=output, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL,
+                                        timeout=limit)  # fmt: skip
+                passed, late = result.returncode == 0, False
             except subprocess.TimeoutExpired:
-                passed = False
-                self.late += 1
-            if not passed:
-                output.seek(0)
-                self.remember(program, output.read())
-        if not more:
-            self.seconds.setdefault(program, time.time() - started)
-        return passed
+                passed, late = False, True
+            output.seek(0)
+            ran = re.findall(rb"^\[ RUN      \] (\S+)", output.read(), re.MULTILINE)
+        return Outcome(passed, late, ran[-1].decode() if ran else None, time.monotonic() - started)
 
-    def remember(self, program, output):
-        """Keeps the case that a program ended in, the latest first."""
-        started = re.findall(rb"^\[ RUN      \] (\S+)", output, re.MULTILINE)
-        if started:
-            noticing = self.noticing[program]
-            case = started[-1].decode()
-            noticing[:] = [case] + [other for other in noticing if other != case]
+    def measure(self, setting, marks):
+        """How long each case takes, and which functions it reaches. Returns the case that fails, as none may."""
+        for program in self.programs:
+            outcome = self.start(setting, program, self.cases[program], 300.0)
+            if not outcome.passed:
+                return outcome.case or program
+            for case in self.cases[program]:
+                with open(marks, "wb") as file:
+                    file.truncate(65536)
+                os.chmod(marks, 0o666)
+                outcome = self.start(setting, program, [case], 60.0, marks)
+                if not outcome.passed:
+                    return case
+                with open(marks, "rb") as file:
+                    self.reached[program][case] = {i for i, mark in enumerate(file.read()) if mark}
+                self.seconds[program][case] = outcome.seconds
+        return None
 
-    def notice(self, library=None, replaced=None):
+    def fails(self, setting, program, cases):
+        """Whether one of some cases fails, or does not end."""
+        usual = sum(self.seconds[program][case] for case in cases)
+        outcome = self.start(setting, program, cases, max(3.0, 5 * usual))
+        if outcome.passed:
+            return False
+        # The processors may have been busy with something else: it has to fail again, with plenty of time.
+        outcome = self.start_again(setting, program, cases, outcome)
+        with self.lock:
+            self.late += outcome.late
+            if not outcome.passed and not outcome.late and outcome.case:
+                noticing = self.noticing[program]
+                noticing[:] = [outcome.case] + [other for other in noticing if other != outcome.case]
+        return not outcome.passed
+
+    def start_again(self, setting, program, cases, first):
+        """What comes of cases that failed once: of the one that failed by itself, then of all."""
+        usual = sum(self.seconds[program][case] for case in cases)
+        if first.case:
+            # How long the case takes now without a change tells how busy the processors are.
+            alone = self.start(Setting(), program, [first.case], 60.0).seconds if first.late else usual
+            outcome = self.start(setting, program, [first.case], max(10.0, 20 * alone))
+            if not outcome.passed:
+                return outcome
+        return self.start(setting, program, cases, max(60.0, 20 * usual))
+
+    def notice_soon(self, setting, function=None):
+        """Whether the cases that reach a function, or all, notice a change: in few processes, the likely and quick ones first."""
+        batches = []
         for program in self.programs:
-            ahead = self.noticing[program][: self.AHEAD]
-            if ahead and not self.passes(library, program, replaced, 20.0, ["--gtest_filter=" + ":".join(ahead)]):
-                return True
-        for program in self.programs:
-            limit = max(20.0, 6 * self.seconds[program])
-            if not self.passes(library, program, replaced, limit):
-                return True
+            with self.lock:
+                ahead = self.noticing[program][: self.AHEAD]
+            cases = [case for case in self.cases[program] if function is None or function in self.reached[program][case]]
+            cases.sort(key=lambda case: (case not in ahead or self.seconds[program][case] > 0.5, self.seconds[program][case]))
+            batches += [(i, program, batch) for i, batch in enumerate(self.batches(program, cases))]
+        return any(self.fails(setting, program, batch) for _, program, batch in sorted(batches))
+
+    def batches(self, program, cases):
+        """Splits cases: the first ones take little time together, the next more, and so on."""
+        batches, seconds, limit = [[]], 0.0, 1.0
+        for case in cases:
+            if batches[-1] and seconds + self.seconds[program][case] > limit:
+                batches.append([])
+                seconds, limit = 0.0, 4 * limit
+            batches[-1].append(case)
+            seconds += self.seconds[program][case]
+        return batches if cases else []
+
+    def notice(self, setting):
+        """Whether any case notices a change: all in one process, and each in its own."""
+        if any(self.fails(setting, program, self.cases[program]) for program in self.programs):
+            return True
         # As CTest starts them: what one case leaves in the process may hide a change from the next.
-        return any(not self.passes_apart(library, program, replaced) for program in self.programs)
-
-    def passes_apart(self, library, program, replaced):
-        if program not in self.cases:
-            listed = run([program, "--gtest_list_tests"]).stdout.decode().splitlines()
-            suite = ""
-            self.cases[program] = []
-            for line in listed:
-                name = line.split("#")[0].strip()
-                if line.startswith(" "):
-                    self.cases[program].append(suite + name)
-                elif name.endswith("."):
-                    suite = name
-        return all(
-            self.passes(library, program, replaced, 60.0, ["--gtest_filter=" + case]) for case in self.cases[program]
-        )
+        return any(self.fails(setting, program, [case]) for program in self.programs for case in self.cases[program])
 
     def state(self):
         """Changes when a test does: a survivor is looked at again then."""
@@ -392,6 +355,7 @@ class Results:
 
     def __init__(self, name):
         self.path = os.path.join(BUILD, "results-%s.json" % name)
+        self.lock = threading.Lock()
         self.known = {}
         if os.path.exists(self.path):
             with open(self.path) as file:
@@ -402,114 +366,273 @@ class Results:
         return known["result"] if known and (known["result"] != "survived" or known["state"] == state) else None
 
     def put(self, change, state, result):
-        self.known[digest(change.path, change.text)] = {"result": result, "state": state}
-        with open(self.path + ".new", "w") as file:
-            json.dump(self.known, file)
-        os.replace(self.path + ".new", self.path)
+        with self.lock:
+            self.known[digest(change.path, change.text)] = {"result": result, "state": state}
+            with open(self.path + ".new", "w") as file:
+                json.dump(self.known, file)
+            os.replace(self.path + ".new", self.path)
 
 
-def examine(change, build, tests, compiled):
-    """'invalid', 'same', 'noticed' or 'survived'."""
-    if change.path.endswith(".h"):
-        return examine_header(change, build, tests, compiled)
-    plain = build.code_without_change(change.path)
-    changed = build.changed_object(change.path, change.text)
-    if changed is None:
-        return "invalid"
-    if changed[1] == plain:
-        return "same"
-    library = build.link({change.path: changed[0]})
-    if library is None:
-        return "invalid"
-    return "noticed" if tests.notice(library=library) else "survived"
+class Changes:
+    """All changes of a class that run by a switch, in one library; the rest is left to be compiled one by one."""
+
+    def __init__(self, build, tests, units, changes):
+        self.tests = tests
+        self.build = build
+        self.units = units  # the sources that are compiled with a changed file, by that file
+        self.numbers = dict(enumerate(changes, 1))
+        self.setting = None
+        self.functions = {}
+
+    def make(self):
+        """Compiles what does compile. Returns the sources that were compiled, by their objects, or None."""
+        while self.numbers:
+            self.texts, self.functions, last = {}, {}, 0
+            for path in self.units:
+                numbers = {n: change for n, change in self.numbers.items() if change.path == path}
+                self.texts[path] = Switched(text_of(path), numbers, last)
+                self.functions.update(self.texts[path].functions)
+                last = self.texts[path].last_function
+            self.numbers = {n: change for n, change in self.numbers.items() if n in self.functions}
+            blamed = self.blamed()
+            if blamed is None:
+                return None
+            if not blamed:
+                break
+            self.numbers = {n: change for n, change in self.numbers.items() if n not in blamed}
+        objects = {source: self.compile(source, []) for source in self.sources()}
+        return None if any(result.returncode for _, result in objects.values()) else {
+            source: target for source, (target, _) in objects.items()
+        }  # fmt: skip
+
+    def sources(self):
+        changed = {change.path for change in self.numbers.values()}
+        return sorted({source for path in changed for source in self.units[path]})
+
+    def compile(self, source, more):
+        text = self.texts[source].text if source in self.texts else text_of(source)
+        path = self.build.put(source, text)
+        more = ["-include", SWITCH + ".h", "-I", self.build.headers, *more]
+        return path + ".o", self.build.compile(source, path, path + ".o", more)
+
+    def blamed(self):
+        """The changes that do not compile; None where it is not known what does not."""
+        self.build.change_headers({path: switched.text for path, switched in self.texts.items()})
+        blamed = set()
+        for source in self.sources():
+            _, result = self.compile(source, ["-fsyntax-only"])
+            if result.returncode:
+                lines = result.stdout.decode(errors="replace").splitlines()
+                # A template's error may be said to be where it is used.
+                found = self.blamed_by([line for line in lines if "error:" in line]) or self.blamed_by(lines)
+                if not found:
+                    return None
+                blamed |= found
+        return blamed
+
+    def blamed_by(self, lines):
+        names = {os.path.basename(path): path for path in self.texts}
+        places = [re.match(r"(?:.*/)?([\w.]+):(\d+):\d+:", line) for line in lines]
+        return {
+            number
+            for place in places
+            if place and place.group(1) in names
+            for number in self.texts[names[place.group(1)]].blamed(int(place.group(2)))
+        }
+
+    def link(self, objects):
+        switch = os.path.join(self.build.work, "switch.o")
+        if run(["g++", "-O1", "-fPIC", "-c", SWITCH + ".cpp", "-o", switch]).returncode != 0:
+            sys.exit("mutate: the switch does not compile")
+        replaced = {}
+        for program in self.tests.programs:
+            if source_of(program) in objects:
+                replaced[program] = self.build.program(program, objects[source_of(program)], switch)
+        library = self.build.link(objects, switch)
+        if library is None or None in replaced.values():
+            return None
+        return Setting(library, replaced)
+
+    def prepare(self, name):
+        objects = self.make()
+        setting = self.link(objects or {})
+        if objects is None or setting is None:
+            print("mutate: the changes of %s do not compile together: they are compiled one by one" % name, file=sys.stderr)
+            self.functions = {}
+            setting = Setting()
+        failed = self.tests.measure(setting, os.path.join(self.build.work, "marks"))
+        if failed:
+            sys.exit("mutate: %s fails without any change of %s" % (failed, name))
+        self.setting = setting
+        self.numbers = {id(change): number for number, change in self.numbers.items() if number in self.functions}
+
+    def chosen(self, change):
+        """The setting in which a change runs, and the function that it is in; None for a change that has no switch."""
+        number = self.numbers.get(id(change)) if self.functions else None
+        if number is None:
+            return None
+        return Setting(self.setting.library, self.setting.replaced, number), self.functions[number]
 
 
-def examine_header(change, build, tests, compiled):
-    """The same for a header, with which sources of the library and the tests are compiled anew."""
-    objects, replaced = {}, {}
-    build.change_header(change.path, change.text)
-    for source in compiled + [source_of(program) for program in tests.programs]:
-        plain = build.code_without_change(source)
-        changed = build.changed_object(source, text_of(source), ["-I", build.headers])
-        if changed is None:
+class Class:
+    """A class whose changes are tried, by as many threads as there are."""
+
+    CHUNK = 20  # so many changes are tried by one thread before another class may have its turn
+
+    def __init__(self, name, options, equivalents, deadline):
+        self.name = name
+        self.options = options
+        self.deadline = deadline
+        files, programs, *compiled = CLASSES[name]
+        self.compiled = compiled[0] if compiled else [path for path in files if path.endswith(".cpp")]
+        self.files = files
+        self.tests = Tests(programs)
+        self.state = self.tests.state()
+        self.results = Results(name)
+        self.counts = {"noticed": 0, "survived": 0, "equivalent": 0, "same": 0, "invalid": 0}
+        self.survivors = []
+        self.lock = threading.Lock()
+        self.units = {}
+        changes = [Change(path, text_of(path), *change) for path in files for change in changes_of(text_of(path))]
+        self.total = len(changes)
+        random.Random(options.seed).shuffle(changes)
+        self.left = []
+        for change in changes[: options.sample or self.total]:
+            result = "equivalent" if change.identity() in equivalents else self.results.get(change, self.state)
+            if result is None:
+                self.left.append(change)
+            else:
+                self.count(change, result)
+
+    def count(self, change, result):
+        with self.lock:
+            self.counts[result] += 1
+            if result == "survived":
+                self.survivors.append(change)
+                if self.options.verbose:
+                    print(json.dumps(change.identity()), flush=True)
+
+    def begin(self, crew):
+        """Prepares the changes that are left, and hands them out."""
+        if not self.left or time.time() > self.deadline:
+            return self.report()
+        build = Build(self.name, "all")
+        for path in self.files:
+            sources = [path] if path.endswith(".cpp") else self.compiled + [source_of(p) for p in self.tests.programs]
+            self.units[path] = [s for s in sources if s == path or build.includes(s, path)]
+        self.changes = Changes(build, self.tests, self.units, self.left)
+        self.changes.prepare(self.name)
+        # One function after the other, so that what noticed one change is likely to notice the next. What takes long comes first.
+        self.left.sort(key=lambda change: (self.changes.chosen(change) is not None, change.path, change.start))
+        chunks = [self.left[i : i + self.CHUNK] for i in range(0, len(self.left), self.CHUNK)]
+        self.chunks_left = len(chunks)
+        for chunk in chunks:
+            crew.add(0, lambda chunk=chunk: self.try_changes(chunk))
+
+    def try_changes(self, chunk):
+        build = Build(self.name, threading.current_thread().name)
+        for change in chunk:
+            if time.time() > self.deadline:
+                break
+            result = self.examine(change, build)
+            self.results.put(change, self.state, result)
+            self.count(change, result)
+        with self.lock:
+            self.chunks_left -= 1
+            last = self.chunks_left == 0
+        if last:
+            self.report()
+
+    def examine(self, change, build):
+        """'invalid', 'same', 'noticed' or 'survived'."""
+        chosen = self.changes.chosen(change)
+        if chosen and self.tests.notice_soon(*chosen):
+            return "noticed"
+        objects = self.changed_objects(change, build)
+        if objects is None:
             return "invalid"
-        if changed[1] != plain:
-            objects[source] = changed[0]
-    if not objects:
-        return "same"
-    for program in tests.programs:
-        if source_of(program) in objects:
-            replaced[program] = build.program(program, objects[source_of(program)])
-    library = build.link(objects)
-    if library is None or None in replaced.values():
-        return "invalid"
-    return "noticed" if tests.notice(library, replaced) else "survived"
+        if not objects:
+            return "same"
+        replaced = {}
+        for program in self.tests.programs:
+            if source_of(program) in objects:
+                replaced[program] = build.program(program, objects[source_of(program)])
+        library = build.link(objects)
+        if library is None or None in replaced.values():
+            return "invalid"
+        setting = Setting(library, replaced)
+        if not chosen and self.tests.notice_soon(setting):
+            return "noticed"
+        return "noticed" if self.tests.notice(setting) else "survived"
+
+    def changed_objects(self, change, build):
+        """The objects that a change makes others, by their sources; None where it does not compile."""
+        objects, more = {}, []
+        if change.path.endswith(".h"):
+            build.change_headers({change.path: change.text})
+            more = ["-I", build.headers]
+        for source in self.units[change.path]:
+            changed = build.changed_object(source, change.text if source == change.path else text_of(source), more)
+            if changed is None:
+                return None
+            objects[source] = changed
+        return {s: path for s, path in objects.items() if build.code_of(path) != build.code_without_change(s)}
+
+    def report(self):
+        counts = self.counts
+        judged = counts["noticed"] + counts["survived"]
+        share = 100.0 * counts["noticed"] / judged if judged else 100.0
+        lines = [
+            "%s: %d of %d changes tried: %d noticed (%d for the time that a test took), %d survived (%.1f %% noticed); "
+            "%d listed as equivalent, %d compile to the same, %d do not compile"
+            % (self.name, sum(counts.values()), self.total, counts["noticed"], self.tests.late, counts["survived"], share,
+               counts["equivalent"], counts["same"], counts["invalid"])  # fmt: skip
+        ]
+        lines += ["  " + str(change) for change in sorted(self.survivors, key=lambda change: (change.path, change.start))]
+        print("\n".join(lines), flush=True)
 
 
-def check_setting(name, compiled, build, tests):
-    """What is not changed has to pass in the same setting, or every change would seem to be noticed."""
-    for program in tests.programs:
-        if not tests.passes(program=program):
-            sys.exit("mutate: %s fails without any change" % os.path.basename(program))
-    build.change_header("", "")
-    objects, replaced = {}, {}
-    for source in compiled + [source_of(program) for program in tests.programs]:
-        plain = build.changed_object(source, text_of(source), ["-I", build.headers])
-        if plain is None or plain[1] != build.code_without_change(source):
-            sys.exit("mutate: %s does not compile to the same without a change" % source)
-        objects[source] = plain[0]
-    for program in tests.programs:
-        replaced[program] = build.program(program, objects[source_of(program)])
-    library = build.link(objects)
-    if library is None or not all(tests.passes(library, program, replaced) for program in tests.programs):
-        sys.exit("mutate: the tests of %s fail with a library that was put in front" % name)
+class Crew:
+    """Threads that do what there is to do, the lowest rank first."""
 
+    def __init__(self):
+        self.changed = threading.Condition()
+        self.tasks = []
+        self.added = self.left = 0
+        self.error = None
 
-def report(name, counts, total, late, survivors):
-    judged = counts["noticed"] + counts["survived"]
-    share = 100.0 * counts["noticed"] / judged if judged else 100.0
-    print(
-        "%s: %d of %d changes tried: %d noticed (%d for the time that a test took), %d survived (%.1f %% noticed); "
-        "%d listed as equivalent, %d compile to the same, %d do not compile"
-        % (name, sum(counts.values()), total, counts["noticed"], late, counts["survived"], share, counts["equivalent"],
-           counts["same"], counts["invalid"]),  # fmt: skip
-        flush=True,
-    )
-    for survivor in survivors:
-        print("  " + str(survivor), flush=True)
+    def add(self, rank, task):
+        with self.changed:
+            self.added += 1
+            self.left += 1
+            heapq.heappush(self.tasks, (rank, self.added, task))
+            self.changed.notify_all()
 
+    def work(self):
+        while True:
+            with self.changed:
+                self.changed.wait_for(lambda: self.tasks or not self.left or self.error)
+                if not self.tasks or self.error:
+                    return
+                task = heapq.heappop(self.tasks)[2]
+            error = None
+            try:
+                task()
+            except BaseException as caught:  # sys.exit() ends no more than a thread
+                error = caught
+            with self.changed:
+                self.error = self.error or error
+                self.left -= 1
+                self.changed.notify_all()
 
-def mutate(name, options, equivalents, deadline):
-    files, programs, *compiled = CLASSES[name]
-    compiled = compiled[0] if compiled else [path for path in files if path.endswith(".cpp")]
-    build = Build(name)
-    tests = Tests(programs)
-    results = Results(name)
-    check_setting(name, compiled, build, tests)
-    state = tests.state()
-    changes = [Change(path, text_of(path), *change) for path in files for change in changes_of(text_of(path))]
-    total = len(changes)
-    random.Random(options.seed).shuffle(changes)
-    counts = {"noticed": 0, "survived": 0, "equivalent": 0, "same": 0, "invalid": 0}
-    survivors = []
-    for change in changes[: options.sample or total]:
-        if time.time() > deadline:
-            break
-        if change.identity() in equivalents:
-            counts["equivalent"] += 1
-            continue
-        result = results.get(change, state)
-        if result is None:
-            result = examine(change, build, tests, compiled)
-            results.put(change, state, result)
-        counts[result] += 1
-        if result == "survived":
-            survivors.append(change)
-            if options.verbose:
-                print(json.dumps(change.identity()), flush=True)
-    survivors.sort(key=lambda change: (change.path, change.start))
-    report(name, counts, total, tests.late, survivors)
-    return counts
+    def run(self, size):
+        threads = [threading.Thread(target=self.work, name=str(i), daemon=True) for i in range(size)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        if self.error:
+            raise self.error
 
 
 def main():
@@ -538,16 +661,14 @@ def main():
     if subprocess.run(["cmake", "--build", BUILD, "--target", "kalvoren-sharedd", *programs], stdout=sys.stderr).returncode != 0:
         sys.exit("mutate: the tests do not build")
     deadline = time.time() + options.seconds if options.seconds else float("inf")
-    noticed = judged = 0
-    # One class on each processor.
-    with concurrent.futures.ThreadPoolExecutor(int(os.environ.get("JOBS") or os.cpu_count())) as pool:
-        classes = [pool.submit(mutate, name, options, equivalents, deadline) for name in names]
-        try:
-            for counts in (done.result() for done in classes):
-                noticed += counts["noticed"]
-                judged += counts["noticed"] + counts["survived"]
-        finally:
-            pool.shutdown(cancel_futures=True)
+    classes = [Class(name, options, equivalents, deadline) for name in names]
+    crew = Crew()
+    # What is begun is ended before the next class is begun; the largest first, so that all processors are busy to the end.
+    for tried in sorted(classes, key=lambda one: -len(one.left)):
+        crew.add(1, lambda tried=tried: tried.begin(crew))
+    crew.run(int(os.environ.get("JOBS") or os.cpu_count()))
+    noticed = sum(tried.counts["noticed"] for tried in classes)
+    judged = noticed + sum(tried.counts["survived"] for tried in classes)
     if not judged:
         sys.exit("mutate: no change was judged")
     share = 100.0 * noticed / judged
