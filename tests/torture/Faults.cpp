@@ -962,8 +962,8 @@ const std::set<std::string> g_CannotFail = {
     "signal",
     // Looks at its arguments.
     "vsscanf", "strcasecmp", "strcasestr", "strchr", "strcmp", "strlen", "malloc_usable_size", "strncasecmp", "strncmp",
-    "strstr", "strcspn", "strspn", "strrchr", "tolower", "toupper", "wcslen", "bcmp", "memchr", "memcmp", "memcpy",
-    "memmove", "memrchr", "memset",
+    "strnlen", "strstr", "strcspn", "strspn", "strrchr", "tolower", "toupper", "wcslen", "bcmp", "memchr", "memcmp",
+    "memcpy", "memmove", "memrchr", "memset",
     // Ends the process for a target that is too small, or a descriptor that no set has room for: the library looks first.
     "__memcpy_chk", "__fdelt_chk",
     // Looks at the process.
