@@ -157,7 +157,8 @@ MOVEMENT = """(async () => {
 def look(browser, url, screenshot):
     browser.open(url)
     browser.size(1280, 900, False)
-    browser.wait_for("document.getElementById('state').textContent == 'live'", "the page is live")
+    # The page may still be on its way.
+    browser.wait_for("document.getElementById('state')?.textContent == 'live'", "the page is live")
     browser.wait_for(f"{MOVEMENT}.then(movement => movement > 0.3)", "the picture moves")
     frames = browser.ask("document.getElementById('frames').textContent")
     browser.wait_for(f"document.getElementById('frames').textContent != {frames!r}", "the number of pictures changes")
