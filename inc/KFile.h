@@ -27,7 +27,12 @@
 /// Read(), Write() and GetPosition() fail like a failed system call.
 ///
 /// Thread-safety: every operation on an object except IsValid() and GetPath() takes the object's lock, which is not
-/// recursive; read GetPosition() before you use it. The static operations take no lock.
+/// recursive; read GetPosition() before you use it. The static operations take no lock. @b Beware: Open() closes under
+/// the lock and opens under it anew, so that of two at once one may lose its stream, and Create(bool), Rename() and Delete()
+/// give the lock back before they use the object's path. Leave these, and Open(), to one thread at a time; reading, writing
+/// and closing may go on beside them.
+///
+/// Opening for writing and creating follow a link that has the name, and empty the file that it leads to.
 ///
 /// A file cannot be copied: a copy or an assignment fails the check "0"; with the checks off a copy is a fresh, closed
 /// file without a path, and an assignment does nothing.
