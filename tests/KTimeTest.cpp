@@ -964,6 +964,9 @@ TEST(KTimeTest, TheTextUsesTheZonePassedAndNotTheOneStored) {
 TEST(KTimeTest, TheTextOfMicrosecondsOutOfRangeIsThatOfTheirRemainder) {
     EXPECT_STREQ(At(0, 1500000).GetHumanTimeString(6, 0, 0).GetBuffer(), "00:00:00 500000");
     EXPECT_STREQ(At(0, -5).GetHumanTimeString(6, 0, 0).GetBuffer(), "00:00:00 -00005");
+    // With a sign and five digits the six places are full; with six digits there are seven.
+    EXPECT_STREQ(At(0, -99999).GetHumanTimeString(6, 0, 0).GetBuffer(), "00:00:00 -99999");
+    EXPECT_STREQ(At(0, -100000).GetHumanTimeString(6, 0, 0).GetBuffer(), "00:00:00 -100000");
 }
 
 TEST(KTimeTest, EveryTextIsWhatPrintfMakesOfTheFields) {
