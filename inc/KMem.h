@@ -23,6 +23,7 @@
 ///
 /// Entering, finding and removing take the same time however many entries there are; only what is not there costs a
 /// look at every place. The registry's memory is asked for at once but costs nothing until it is used.
+/// The address sanitizer does not look for pointers in it: a block that only the registry still knows counts as leaked.
 ///
 /// @par Thread-safety
 /// The registry has no lock. Use KMem, objects and helpers alike, from one thread or under a lock of your own: threads

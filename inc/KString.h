@@ -254,7 +254,7 @@ class KALVOREN_API KString {
     KALVOREN_LOCAL void Append(const char* p, int n);
     KALVOREN_LOCAL void Shorten(int nLen);
 
-    friend class KPath;
+    friend class KPath;  // shortens and assigns its text without a copy
 
     int m_nLen;
     tchar* m_pszString;

@@ -16,7 +16,7 @@ class TimeText {
     const char* Begin() const { return m_szText; }
     std::size_t Length() const { return static_cast<std::size_t>(m_pEnd - m_szText); }
 
-    // Where it is a part of the code that calls it, the piece's length is known there.
+    // Here and below: where it is a part of the code that calls it, the piece's length is known there.
     [[gnu::always_inline]] inline TimeText& Text(const char* pszText) {
         const std::size_t nLen = std::strlen(pszText);
         std::memcpy(m_pEnd, pszText, nLen);

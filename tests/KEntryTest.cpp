@@ -545,7 +545,7 @@ void ExpectLeftByEachStart(std::size_t nWanted, const Code& work) {
         }
     }
     // Not exact: libc counts freed blocks that it has in hand, and what is too small to be cut off a block that it gives. A
-    // block that is lost has 16 bytes at least, so that one in every fourth start is seen.
+    // block that is lost has 16 bytes at least, so that one in more than every fourth start is seen.
     constexpr double kSlack = 4;
     const double rLeft = static_cast<double>(support::BytesInUse()) - static_cast<double>(nBytes);
     EXPECT_NEAR(rLeft / (kStarts - kFirst), nBytes > 0 ? static_cast<double>(nWanted) : 0, kSlack);

@@ -290,23 +290,24 @@ TEST_F(KMemTest, AfterDeinitTheRegistryCanBeMadeAgain) {
     LinearModel().ExpectSame(*Registry());
 }
 
-/// How many of the registry's pages are in memory; all that may be where the system does not say.
-std::size_t ResidentPages() {
+/// How many of the registry's pages are in memory; -1 where the system does not say.
+long ResidentPages() {
     const std::size_t nPage = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     std::vector<unsigned char> pages((sizeof(WholeRegistry) + nPage - 1) / nPage, 1);
-    mincore(const_cast<void*>(RegistryAddress()), sizeof(WholeRegistry), pages.data());
-    return static_cast<std::size_t>(
-        std::count_if(pages.begin(), pages.end(), [](unsigned char nState) { return (nState & 1U) != 0; }));
+    if (mincore(const_cast<void*>(RegistryAddress()), sizeof(WholeRegistry), pages.data()) != 0) {
+        return -1;
+    }
+    return std::count_if(pages.begin(), pages.end(), [](unsigned char nState) { return (nState & 1U) != 0; });
 }
 
 TEST_F(KMemTest, TheRegistryTakesNoMemoryBeforeItIsNeededAlsoWhenItIsMadeAgain) {
     for (int i = 0; i < 3; ++i) {
         ASSERT_TRUE(KMem::Init());
-        EXPECT_EQ(ResidentPages(), 1u);
+        EXPECT_EQ(ResidentPages(), 1);
         // Its slot, its size, its cell, and what is taken.
         KMem::AddForNonClass(Address(1), 1);
         KMem::RemoveForNonClass(Address(1));
-        EXPECT_LE(ResidentPages(), 8u);
+        EXPECT_LE(ResidentPages(), 8);
         KMem::Deinit();
     }
 }

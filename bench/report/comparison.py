@@ -1,5 +1,6 @@
 """The library beside other libraries and beside the limit: tables, goals and a plot of cost against size."""
 import collections
+import itertools
 import pathlib
 import platform
 import re
@@ -269,7 +270,7 @@ def draw_plot(axis, plot):
     """A colour for each of those who do the job, and a way of drawing lines for each family."""
     families = plot.drawn()
     everyone = list(dict.fromkeys(who for rows in families.values() for row in rows.values() for who in row.medians))
-    ways = dict(zip(families, ("-", "--", ":", "-.")))
+    ways = dict(zip(families, itertools.cycle(("-", "--", ":", "-."))))
     for fixed, rows in families.items():
         for number, who in enumerate(everyone):
             points = sorted((size, row.medians[who]) for size, row in rows.items() if who in row.medians)

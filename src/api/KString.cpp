@@ -225,7 +225,7 @@ void KString::Append(const char* p, int n) {
     m_pszString = pszGrown;
 }
 
-/// Drops what is behind the first bytes of the text. The buffer stays.
+/// Drops what is behind the first bytes of the text, of which there are some. The buffer stays.
 void KString::Shorten(int nLen) {
     m_nLen = nLen;
     m_pszString[nLen] = '\0';

@@ -2,7 +2,7 @@
 # check-linear.sh PROGRAM
 #
 # What the jobs cost grows as it should. Instructions are counted, not seconds: four times the size may take four times
-# the instructions and a hundredth more, a little more than that where something is sorted, and no more at all where the
+# the instructions and a hundredth more, a little more than that where something is sorted, and hardly more where the
 # size is not what the job is about.
 set -euo pipefail
 

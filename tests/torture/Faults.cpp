@@ -84,13 +84,15 @@ struct Piece {
     bool fgLost;
 };
 
-// Never destroyed: the library's own objects go later than the test's.
+// None of these is ever destroyed: the library's own objects go later than the test's.
+
+/// How often each function was called in this step, and that before the call that failed. The armed thread's alone.
+std::map<std::string, int>& g_Calls = *new std::map<std::string, int>();
+std::map<std::string, int>& g_CallsBefore = *new std::map<std::string, int>();
+
 std::mutex& g_Guard = *new std::mutex();  // of what follows
 std::vector<Piece>& g_Log = *new std::vector<Piece>();
 int g_nUnrendered = -1;
-/// How often each function was called in this step, and that before the call that failed.
-std::map<std::string, int>& g_Calls = *new std::map<std::string, int>();
-std::map<std::string, int>& g_CallsBefore = *new std::map<std::string, int>();
 std::map<const void*, std::size_t>& g_Blocks = *new std::map<const void*, std::size_t>();
 std::set<const void*>& g_Mappings = *new std::set<const void*>();
 std::set<DIR*>& g_Directories = *new std::set<DIR*>();
@@ -958,12 +960,14 @@ const std::set<std::string> g_CannotFail = {
     "pthread_mutex_lock", "pthread_mutex_unlock", "pthread_mutexattr_destroy",
     // Renders numbers and texts alone, which takes no memory.
     "snprintf", "__snprintf_chk",
+    // A wish about pages: nobody looks whether it came true.
+    "madvise",
     // Refuses only numbers that are no signal's.
     "signal",
     // Looks at its arguments.
-    "vsscanf", "strcasecmp", "strcasestr", "strchr", "strcmp", "strlen", "malloc_usable_size", "strncasecmp", "strncmp",
-    "strnlen", "strstr", "strcspn", "strspn", "strrchr", "tolower", "toupper", "wcslen", "bcmp", "memchr", "memcmp",
-    "memcpy", "memmove", "memrchr", "memset",
+    "vsscanf", "strcasecmp", "strcasestr", "strchr", "strcmp", "strlen", "malloc_usable_size", "strncasecmp", "strnlen",
+    "strstr", "strcspn", "strspn", "strrchr", "tolower", "toupper", "wcslen", "bcmp", "memchr", "memcmp", "memcpy",
+    "memmove", "memrchr", "memset",
     // Ends the process for a target that is too small, or a descriptor that no set has room for: the library looks first.
     "__memcpy_chk", "__fdelt_chk",
     // Looks at the process.
@@ -983,7 +987,7 @@ const std::set<std::string> g_Machinery = {
     "_ZSt9terminatev", "__cxa_throw_bad_array_new_length",
     // Arithmetic and unwinding on ARM.
     "__aeabi_atexit", "__aeabi_idiv", "__aeabi_idivmod", "__aeabi_ldivmod", "__aeabi_uidiv", "__aeabi_uidivmod",
-    "__aeabi_uldivmod", "__aeabi_unwind_cpp_pr0", "__aeabi_unwind_cpp_pr1", "__ctzdi2"};
+    "__aeabi_uldivmod", "__aeabi_unwind_cpp_pr0", "__aeabi_unwind_cpp_pr1"};
 
 /// Whether a symbol belongs to the compiler, the language or a sanitizer. The sanitizers' names vary with the code; nothing
 /// of libc begins as they do.
@@ -1125,7 +1129,10 @@ class Code {
                 p[0] == 0xFF && p[1] == 0x25 ? g_Slots.find(p + kIndirect + Distance(p + 2)) : g_Slots.end();
             if (pSlot != g_Slots.end()) {
                 // A stub, which may begin with a mark of four bytes.
-                m_Stubs[p] = m_Stubs[p - 4] = pSlot->second;
+                m_Stubs[p] = pSlot->second;
+                if (p - m_pBegin >= 4) {
+                    m_Stubs[p - 4] = pSlot->second;
+                }
             }
         }
     }
