@@ -1,7 +1,9 @@
 #include "KQueue.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 #include "Checks.h"
 #include "KMem.h"
@@ -197,14 +199,10 @@ bool KManagedDynamicDataQueue::IsWholePool(const KDynamicDataBuffer* pBuffer) co
 
 KDynamicDataBuffer* KManagedDynamicDataQueue::PopWrite() {
     const QueueLock lock(m_Mutex);
-    for (int i = 0; i < m_nCount; ++i) {
-        if (m_ppFree[i] != nullptr) {
-            KDynamicDataBuffer* const pBuffer = m_ppFree[i];
-            m_ppFree[i] = nullptr;
-            return pBuffer;
-        }
-    }
-    return nullptr;
+    KDynamicDataBuffer** const ppEnd = m_ppFree + m_nCount;
+    KDynamicDataBuffer** const ppFree =
+        std::find_if(m_ppFree, ppEnd, [](const KDynamicDataBuffer* pBuffer) { return pBuffer != nullptr; });
+    return ppFree != ppEnd ? std::exchange(*ppFree, nullptr) : nullptr;
 }
 
 bool KManagedDynamicDataQueue::PushWrite(KDynamicDataBuffer* pBuffer) {
@@ -222,12 +220,11 @@ KDynamicDataBuffer* KManagedDynamicDataQueue::PopRead() {
 
 bool KManagedDynamicDataQueue::PushRead(KDynamicDataBuffer* pBuffer) {
     const QueueLock lock(m_Mutex);
-    for (int i = 0; pBuffer != nullptr && i < m_nCount; ++i) {
-        if (m_ppFree[i] == nullptr) {
-            pBuffer->SetDataSize(0);
-            m_ppFree[i] = pBuffer;
-            break;
-        }
+    KDynamicDataBuffer** const ppEnd = m_ppFree + m_nCount;
+    KDynamicDataBuffer** const ppTaken = std::find(m_ppFree, ppEnd, nullptr);
+    if (pBuffer != nullptr && ppTaken != ppEnd) {
+        pBuffer->SetDataSize(0);
+        *ppTaken = pBuffer;
     }
     return true;
 }
