@@ -226,9 +226,16 @@ void* Hold(void* pBlock, std::size_t nSize) {
     return pBlock;
 }
 
-void LetGo(const void* pBlock) {
+/// Returns how large the block was held to be.
+std::size_t LetGo(const void* pBlock) {
     const std::lock_guard<std::mutex> lock(g_Guard);
-    g_Blocks.erase(pBlock);
+    const auto held = g_Blocks.find(pBlock);
+    if (held == g_Blocks.end()) {
+        return 0;
+    }
+    const std::size_t nSize = held->second;
+    g_Blocks.erase(held);
+    return nSize;
 }
 
 /// A block full of a value that nobody expects, so that nothing is zero by chance.
@@ -255,9 +262,14 @@ void* Realloc(void* pBlock, std::size_t nSize) {
     if (IsLacking(kRealloc, nSize)) {
         return nullptr;
     }
-    LetGo(pBlock);
+    // Before: as soon as libc has moved the block, its place may be another thread's.
+    const std::size_t nBefore = LetGo(pBlock);
     void* const pResult = std::realloc(pBlock, nSize);
-    return Hold(pResult != nullptr ? pResult : pBlock, nSize) == pResult ? pResult : nullptr;
+    if (pResult == nullptr) {
+        Hold(pBlock, nBefore);
+        return nullptr;
+    }
+    return Hold(pResult, nSize);
 }
 
 void Free(void* pBlock) {
@@ -828,6 +840,7 @@ int Usleep(useconds_t nMicroseconds) {
         std::fprintf(stderr, "A check failed where none may: %s\n", outcome.szRefusal);
         std::abort();
     }
+    const std::lock_guard<std::mutex> lock(g_Guard);
     for (const std::string& strName : g_SharedNames) {
         shm_unlink(strName.c_str());
     }
@@ -1306,10 +1319,12 @@ void CleanUp() {
 }
 
 void GoesWithTheProcess(const std::string& strDirectory) {
+    const std::lock_guard<std::mutex> lock(g_Guard);
     g_Scratch.insert(strDirectory);
 }
 
 void StaysNoMore(const std::string& strDirectory) {
+    const std::lock_guard<std::mutex> lock(g_Guard);
     g_Scratch.erase(strDirectory);
 }
 
