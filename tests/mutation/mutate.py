@@ -131,9 +131,17 @@ class Build:
         words[words.index("-o") + 1] = linked
         return linked if run([*words, *more], cwd=BUILD).returncode == 0 else None
 
-    def link(self, changed, *more):
-        """Links the library with the objects of some sources changed."""
-        return self.link_as(LIBRARY, changed, more)
+    def link(self, objects, programs, *more):
+        """Links the library, and those of some test programs that need it, with the objects of changed sources. Returns the
+        setting in which they run, None where they do not link."""
+        replaced = {}
+        for program in programs:
+            source = source_of(program)
+            if source in objects:
+                target = os.path.join("tests", os.path.basename(program))
+                replaced[program] = self.link_as(target, {source: objects[source]}, more)
+        library = self.link_as(LIBRARY, objects, more)
+        return None if library is None or None in replaced.values() else Setting(library, replaced)
 
     def code_of(self, path):
         """What an object does, without what it says about where it came from."""
@@ -179,10 +187,6 @@ class Build:
         """Whether a source is compiled with a header."""
         listed = self.compile(source, os.path.join(ROOT, source), "/dev/stdout", ["-M"]).stdout.decode()
         return os.path.join(ROOT, header) in (os.path.normpath(word) for word in listed.split() if word != "\\")
-
-    def program(self, program, test, *more):
-        """Links a test program of another object."""
-        return self.link_as(os.path.join("tests", os.path.basename(program)), {source_of(program): test}, more)
 
 
 # -------------------------------------------------------------------------------------------------------------- The tests
@@ -444,14 +448,7 @@ class Changes:
         switch = os.path.join(self.build.work, "switch.o")
         if run(["g++", "-O1", "-fPIC", "-c", SWITCH + ".cpp", "-o", switch]).returncode != 0:
             sys.exit("mutate: the switch does not compile")
-        replaced = {}
-        for program in self.tests.programs:
-            if source_of(program) in objects:
-                replaced[program] = self.build.program(program, objects[source_of(program)], switch)
-        library = self.build.link(objects, switch)
-        if library is None or None in replaced.values():
-            return None
-        return Setting(library, replaced)
+        return self.build.link(objects, self.tests.programs, switch)
 
     def prepare(self, name):
         objects = self.make()
@@ -553,14 +550,9 @@ class Class:
             return "invalid"
         if not objects:
             return "same"
-        replaced = {}
-        for program in self.tests.programs:
-            if source_of(program) in objects:
-                replaced[program] = build.program(program, objects[source_of(program)])
-        library = build.link(objects)
-        if library is None or None in replaced.values():
+        setting = build.link(objects, self.tests.programs)
+        if setting is None:
             return "invalid"
-        setting = Setting(library, replaced)
         if not chosen and self.tests.notice_soon(setting):
             return "noticed"
         return "noticed" if self.tests.notice(setting) else "survived"
