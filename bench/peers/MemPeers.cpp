@@ -5,6 +5,7 @@
 
 #include "KMem.h"
 #include "Peers.h"
+#include "Resident.h"
 
 namespace {
 
@@ -14,10 +15,24 @@ void LiveBlocks(benchmark::internal::Benchmark* job) {
     job->Arg(0)->Arg(1000)->Arg(10000)->Arg(100000);
 }
 
+/// Has the heap hold so many blocks, all of them free.
+void GrowHeap(std::size_t nBlocks) {
+    std::vector<void*> blocks(nBlocks);
+    std::generate(blocks.begin(), blocks.end(), [] { return std::malloc(kSize); });
+    for (void* const pBlock : blocks) {
+        std::free(pBlock);
+    }
+}
+
+/// Counts the memory of the registry, too: the blocks' own is there before.
 void AllocateKalvoren(benchmark::State& state) {
-    KMem::Init();
     std::vector<void*> live(static_cast<std::size_t>(state.range(0)));
+    GrowHeap(live.size() + 1);
+    ResidentKilobytes();  // What looking costs is there from now on.
+    const long nBefore = ResidentKilobytes();
+    KMem::Init();
     std::generate(live.begin(), live.end(), [] { return KMem::Malloc(kSize); });
+    state.counters["growth_bytes"] = static_cast<double>((ResidentKilobytes() - nBefore) * 1024);
     for (auto _ : state) {
         void* pBlock = KMem::Malloc(kSize);
         benchmark::DoNotOptimize(pBlock);

@@ -133,10 +133,31 @@ class Bare {
         close(m_nPeer);
     }
 
+    /// Connects the two ends by way of a socket that is bound to an address.
+    template <class Address>
+    void Connect(const Address& address) {
+        const int nServer = socket(AddressOf(address)->sa_family, SOCK_STREAM, 0);
+        bind(nServer, AddressOf(address), sizeof address);
+        listen(nServer, 1);
+        // The port is the system's choice.
+        Address bound = {};
+        socklen_t nSize = sizeof bound;
+        getsockname(nServer, reinterpret_cast<sockaddr*>(&bound), &nSize);
+        m_nClient = socket(AddressOf(bound)->sa_family, SOCK_STREAM, 0);
+        if (connect(m_nClient, AddressOf(bound), nSize) == 0) {
+            m_nPeer = accept(nServer, nullptr, nullptr);
+        }
+        close(nServer);
+    }
+
     int m_nClient = -1;
     int m_nPeer = -1;
 
  private:
+    template <class Address>
+    static const sockaddr* AddressOf(const Address& address) {
+        return reinterpret_cast<const sockaddr*>(&address);
+    }
     static int Put(int nSocket, const char* pBytes, int nSize) {
         return static_cast<int>(SendCall(nSocket, pBytes, static_cast<std::size_t>(nSize)));
     }
@@ -148,18 +169,10 @@ class Bare {
 class BareTcp : public Bare<ReceiveBytes, SendBytes> {
  public:
     BareTcp() {
-        const int nServer = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in address = {};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(nServer, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        listen(nServer, 1);
-        address.sin_port = htons(static_cast<std::uint16_t>(PortOf(nServer)));
-        m_nClient = socket(AF_INET, SOCK_STREAM, 0);
-        if (connect(m_nClient, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-            m_nPeer = accept(nServer, nullptr, nullptr);
-        }
-        close(nServer);
+        Connect(address);
         DoNotDelay(m_nClient);
         DoNotDelay(m_nPeer);
     }
@@ -169,17 +182,10 @@ class BareTcp : public Bare<ReceiveBytes, SendBytes> {
 class BareLocal : public Bare<read, write> {
  public:
     BareLocal() {
-        const int nServer = socket(AF_UNIX, SOCK_STREAM, 0);
         sockaddr_un address = {};
         address.sun_family = AF_UNIX;
         (m_Directory.Path() + "/socket").copy(address.sun_path, sizeof address.sun_path - 1);
-        bind(nServer, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        listen(nServer, 1);
-        m_nClient = socket(AF_UNIX, SOCK_STREAM, 0);
-        if (connect(m_nClient, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
-            m_nPeer = accept(nServer, nullptr, nullptr);
-        }
-        close(nServer);
+        Connect(address);
     }
 
  private:

@@ -2,6 +2,7 @@
 #include <atomic>
 #include <deque>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -17,12 +18,10 @@
 
 namespace {
 
-constexpr int kPool = 32;
-
 /// Each side is asked for a buffer until it has one, and given it on. A reader that finds none yields.
 class Kalvoren {
  public:
-    Kalvoren() : m_Queue(kPool) {}
+    explicit Kalvoren(int nPool) : m_Queue(nPool) {}
     bool Hand() {
         KDynamicDataBuffer* const pBuffer = m_Queue.PopWrite();
         return pBuffer != nullptr && m_Queue.PushWrite(pBuffer);
@@ -38,7 +37,7 @@ class Kalvoren {
 
 class StdDeque {
  public:
-    StdDeque() : m_Buffers(kPool) {
+    explicit StdDeque(int nPool) : m_Buffers(static_cast<std::size_t>(nPool)) {
         for (auto& buffer : m_Buffers) {
             m_Free.Push(&buffer);
         }
@@ -85,7 +84,8 @@ class StdDeque {
 #ifdef KALVOREN_PEER_GLIB
 class Glib {
  public:
-    Glib() : m_Buffers(kPool), m_pFree(g_async_queue_new()), m_pFull(g_async_queue_new()) {
+    explicit Glib(int nPool)
+        : m_Buffers(static_cast<std::size_t>(nPool)), m_pFree(g_async_queue_new()), m_pFull(g_async_queue_new()) {
         for (auto& buffer : m_Buffers) {
             g_async_queue_push(m_pFree, &buffer);
         }
@@ -118,7 +118,7 @@ class Glib {
 #ifdef KALVOREN_PEER_MOODYCAMEL
 class Moodycamel {
  public:
-    Moodycamel() : m_Buffers(kPool) {
+    explicit Moodycamel(int nPool) : m_Buffers(static_cast<std::size_t>(nPool)) {
         for (auto& buffer : m_Buffers) {
             m_Free.enqueue(&buffer);
         }
@@ -140,12 +140,27 @@ class Moodycamel {
 };
 #endif
 
+/// How many buffers there are.
+void Pools(benchmark::internal::Benchmark* job) {
+    job->Arg(2)->Arg(32)->Arg(512);
+}
+
+/// All buffers are handed over before one is taken.
 template <class Queue>
 void OneThread(benchmark::State& state) {
-    Queue queue;
+    const int nPool = static_cast<int>(state.range(0));
+    Queue queue(nPool);
     for (auto _ : state) {
-        queue.Hand();
-        queue.Take();
+        int nDone = 0;
+        for (int i = 0; i < nPool; ++i) {
+            nDone += queue.Hand() ? 1 : 0;
+        }
+        for (int i = 0; i < nPool; ++i) {
+            nDone += queue.Take() ? 1 : 0;
+        }
+        if (nDone != 2 * nPool) {
+            state.SkipWithError("buffers were lost");
+        }
     }
 }
 
@@ -154,7 +169,7 @@ constexpr int kBatch = 10000;
 /// A second thread hands over what this one takes, so many buffers an iteration.
 template <class Queue>
 void TwoThreads(benchmark::State& state) {
-    Queue queue;
+    Queue queue(static_cast<int>(state.range(0)));
     std::atomic<bool> fgStop(false);
     std::thread writer([&queue, &fgStop] {
         while (!fgStop.load(std::memory_order_relaxed)) {
@@ -176,19 +191,25 @@ void TwoThreads(benchmark::State& state) {
     writer.join();
 }
 
-BENCHMARK_TEMPLATE(OneThread, Kalvoren)->Name("hand a buffer on, one thread|Kalvoren");
-BENCHMARK_TEMPLATE(OneThread, StdDeque)->Name("hand a buffer on, one thread|std::mutex, std::deque");
-BENCHMARK_TEMPLATE(TwoThreads, Kalvoren)->Name("hand 10,000 buffers on, two threads|Kalvoren")->UseRealTime();
-BENCHMARK_TEMPLATE(TwoThreads, StdDeque)
-    ->Name("hand 10,000 buffers on, two threads|std::mutex, std::deque")
-    ->UseRealTime();
+template <class Queue>
+void Register(const std::string& who) {
+    benchmark::RegisterBenchmark(("hand n buffers on, one thread|" + who).c_str(), OneThread<Queue>)->Apply(Pools);
+    benchmark::RegisterBenchmark(("hand 10,000 buffers on, two threads, n buffers in all|" + who).c_str(),
+                                 TwoThreads<Queue>)
+        ->Apply(Pools)
+        ->UseRealTime();
+}
+
+const bool g_fgRegistered = [] {
+    Register<Kalvoren>("Kalvoren");
+    Register<StdDeque>("std::mutex, std::deque");
 #ifdef KALVOREN_PEER_GLIB
-BENCHMARK_TEMPLATE(OneThread, Glib)->Name("hand a buffer on, one thread|GAsyncQueue");
-BENCHMARK_TEMPLATE(TwoThreads, Glib)->Name("hand 10,000 buffers on, two threads|GAsyncQueue")->UseRealTime();
+    Register<Glib>("GAsyncQueue");
 #endif
 #ifdef KALVOREN_PEER_MOODYCAMEL
-BENCHMARK_TEMPLATE(OneThread, Moodycamel)->Name("hand a buffer on, one thread|moodycamel");
-BENCHMARK_TEMPLATE(TwoThreads, Moodycamel)->Name("hand 10,000 buffers on, two threads|moodycamel")->UseRealTime();
+    Register<Moodycamel>("moodycamel");
 #endif
+    return true;
+}();
 
 }  // namespace

@@ -24,7 +24,7 @@ void CountMemory(benchmark::State& state, const std::string& path) {
     long nBefore = 0;
     long nStarted = 0;
     long nAgain = 0;
-    if (pOutput == nullptr || std::fscanf(pOutput, "%ld %ld %*d %ld", &nBefore, &nStarted, &nAgain) != 3) {
+    if (pOutput == nullptr || std::fscanf(pOutput, "%ld %ld %ld", &nBefore, &nStarted, &nAgain) != 3) {
         state.SkipWithError("the program does not tell its memory");
     }
     if (pOutput != nullptr) {

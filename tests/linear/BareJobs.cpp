@@ -1,5 +1,7 @@
 // What the library's jobs are counted beside: the same, done with the bare calls of libc and of the language's library.
+#include <arpa/inet.h>
 #include <dirent.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <strings.h>
 #include <sys/mman.h>
@@ -426,19 +428,42 @@ void DispatchAmong(int n) {
     SendAmong(n, 1);
 }
 
+/// So many bytes from one end of a connection to the other and back, n times.
+template <std::size_t kSize>
+void PassAlong(int nOne, int nOther, int n) {
+    Measured([&] {
+        char bytes[kSize] = {};
+        for (int i = 0; i < n; ++i) {
+            auto nSum = send(nOne, bytes, kSize, 0) + recv(nOther, bytes, kSize, 0);
+            nSum += send(nOther, bytes, kSize, 0) + recv(nOne, bytes, kSize, 0);
+            Use(nSum);
+        }
+    });
+}
+
 void PassRecord(int n) {
     int nEnds[2] = {};
     if (socketpair(AF_UNIX, SOCK_STREAM, 0, nEnds) != 0) {
         std::exit(2);
     }
-    Measured([&] {
-        char record[520] = {};
-        for (int i = 0; i < n; ++i) {
-            auto nSum = send(nEnds[0], record, sizeof record, 0) + recv(nEnds[1], record, sizeof record, 0);
-            nSum += send(nEnds[1], record, sizeof record, 0) + recv(nEnds[0], record, sizeof record, 0);
-            Use(nSum);
-        }
-    });
+    PassAlong<520>(nEnds[0], nEnds[1], n);
+}
+
+void PassBytes(int n) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const auto* const pAddress = reinterpret_cast<const sockaddr*>(&address);
+    const int nServer = socket(AF_INET, SOCK_STREAM, 0);
+    const int nClient = socket(AF_INET, SOCK_STREAM, 0);
+    if (bind(nServer, pAddress, sizeof address) != 0 || listen(nServer, 1) != 0) {
+        std::exit(2);
+    }
+    address.sin_port = htons(static_cast<std::uint16_t>(PortOf(nServer)));
+    if (connect(nClient, pAddress, sizeof address) != 0) {
+        std::exit(2);
+    }
+    PassAlong<64>(nClient, accept(nServer, nullptr, nullptr), n);
 }
 
 /// What the library's start has the system do, without the library: a locale, two buffers, a block as large as the
@@ -511,6 +536,7 @@ const std::map<std::string, void (*)(int)>& BareJobs() {
                                                                {"Dispatch", Dispatch},
                                                                {"DispatchAmong", DispatchAmong},
                                                                {"PassRecord", PassRecord},
+                                                               {"PassBytes", PassBytes},
                                                                {"StartLibrary", StartLibrary}};
     return kJobs;
 }

@@ -3,7 +3,10 @@
 // in Measured(), so that an instrument can count there alone.
 #include "LinearJobs.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -20,6 +23,7 @@
 #include "KIPC.h"
 #include "KMem.h"
 #include "KMessage.h"
+#include "KNet.h"
 #include "KPropertyList.h"
 #include "KQueue.h"
 #include "KString.h"
@@ -86,6 +90,13 @@ FilledDirectory::FilledDirectory(int nFiles)
 FilledDirectory::~FilledDirectory() {
     std::error_code ignored;
     std::filesystem::remove_all(m_Path, ignored);
+}
+
+int PortOf(int nSocket) {
+    sockaddr_in address = {};
+    socklen_t nSize = sizeof address;
+    getsockname(nSocket, reinterpret_cast<sockaddr*>(&address), &nSize);
+    return ntohs(address.sin_port);
 }
 
 namespace {
@@ -427,6 +438,20 @@ void HandOver(int n) {
     });
 }
 
+/// One buffer more than those that wait.
+void HandOverBeside(int n) {
+    KManagedDynamicDataQueue queue(n + 1);
+    for (int i = 0; i < n; ++i) {
+        queue.PushWrite(queue.PopWrite());
+    }
+    Measured([&] {
+        for (int i = 0; i < kRepetitions; ++i) {
+            queue.PushWrite(queue.PopWrite());
+            queue.PushRead(queue.PopRead());
+        }
+    });
+}
+
 void PassRecord(int n) {
     const FilledDirectory directory(0);
     KIPC server;
@@ -451,6 +476,33 @@ void PassRecord(int n) {
             client.Read(data);
         }
     });
+}
+
+void PassBytes(int n) {
+    KNetInfo info(KNetInfo::IPV4, KNetInfo::TCP, KNetInfo::UNICAST, "127.0.0.1", 0);
+    KNet server;
+    KNet client;
+    KNet peer;
+    server.SetConnectionInfo(info, 0);
+    server.CreateSocket();
+    server.Bind();
+    info.SetPort(PortOf(server.GetSocket()));
+    client.SetConnectionInfo(info, 0);
+    if (!client.GetHostName() || !client.CreateSocket() || !client.SyncConnectWithBlock() || !server.Accept(peer)) {
+        std::exit(2);
+    }
+    char bytes[64] = {};
+    Measured([&] {
+        for (int i = 0; i < n; ++i) {
+            client.Write(bytes, sizeof bytes);
+            peer.Read(bytes, sizeof bytes, false);
+            peer.Write(bytes, sizeof bytes);
+            client.Read(bytes, sizeof bytes, false);
+        }
+    });
+    client.DeleteSocket();
+    peer.DeleteSocket();
+    server.DeleteSocket();
 }
 
 void StartLibrary(int n) {
@@ -510,9 +562,12 @@ const Entry kEntries[] = {
     {"ReuseABlock", "free and allocate a block beside n live ones, 1,000 times", kRepeated, "1,1000,10000,100000",
      ReuseABlock},
     {"HandOver", "hand a buffer over and back n times", "n", "100,1000,10000", HandOver},
+    {"HandOverBeside", "hand a buffer over and back beside n that wait, 1,000 times", kRepeated, "1,31,511",
+     HandOverBeside},
     {"Dispatch", "a message to n handlers", "n", "10,100,1000", Dispatch},
     {"DispatchAmong", "a message to one handler among n registrations", "n", "10,100,1000", DispatchAmong},
     {"PassRecord", "n records of 520 bytes there and back", "n", "100,1000", PassRecord},
+    {"PassBytes", "n times 64 bytes over TCP and back", "n", "100,1000", PassBytes},
     {"StartLibrary", "start and stop the library n times", "n", "10,40", StartLibrary},
 };
 

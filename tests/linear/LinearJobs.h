@@ -34,6 +34,9 @@ class FilledDirectory {
     std::string m_Path;
 };
 
+/// The port that a socket of this machine is bound to.
+int PortOf(int nSocket);
+
 /// The instants of the jobs about time: all over the years 1970 to 2037.
 inline unsigned int MomentOf(int i) {
     return (static_cast<unsigned int>(i) * 2654435761U) & 0x7FFFFFFFU;
