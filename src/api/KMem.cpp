@@ -123,7 +123,6 @@ class SlotIndex {
 
  private:
     static constexpr std::uint32_t kCellBits = 18;
-    static constexpr std::uint32_t kAddressBits = 8 * sizeof(std::uintptr_t);
     static constexpr std::uint32_t kCells = 1u << kCellBits;
     static_assert(kCells > 2 * kSlotCount, "at most four cells in ten are taken");
 
@@ -143,12 +142,16 @@ class SlotIndex {
         m_nCells[nHole] = 0;
     }
 
+    /// Blocks of one page of memory have their homes side by side, so that few blocks touch few pages of the table; the
+    /// pages' own homes are spread over all of it.
     static std::uint32_t Home(const void* p) {
-        // As many of its bits as an address has.
-        constexpr std::uintptr_t kSpread =
-            static_cast<std::uintptr_t>(UINT64_C(0x9E3779B97F4A7C15) >> (64 - kAddressBits));
+        constexpr unsigned int kPageBits = 12;
+        constexpr unsigned int kGrainBits = 4;  // what blocks are apart at least, as malloc makes them
+        constexpr std::uint32_t kSpread = 0x9E3779B1;
         const std::uintptr_t nAddress = reinterpret_cast<std::uintptr_t>(p);
-        return static_cast<std::uint32_t>((nAddress >> 3) * kSpread >> (kAddressBits - kCellBits));
+        const std::uint32_t nPage = static_cast<std::uint32_t>(nAddress >> kPageBits) * kSpread >> (32 - kCellBits);
+        const std::uint32_t nWithin = static_cast<std::uint32_t>(nAddress) % (1u << kPageBits) >> kGrainBits;
+        return (nPage + nWithin) % kCells;
     }
     static std::uint32_t Next(std::uint32_t nCell) { return (nCell + 1) % kCells; }
     static std::uint32_t Distance(std::uint32_t nFrom, std::uint32_t nTo) { return (nTo - nFrom) % kCells; }
