@@ -1,4 +1,7 @@
 // Lists of numbers: filled, walked, emptied from the front, all under their lock.
+#include <pthread.h>
+
+#include <cstdlib>
 #include <list>
 #include <mutex>
 
@@ -106,6 +109,94 @@ void PopStd(benchmark::State& state) {
     }
 }
 BENCHMARK(PopStd)->Name("fill a list and pop all|std::list, std::mutex")->Apply(Counts);
+
+/// A chain of numbers under a lock of pthread's, as bare as it can be.
+class BareList {
+ public:
+    struct Node {
+        Node* pNext;
+        int nValue;
+    };
+
+    BareList() = default;
+    ~BareList() {
+        while (m_pFirst != nullptr) {
+            Node* const pNext = m_pFirst->pNext;
+            std::free(m_pFirst);
+            m_pFirst = pNext;
+        }
+    }
+    BareList(const BareList&) = delete;
+    BareList& operator=(const BareList&) = delete;
+
+    void Fill(std::int64_t nCount) {
+        pthread_mutex_lock(&m_Mutex);
+        Node** ppLast = &m_pFirst;
+        for (int i = 0; i < nCount; ++i) {
+            *ppLast = static_cast<Node*>(std::malloc(sizeof(Node)));
+            **ppLast = {nullptr, i};
+            ppLast = &(*ppLast)->pNext;
+        }
+        pthread_mutex_unlock(&m_Mutex);
+    }
+
+    long long Sum() {
+        long long nSum = 0;
+        pthread_mutex_lock(&m_Mutex);
+        for (const Node* pNode = m_pFirst; pNode != nullptr; pNode = pNode->pNext) {
+            nSum += pNode->nValue;
+        }
+        pthread_mutex_unlock(&m_Mutex);
+        return nSum;
+    }
+
+    /// False when there is none.
+    bool Pop() {
+        pthread_mutex_lock(&m_Mutex);
+        Node* const pNode = m_pFirst;
+        if (pNode != nullptr) {
+            m_pFirst = pNode->pNext;
+            int nValue = pNode->nValue;
+            benchmark::DoNotOptimize(nValue);
+            std::free(pNode);
+        }
+        pthread_mutex_unlock(&m_Mutex);
+        return pNode != nullptr;
+    }
+
+ private:
+    pthread_mutex_t m_Mutex = PTHREAD_MUTEX_INITIALIZER;
+    Node* m_pFirst = nullptr;
+};
+
+void FillLimit(benchmark::State& state) {
+    for (auto _ : state) {
+        BareList list;
+        list.Fill(state.range(0));
+        benchmark::DoNotOptimize(list);
+    }
+}
+BENCHMARK(FillLimit)->Name("fill a list and destroy it|limit: pthread, malloc, free")->Apply(Counts);
+
+void WalkLimit(benchmark::State& state) {
+    BareList list;
+    list.Fill(state.range(0));
+    for (auto _ : state) {
+        long long nSum = list.Sum();
+        benchmark::DoNotOptimize(nSum);
+    }
+}
+BENCHMARK(WalkLimit)->Name("walk a list|limit: pthread")->Apply(Counts);
+
+void PopLimit(benchmark::State& state) {
+    for (auto _ : state) {
+        BareList list;
+        list.Fill(state.range(0));
+        while (list.Pop()) {
+        }
+    }
+}
+BENCHMARK(PopLimit)->Name("fill a list and pop all|limit: pthread, malloc, free")->Apply(Counts);
 
 #ifdef KALVOREN_PEER_GLIB
 void Fill(GQueue& queue, GMutex& mutex, std::int64_t nCount) {

@@ -100,6 +100,18 @@ void LineStdio(benchmark::State& state) {
 }
 BENCHMARK(LineStdio)->Name("log a line without a stamp|fprintf")->Apply(Targets);
 
+void LineLimit(benchmark::State& state) {
+    const Redirected redirected(state);
+    int nStream = 0;
+    for (auto _ : state) {
+        char szLine[128];
+        const int nLine = std::snprintf(szLine, sizeof szLine, "Error****: stream %d: %s\n", ++nStream, kText);
+        const auto nWritten = write(STDERR_FILENO, szLine, static_cast<std::size_t>(nLine));
+        benchmark::DoNotOptimize(nWritten);
+    }
+}
+BENCHMARK(LineLimit)->Name("log a line without a stamp|limit: snprintf, write")->Apply(Targets);
+
 void LogKalvoren(benchmark::State& state) {
     const Redirected redirected(state);
     int nStream = 0;

@@ -1,4 +1,6 @@
 // Paths joined and taken apart.
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <string>
 
@@ -141,6 +143,81 @@ void SystemStd(benchmark::State& state) {
     }
 }
 BENCHMARK(SystemStd)->Name("a path's system form|std::filesystem");
+
+/// What libc's calls make of a path's text, in a block that is freed again.
+template <class Piece>
+void Limit(benchmark::State& state, Piece piece) {
+    for (auto _ : state) {
+        const char* pszPath = kPath;
+        benchmark::DoNotOptimize(pszPath);
+        char* pszPiece = piece(pszPath);
+        benchmark::DoNotOptimize(pszPiece);
+        std::free(pszPiece);
+    }
+}
+
+std::size_t Distance(const char* pszFrom, const char* pszTo) {
+    return static_cast<std::size_t>(pszTo - pszFrom);
+}
+
+void JoinLimit(benchmark::State& state) {
+    Limit(state, [](const char*) {
+        const char* pszDirectory = kDirectory;
+        const char* pszName = kName;
+        benchmark::DoNotOptimize(pszDirectory);
+        benchmark::DoNotOptimize(pszName);
+        const std::size_t nDirectory = std::strlen(pszDirectory);
+        const std::size_t nName = std::strlen(pszName);
+        char* const pszJoined = static_cast<char*>(std::malloc(nDirectory + nName + 2));
+        std::memcpy(pszJoined, pszDirectory, nDirectory);
+        pszJoined[nDirectory] = '/';
+        std::memcpy(pszJoined + nDirectory + 1, pszName, nName + 1);
+        return pszJoined;
+    });
+}
+BENCHMARK(JoinLimit)->Name("join a directory and a name|limit: strlen, malloc, memcpy");
+
+void SplitLimit(benchmark::State& state) {
+    Limit(state, [](const char* pszPath) { return strdup(std::strrchr(pszPath, '/') + 1); });
+}
+BENCHMARK(SplitLimit)->Name("the name at a path's end|limit: strrchr, strdup");
+
+void StemLimit(benchmark::State& state) {
+    Limit(state, [](const char* pszPath) {
+        const char* const pszName = std::strrchr(pszPath, '/') + 1;
+        return strndup(pszName, Distance(pszName, std::strrchr(pszName, '.')));
+    });
+}
+BENCHMARK(StemLimit)->Name("the name without its extension|limit: strrchr, strndup");
+
+void DirectoryLimit(benchmark::State& state) {
+    Limit(state, [](const char* pszPath) { return strndup(pszPath, Distance(pszPath, std::strrchr(pszPath, '/'))); });
+}
+BENCHMARK(DirectoryLimit)->Name("the directory of a path|limit: strrchr, strndup");
+
+void ParentLimit(benchmark::State& state) {
+    Limit(state, [](const char* pszPath) {
+        char* const pszUp = strdup(pszPath);
+        *std::strrchr(pszUp, '/') = '\0';
+        return pszUp;
+    });
+}
+BENCHMARK(ParentLimit)->Name("make a path and go up|limit: strdup, strrchr");
+
+void ExtensionLimit(benchmark::State& state) {
+    Limit(state, [](const char* pszPath) { return strdup(std::strrchr(std::strrchr(pszPath, '/'), '.') + 1); });
+}
+BENCHMARK(ExtensionLimit)->Name("a path's extension|limit: strrchr, strdup");
+
+void SystemLimit(benchmark::State& state) {
+    char szSystem[2048];
+    Limit(state, [&szSystem](const char* pszPath) -> char* {
+        std::memcpy(szSystem, pszPath, std::strlen(pszPath) + 1);
+        benchmark::DoNotOptimize(szSystem);
+        return nullptr;
+    });
+}
+BENCHMARK(SystemLimit)->Name("a path's system form|limit: strlen, memcpy");
 
 #ifdef KALVOREN_PEER_GLIB
 void JoinGlib(benchmark::State& state) {

@@ -323,6 +323,37 @@ void DivideStd(benchmark::State& state) {
 }
 BENCHMARK(DivideStd)->Name("divide a line of n fields|std::list of std::string")->Apply(Fields);
 
+/// A list of texts, each in a block of its own, as bare as it can be.
+struct BareField {
+    BareField* pNext;
+    char* pszText;
+};
+
+void DivideLimit(benchmark::State& state) {
+    const std::string line = Line(state.range(0));
+    for (auto _ : state) {
+        BareField* pFirst = nullptr;
+        BareField** ppLast = &pFirst;
+        const char* pszField = line.c_str();
+        for (bool fgMore = true; fgMore;) {
+            const char* const pszEnd = strchrnul(pszField, ',');
+            *ppLast = static_cast<BareField*>(std::malloc(sizeof(BareField)));
+            **ppLast = {nullptr, strndup(pszField, static_cast<std::size_t>(pszEnd - pszField))};
+            ppLast = &(*ppLast)->pNext;
+            fgMore = *pszEnd != '\0';
+            pszField = pszEnd + 1;
+        }
+        benchmark::DoNotOptimize(pFirst);
+        while (pFirst != nullptr) {
+            BareField* const pNext = pFirst->pNext;
+            std::free(pFirst->pszText);
+            std::free(pFirst);
+            pFirst = pNext;
+        }
+    }
+}
+BENCHMARK(DivideLimit)->Name("divide a line of n fields|limit: strchr, strndup, malloc")->Apply(Fields);
+
 #ifdef KALVOREN_PEER_GLIB
 void DivideGlib(benchmark::State& state) {
     const std::string line = Line(state.range(0));

@@ -27,10 +27,13 @@ class Row:
         self.medians = {who: statistics.median(values) for who, values in samples.items()}
         if len({len(values) for values in samples.values()}) > 1:
             raise ValueError(f"a repetition of size {size} is missing: {sorted(samples)}")
-        us = next((who for who in samples if who.startswith(US)), None)
-        self.times = self.medians if us is None else {
-            who: self.medians[us] * statistics.median(theirs / ours for theirs, ours in zip(values, samples[us]))
-            for who, values in samples.items()}
+        self.us = next((who for who in samples if who.startswith(US)), None)
+        self.times = self.medians if self.us is None else {who: self.beside_us(values) for who, values in samples.items()}
+
+    def beside_us(self, values):
+        """Our median times the median of the ratio of these values to ours."""
+        ours = self.samples[self.us]
+        return self.medians[self.us] * statistics.median(theirs / our for theirs, our in zip(values, ours))
 
     def repetitions(self):
         """A row for each of them alone."""
@@ -43,9 +46,13 @@ class Row:
     def limit(self):
         return next(time for who, time in self.times.items() if who.startswith("limit"))
 
-    def best(self):
-        """The best of the others, without the limit."""
-        return min(time for who, time in self.times.items() if not who.startswith((US, "limit", "the exchange sort")))
+    def best(self, place=1):
+        """The best of the others in each repetition, or the one on another place, without the limit."""
+        others = [values for who, values in self.samples.items()
+                  if not who.startswith((US, "limit", "the exchange sort", "the fields alone"))]
+        if len(others) < place:
+            raise StopIteration
+        return self.beside_us([sorted(values)[place - 1] for values in zip(*others)])
 
 
 class Goal:
@@ -74,7 +81,7 @@ def faster_than(peer, factor):
 
 
 FASTEST = Goal("faster than all but the limit", lambda row: row.ours() <= row.best())
-NO_WORSE = Goal("no worse than the best (within 1.05, what two runs differ by)", lambda row: row.ours() <= 1.05 * row.best())
+NO_WORSE = Goal("no worse than the best of the others", lambda row: row.ours() <= row.best())
 
 
 SEARCH = Goal("within 1.2 of the limit, and at least 5 times faster than std::string",
@@ -83,7 +90,7 @@ SEARCH = Goal("within 1.2 of the limit, and at least 5 times faster than std::st
 
 def directory_goal(row):
     if int(row.size) <= 1000:
-        return row.ours() <= 1.3 * row.best()
+        return row.ours() <= min(row.best(2), 1.3 * row.best())
     return row.ours() <= 3 * row.best() and 30 * row.ours() <= row.times["the exchange sort alone"]
 
 
@@ -93,8 +100,7 @@ GOALS = {
     "compare equal texts": within_limit(1.2),
     "search a text for its last word": SEARCH,
     "search a text, the word's first letter is rare": SEARCH,
-    "append 16 bytes n times": Goal("no worse than the limit (within 1.05, what two runs differ by)",
-                                    lambda row: row.ours() <= 1.05 * row.limit()),
+    "append 16 bytes n times": Goal("no worse than the limit", lambda row: row.ours() <= row.limit()),
     "divide a line of n fields": FASTEST,
     "fill a list and destroy it": NO_WORSE,
     "walk a list": NO_WORSE,
@@ -113,7 +119,8 @@ GOALS = {
     "a path's extension": FASTEST,
     "a path's system form": FASTEST,
     "open a directory of n entries": Goal(
-        "up to 1,000 entries within 1.3 of the best, above within 3 and 30 times faster than the exchange sort",
+        "up to 1,000 entries faster than all but the best and within 1.3 of that, above within 3 and 30 times faster than the "
+        "exchange sort",
         directory_goal),
     "read a property list of n bytes": Goal(
         "3 times faster than libplist, faster than expat",
@@ -123,8 +130,8 @@ GOALS = {
         lambda row: row.ours() <= 2.5 * row.limit() and (int(row.size) > 0 or row.growth[US][0] <= 64 * 1024)),
     "hand n buffers on, one thread": faster_than("GAsyncQueue", 1),
     "hand 10,000 buffers on, two threads, n buffers in all": Goal(
-        "faster than GAsyncQueue, and no worse than std::mutex, std::deque (within 1.05)",
-        lambda row: row.ours() <= min(row.times["GAsyncQueue"], 1.05 * row.times["std::mutex, std::deque"])),
+        "faster than GAsyncQueue, and no worse than std::mutex, std::deque",
+        lambda row: row.ours() <= min(row.times["GAsyncQueue"], row.times["std::mutex, std::deque"])),
     "dispatch by name": Goal("within 1.2 of the vector under a mutex",
                              lambda row: row.ours() <= 1.2 * row.times["std::mutex, std::vector"]),
     "a 520-byte record there and back": within_limit(1.05),
@@ -137,27 +144,38 @@ GOALS = {
     "start the library and stop it, in the process": Goal("at most 1 ms", lambda row: row.ours() <= 1e6),
 }
 
-# How the jobs grow that a number of things is done in, or to. Time is not exact enough to be judged by it: a test counts
-# instructions.
+# How the jobs are to grow. Time is not exact enough to be judged by it: a test counts instructions.
 GROWTH = {
     "linear": (lambda n: n, ["append 16 bytes n times", "divide a line of n fields", "fill a list and destroy it", "walk a list",
-                             "fill a list and pop all", "read a property list of n bytes"]),
+                             "fill a list and pop all", "read a property list of n bytes", "dispatch by name"]),
     "n log n": (lambda n: n * math.log(n), ["open a directory of n entries"]),
     "constant": (lambda n: 1, ["allocate and free 64 bytes beside n live blocks"]),
 }  # fmt: skip
 
+# What belongs to a table and is no reason for a miss.
+REMARKS = {
+    "the name without its extension": "GLib has no call for it.",
+    "a path's extension": "GLib has no call for it.",
+    "start a program and the library, stop both":
+        "The time and the resident memory include loading the libraries that each program needs. What it grows by includes pages "
+        "of the library's file that are read for the first time; [Footprint](footprint.md) has what it writes to.",
+}  # fmt: skip
+
 
 def growth_of(job, rows):
-    """From the smallest size that is not 0 to the largest, how the times grew, and what would be in proportion."""
-    sized = [row for row in rows if row.size.isdigit() and int(row.size) > 0]
-    for words, (cost, jobs) in GROWTH.items():
-        if job in jobs and len(sized) > 1:
-            first, last = sized[0], sized[-1]
-            expected = cost(int(last.size)) / cost(int(first.size))
-            grown = [f"{who}: {last.medians[who] / first.medians[who]:,.3g}" for who in first.medians if who in last.medians]
-            return paragraph(f"From {shown_size(first.size)} to {shown_size(last.size)}, {words} is times {expected:,.3g}.",
-                             f"Measured were times: {'; '.join(grown)}.")
-    return []
+    """How a job is to grow, or None, and how the times grew from its smallest size that is not 0 to its largest, and what would
+    be in proportion. Of several numbers the last is the one that grows, with the others as in the first row."""
+    words, (cost, _) = next(((words, way) for words, way in GROWTH.items() if job in way[1]), (None, (None, None)))
+    sized = [row for row in rows if words and size_order(row.size) and size_order(row.size)[-1] > 0]
+    sized = [row for row in sized if size_order(row.size)[:-1] == size_order(sized[0].size)[:-1]]
+    if len(sized) < 2:
+        return words, []
+    first, last = sized[0], sized[-1]
+    start, end = (size_order(row.size)[-1] for row in (first, last))
+    grown = [f"{who}: {last.medians[who] / first.medians[who]:,.3g}" for who in first.medians if who in last.medians]
+    proportion = "" if start == 1 else f", {words} is times {cost(end) / cost(start):,.3g}"
+    return words, paragraph(f"From {shown_size(first.size)} to {shown_size(last.size)}{proportion}. Measured were times:",
+                            f"{'; '.join(grown)}.")
 
 
 class Results:
@@ -223,8 +241,9 @@ def job_section(results, job, notes):
             cells.append(cell)
         marks.append(GOALS[job].check(row))
         lines.append(cells + [shown_met(marks[-1]) + how_often(GOALS[job], row)])
-    section = [f"### {job[0].upper()}{job[1:]}", "", f"Goal: {GOALS[job].text}.", "",
-               *table(["", *everyone, "goal"], lines), "", *growth_of(job, rows)]
+    words, growth = growth_of(job, rows)
+    section = [f"### {job[0].upper()}{job[1:]}", "", *paragraph(f"Goal: {GOALS[job].text}{f'; {words}' if words else ''}."),
+               *table(["", *everyone, "goal"], lines), "", *(paragraph(REMARKS[job]) if job in REMARKS else []), *growth]
     if False in marks:
         section += [notes.get(job, "Why it is missed has not been looked into."), ""]
     return section, marks
@@ -236,8 +255,8 @@ def introduction(results):
         f"{results.context['num_cpus']} processors, {results.context['date'][:10]}{results.versions()}. Times are of the",
         "processor, or of the wall clock where several threads or processes take part. All of a row are measured one behind",
         "the other; in brackets: how many times the library's time of the same repetition, the median of that, by which the",
-        "goals go. \"Limit\" is what the bare calls take that it names. Below the times: the most memory that was allocated at",
-        "once, with what the job works on and 408 bytes of the measurement (GLib's by malloc alone, which its times are not).",
+        "goals go. \"Limit\" is what the bare calls take that it names; where no calls of libc do the job, there is none. Below",
+        "the times: the most memory that was allocated at once, with what the job works on and 408 bytes of the measurement (GLib's by malloc alone, which its times are not).",
         "Where a program is started, it is its resident memory, with by how much it grows between the first line of its main",
         "function and the end of the start, and by how much until it was stopped and started again. Where blocks are",
         "registered, \"growth\" is what the registry makes the process grow, which comes straight from the system. A size is the",
@@ -247,7 +266,8 @@ def introduction(results):
         "from one run to the next. The kernel's work of clearing fresh pages, 2 KB for each entry of a directory, comes on top",
         "in a process with libc's own settings. From one run of all this to the next most rows differ by a tenth, and those",
         "that hang on the caches by up to a half: a row that is near its goal meets it in one run and misses it in the next.",
-        "Where its repetitions do not agree, it says how many of them meet it.")
+        "Where its repetitions do not agree, it says how many of them meet it. Whether a job grows as it is to is judged by a test",
+        "that counts instructions, not by these times.")
 
 
 def section(results, notes, plot):

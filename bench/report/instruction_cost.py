@@ -13,6 +13,15 @@ def read(file):
     return json.loads(path.read_text(encoding="utf-8")) if path.exists() else []
 
 
+def versions(file):
+    """When it was counted and with what, as far as that was kept."""
+    path = pathlib.Path(file).with_name("instructions-versions.txt")
+    if not path.exists():
+        return ""
+    day, *packages = path.read_text(encoding="utf-8").splitlines()
+    return f", {day}, with {', '.join(packages)}"
+
+
 def growth(row, before, bits):
     """Of the instructions a unit, from one size to the next."""
     return (row[bits] / row["units"]) / (before[bits] / before["units"])
@@ -97,9 +106,11 @@ def section(file, notes):
     without = [job.title for job in jobs if not job.has_bare()]
     return [
         *paragraph(
-            f"Made by `{MAKE}`: the instructions that a job takes in the release for 32-bit ARM, which is optimised for size,",
-            "beside those in the release for x86-64, both counted by the emulator. The kernel's are not included, nor those that",
-            "look up which function a call leads to. Instructions are not time, but what suits only one of the two shows. A unit",
+            f"Made by `{MAKE}`{versions(file)}: the instructions that a job takes in the release for 32-bit ARM, which is",
+            "optimised for size, beside those in the release for x86-64, both counted by the emulator; for x86-64 it is a processor",
+            "of 2008, without instructions for 32 bytes at a time. The kernel's are not included, nor those that look up which",
+            "function a call leads to; and two threads at a queue are not counted, since it is how they meet that makes the",
+            "difference. Instructions are not time, but what suits only one of the two shows. A unit",
             "is one of the n of the job's name; where n is a size, the job was done 1,000 times, and a unit is one of these. The",
             "last ratios are to the same job done with the bare calls of libc and the language's library."),
         *(paragraph(

@@ -434,8 +434,8 @@ void PassAlong(int nOne, int nOther, int n) {
     Measured([&] {
         char bytes[kSize] = {};
         for (int i = 0; i < n; ++i) {
-            auto nSum = send(nOne, bytes, kSize, 0) + recv(nOther, bytes, kSize, 0);
-            nSum += send(nOther, bytes, kSize, 0) + recv(nOne, bytes, kSize, 0);
+            auto nSum = send(nOne, bytes, kSize, 0) + recv(nOther, bytes, kSize, MSG_WAITALL);
+            nSum += send(nOther, bytes, kSize, 0) + recv(nOne, bytes, kSize, MSG_WAITALL);
             Use(nSum);
         }
     });
@@ -449,6 +449,7 @@ void PassRecord(int n) {
     PassAlong<520>(nEnds[0], nEnds[1], n);
 }
 
+template <std::size_t kSize>
 void PassBytes(int n) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
@@ -463,7 +464,7 @@ void PassBytes(int n) {
     if (connect(nClient, pAddress, sizeof address) != 0) {
         std::exit(2);
     }
-    PassAlong<64>(nClient, accept(nServer, nullptr, nullptr), n);
+    PassAlong<kSize>(nClient, accept(nServer, nullptr, nullptr), n);
 }
 
 /// What the library's start has the system do, without the library: a locale, two buffers, a block as large as the
@@ -536,7 +537,8 @@ const std::map<std::string, void (*)(int)>& BareJobs() {
                                                                {"Dispatch", Dispatch},
                                                                {"DispatchAmong", DispatchAmong},
                                                                {"PassRecord", PassRecord},
-                                                               {"PassBytes", PassBytes},
+                                                               {"PassBytes", PassBytes<64>},
+                                                               {"PassBlocks", PassBytes<16 << 10>},
                                                                {"StartLibrary", StartLibrary}};
     return kJobs;
 }

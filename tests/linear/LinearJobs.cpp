@@ -478,6 +478,8 @@ void PassRecord(int n) {
     });
 }
 
+/// So many bytes there and back, n times.
+template <int kSize>
 void PassBytes(int n) {
     KNetInfo info(KNetInfo::IPV4, KNetInfo::TCP, KNetInfo::UNICAST, "127.0.0.1", 0);
     KNet server;
@@ -491,13 +493,13 @@ void PassBytes(int n) {
     if (!client.GetHostName() || !client.CreateSocket() || !client.SyncConnectWithBlock() || !server.Accept(peer)) {
         std::exit(2);
     }
-    char bytes[64] = {};
+    std::vector<char> bytes(kSize);
     Measured([&] {
         for (int i = 0; i < n; ++i) {
-            client.Write(bytes, sizeof bytes);
-            peer.Read(bytes, sizeof bytes, false);
-            peer.Write(bytes, sizeof bytes);
-            client.Read(bytes, sizeof bytes, false);
+            client.Write(bytes.data(), kSize);
+            peer.Read(bytes.data(), kSize, false);
+            peer.Write(bytes.data(), kSize);
+            client.Read(bytes.data(), kSize, false);
         }
     });
     client.DeleteSocket();
@@ -567,7 +569,8 @@ const Entry kEntries[] = {
     {"Dispatch", "a message to n handlers", "n", "10,100,1000", Dispatch},
     {"DispatchAmong", "a message to one handler among n registrations", "n", "10,100,1000", DispatchAmong},
     {"PassRecord", "n records of 520 bytes there and back", "n", "100,1000", PassRecord},
-    {"PassBytes", "n times 64 bytes over TCP and back", "n", "100,1000", PassBytes},
+    {"PassBytes", "n times 64 bytes over TCP and back", "n", "100,1000", PassBytes<64>},
+    {"PassBlocks", "n times 16 KiB over TCP and back", "n", "100,1000", PassBytes<16 << 10>},
     {"StartLibrary", "start and stop the library n times", "n", "10,40", StartLibrary},
 };
 

@@ -49,7 +49,7 @@ fourfold() {
 }
 
 for job in Append Divide Replace Search SearchRareLetter SearchNearlyThere FillList WalkList CopyList PopList ReadFlat \
-    ReadNested HandOver HandOverBeside Dispatch DispatchAmong PassRecord PassBytes; do
+    ReadNested HandOver HandOverBeside Dispatch DispatchAmong PassRecord PassBytes PassBlocks; do
     fourfold "${job}" 1000 405
 done
 fourfold ReadBroken 4000 405

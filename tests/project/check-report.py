@@ -44,6 +44,11 @@ def write_comparison(directory):
         ("open a directory of n entries|the exchange sort alone/10000", 2999),
         ("open a directory of n entries|Kalvoren/50000", 100), ("open a directory of n entries|GDir/50000", 40),
         ("open a directory of n entries|the exchange sort alone/50000", 3000)])
+    # In each repetition somebody else is the best of the others, who are never as slow as we are, nor as quick in the median.
+    for number, times in enumerate(((20, 10, 40), (20, 40, 10), (20, 10, 40), (20, 40, 10)), start=1):
+        benchmarks(directory / f"time-5-{number}.json",
+                   [("fill a list and pop all|Kalvoren/100", times[0]), ("fill a list and pop all|GQueue, GMutex/100", times[1]),
+                    ("fill a list and pop all|std::list, std::mutex/100", times[2])])
     # The machine was slow in between: the ratio of each repetition counts, 1.05, not that of the medians.
     for number, times in enumerate(((110, 100), (210, 200), (150, 300))):
         benchmarks(directory / f"time-make-{number}.json",
@@ -123,8 +128,8 @@ def check_nothing_measured(directory):
 
 
 def check_comparison(document):
-    document.expect("## Beside other libraries", "medians of 3 interleaved repetitions", "5 of 8 rows meet their goal",
-                    "Missed, with the reasons below the tables: walk a list (10,000); open a directory of n entries (10,000); "
+    document.expect("## Beside other libraries", "medians of 4 interleaved repetitions", "5 of 9 rows meet their goal",
+                    "Missed, with the reasons below the tables: walk a list (10,000); fill a list and pop all (100); open a directory of n entries (10,000); "
                     "start a program and the library, stop both")
     document.expect("## Beside other libraries", "2024-05-06, with libc6 2.1, libglib2.0-dev 2.2. Times")
     document.expect("### Lock and unlock", "Goal: within 1.1 of the limit.",
@@ -156,13 +161,14 @@ def check_camera(directory, results):
 
     document(straight, 250).expect(title, "| 64 | 25.0 | 25.0 | 5.2 ms | 50 µs | 10.8 MiB | 16 KiB | 70 |",
                                    "2 ms of processor time a picture and 50 µs for each client",
-                                   "Processor time: met, memory: met.", "All clients got all pictures.")
+                                   "Processor time: met, memory: met.", "All clients got all pictures, but for some")
     document(straight[:-1] + [(64, 8.0)], 250).expect(title, "Processor time: **missed**, memory: met.")
     document(straight, 240).expect(title, "**Not all pictures reached all clients** of: 1, 2, 4, 64.")
 
 
 def check_instructions(document):
-    document.expect("## On the target", "| 100 | 50.0 | 70.0 | 1.40 | 1.00 | 1.00 | met |  |  |  |",
+    document.expect("## On the target", "`scripts/bench --instructions`, 2024-05-06, with qemu-user 1:7.2, g++ 4:12: the instructions",
+                    "| 100 | 50.0 | 70.0 | 1.40 | 1.00 | 1.00 | met |  |  |  |",
                     "| 100 | 50.0 | 140 | 2.80 | 1.00 | 2.00 | **missed** |  |  |  |",
                     "| 100 | 50.0 | 280 | 5.60 | 1.00 | 4.00 | met | 1.00 | 1.00 | met |",
                     "| 100 | 10.0 | 60.0 | 6.00 | 0.20 | 0.86 | met |  |  |  |",
@@ -255,6 +261,7 @@ def main():
         results = directory / "results"
         write_comparison(results / "peers")
         write_log(results / "log")
+        (results / "instructions-versions.txt").write_text("2024-05-06\nqemu-user 1:7.2\ng++ 4:12\n", encoding="utf-8")
         (results / "instructions.json").write_text(json.dumps(
             instructions("Even", "an even job", (50, 50), (70, 70))
             + instructions("Worse", "a job that does", (50, 50), (70, 140))
