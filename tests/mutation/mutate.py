@@ -51,7 +51,7 @@ CLASSES = {
     "KPath": (["src/KPath.cpp", "inc/KPath.h"], ["KPathTest"]),
     "KPropertyList": (["src/KPropertyList.cpp", "inc/KPropertyList.h"], ["KPropertyNodeTest", "KPropertyListTest"]),
     "KQueue": (["src/KQueue.cpp", "inc/KQueue.h"], ["KQueueTest"]),
-    "KString": (["src/api/KString.cpp", "inc/KString.h"], ["KStringTest"]),
+    "KString": (["src/api/KString.cpp", "inc/KString.h"], ["KStringTest", "KPathTest"]),
     "KSystem": (["src/api/KSystem.cpp", "inc/KSystem.h"], ["KSystemTest"]),
     "KThread": (["src/api/KThread.cpp", "inc/KThread.h"], ["KMutexTest", "KThreadTest"]),
     "KTime": (["src/api/KTime.cpp", "inc/KTime.h"], ["KTimeTest"]),
