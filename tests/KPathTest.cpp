@@ -396,6 +396,13 @@ TEST(KPathTest, RemovingSubPathsEndsAtTheFirstComponent) {
     }
 }
 
+TEST(KPathTest, TheExtensionOfWhatIsLeftWithoutTheSubPathCanBeSet) {
+    KPath path("/a/b.txt/c.txt");
+    EXPECT_TRUE(path.RemoveSubPath());
+    EXPECT_TRUE(path.SetExt(KString("log")));
+    EXPECT_EQ(Bytes(path), "/a/b.log");
+}
+
 TEST(KPathTest, SetExtSetsOrReplacesTheExtension) {
     struct Case {
         const char* pszPath;

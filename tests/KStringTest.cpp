@@ -21,6 +21,7 @@
 
 #include "KDebug.h"
 #include "KMem.h"
+#include "support/FailingMalloc.h"
 #include "support/HeapUse.h"
 #include "support/LittleMemory.h"
 #include "support/Sanitizers.h"
@@ -29,6 +30,7 @@
 using namespace std::string_literals;
 using support::ScopedChecks;
 using support::ScopedLevel;
+using support::ScopedNoMalloc;
 using support::StderrOf;
 
 namespace {
@@ -413,6 +415,29 @@ TEST(KStringTest, ATextOutOfItsOwnBufferCanBeAppended) {
     EXPECT_EQ(Bytes(text), "hellolohellolo");
 }
 
+TEST(KStringTest, ItsOwnTextIsAppendedAlsoWhereTheBufferMoves) {
+    const std::string once(200, 'x');
+    // Buffers that lie one behind the other: few of them can grow where they are.
+    std::vector<KString> texts(20, KString(once.c_str()));
+    for (KString& text : texts) {
+        text += text.GetBuffer();
+        EXPECT_EQ(Bytes(text), once + once);
+    }
+    for (KString& text : texts) {
+        text += text;
+        EXPECT_EQ(Bytes(text), once + once + once + once);
+    }
+}
+
+TEST(KStringTest, AppendingALittleTakesLittleMemory) {
+    KString text(std::string(1000000, 'x').c_str());
+    const std::string little(10000, 'y');
+    const std::size_t nBefore = support::BytesInUse();
+    text += little.c_str();
+    EXPECT_LT(support::BytesInUse(), nBefore + 500000);
+    EXPECT_EQ(text.Length(), 1010000);
+}
+
 TEST(KStringTest, WhatWouldMakeTheStringLongerThanALengthCanTellIsNotAppended) {
     if (KALVOREN_WITH_TSAN != 0) {
         GTEST_SKIP() << "the thread sanitizer notes every byte that is read, in memory of its own";
@@ -765,6 +790,25 @@ TEST(KStringTest, SprintfReplacesTheTextAndReturnsItsLength) {
     EXPECT_EQ(Bytes(text), "x-007");
 }
 
+TEST(KStringTest, ANulFollowsWhatSprintfMakes) {
+    for (int nLength = 1; nLength <= 100; ++nLength) {
+        KString text;
+        EXPECT_EQ(text.Sprintf("%*d", nLength, 7), nLength);
+        EXPECT_EQ(text.GetBuffer()[nLength], '\0') << nLength;
+    }
+}
+
+TEST(KStringTest, SprintfWithoutMemoryReturnsZeroAndLeavesTheStringAsItWas) {
+    KString text("before");
+    int nLength = -1;
+    {
+        const ScopedNoMalloc none;
+        nLength = text.Sprintf("%d", 7);
+    }
+    EXPECT_EQ(nLength, 0);
+    EXPECT_EQ(Bytes(text), "before");
+}
+
 TEST(KStringTest, SprintfCanUseTheStringItChanges) {
     KString text("ab");
     EXPECT_EQ(text.Sprintf("[%s|%s]", text.GetBuffer(), text.GetBuffer()), 7);
@@ -901,6 +945,7 @@ TEST(KStringTest, ToDigitReadsHexadecimalBinaryAndDecimalNumbers) {
         {"0X1a", 26},
         {"0xfF", 255},
         {"0x0", 0},
+        {"0x7", 7},
         {"0xG", 0},
         {"0x1G2", 1},
         {"0x-1", 0},
@@ -909,6 +954,7 @@ TEST(KStringTest, ToDigitReadsHexadecimalBinaryAndDecimalNumbers) {
         {"0x123456789", 0x23456789},
         {"0x1\xE1", 1},
         // Binary.
+        {"0b1", 1},
         {"0b101", 5},
         {"0B101", 5},
         {"0b12", 1},
@@ -963,6 +1009,7 @@ TEST(KStringTest, IsHexStringIsTrueWhenNoByteIsAHexadecimalDigit) {
     }
     EXPECT_TRUE(KString("zz").IsHexString());
     EXPECT_TRUE(KString().IsHexString());
+    EXPECT_FALSE(KString("azz").IsHexString());
     EXPECT_FALSE(KString("zza").IsHexString());
     EXPECT_FALSE(KString("zzF").IsHexString());
     EXPECT_FALSE(KString("z\0f", 3).IsHexString());
@@ -977,6 +1024,7 @@ TEST(KStringTest, IsHexStringWithOtherIsTrueWhenEveryByteIsAHexadecimalDigit) {
     for (const char ch : {'g', 'G', '/', ':', '@', '`', ' ', '\xE1', '\xFF', '\0'}) {
         EXPECT_FALSE(Of("1"s + ch).IsHexStringWithOther(ignored)) << ch;
     }
+    EXPECT_FALSE(KString("g12").IsHexStringWithOther(ignored));
     EXPECT_EQ(Bytes(ignored), "zz");
 }
 
@@ -1028,6 +1076,28 @@ TEST(KStringTest, AllocAndCopyOfNoBytesOrOfMoreThanCanBeAllocatedIsFalseAndLeave
     char* pCopy = text;
     EXPECT_FALSE(KString::AllocAndCopy(&pCopy, nullptr, -1));
     EXPECT_EQ(pCopy, nullptr);
+}
+
+TEST(KStringTest, AllocAndCopyAsksForMemoryUpToTheMostThatALengthCanTell) {
+    const ScopedChecks checks(false);
+    struct Case {
+        int nCount;
+        int nRefused;
+    };
+    char text[] = "abc";
+    for (const Case& test : {Case{INT_MAX / 4 - 1, 1}, Case{INT_MAX / 4, 0}}) {
+        char* pCopy = text;
+        bool fgCopied = true;
+        int nRefused = -1;
+        {
+            const ScopedNoMalloc none;
+            fgCopied = KString::AllocAndCopy(&pCopy, text, test.nCount);
+            nRefused = none.Refused();
+        }
+        EXPECT_FALSE(fgCopied) << test.nCount;
+        EXPECT_EQ(pCopy, nullptr) << test.nCount;
+        EXPECT_EQ(nRefused, test.nRefused) << test.nCount;
+    }
 }
 
 TEST(KStringTest, AllocAndCopyAllocatesFourBytesForEachByteCopiedAndEntersThemInTheRegistry) {
@@ -1193,6 +1263,12 @@ TEST(KStringTest, FindsATextFromTheFront) {
     EXPECT_EQ(text.Find(KString("na"), 3), 4);
     EXPECT_EQ(text.FindCaseIgnore("AN", 2), 3);
     EXPECT_EQ(text.FindCaseIgnore(KString("NA"), 0), 2);
+}
+
+TEST(KStringTest, FindsATextThatIsTheEndOfALongerOne) {
+    const char szLonger[] = "xan";
+    EXPECT_EQ(KString("banana").Find(szLonger + 1, 0), 1);
+    EXPECT_EQ(KString("banana").FindR(szLonger + 1, 0), 3);
 }
 
 TEST(KStringTest, FindsATextWhereverASearchByteByByteDoes) {
@@ -1414,6 +1490,10 @@ TEST(KStringTest, ReplacesEveryByteWithinTheLength) {
     KString high("\xFF\xE9");
     EXPECT_TRUE(high.Replace('\xFF', 'y'));
     EXPECT_EQ(Bytes(high), "y\xE9");
+    KString nuls("\0a\0\0", 4);
+    EXPECT_TRUE(nuls.Replace('\0', '.'));
+    EXPECT_EQ(Bytes(nuls), ".a..") << "from the first byte on";
+    EXPECT_STREQ(nuls.GetBuffer(), ".a..");
 }
 
 TEST(KStringTest, ReplacingBytesIsFalseWithoutABuffer) {
@@ -1441,6 +1521,16 @@ TEST(KStringTest, ReplacesEveryOccurrenceOfATextFromTheLeft) {
         EXPECT_TRUE(text.Replace(test.pszFrom, test.pszTo));
         EXPECT_EQ(Bytes(text), test.result) << testing::PrintToString(test.text);
         EXPECT_EQ(HasBuffer(text), !test.result.empty()) << testing::PrintToString(test.text);
+    }
+}
+
+TEST(KStringTest, ANulFollowsWhatReplacingATextLeaves) {
+    for (std::size_t nLength = 1; nLength <= 100; ++nLength) {
+        KString text = Of(std::string(nLength, 'a'));
+        // What was in the memory before, as far as it can be told.
+        static_cast<void>(Of(std::string(nLength + 1, 'z')));
+        EXPECT_TRUE(text.Replace("a", "b"));
+        EXPECT_STREQ(text.GetBuffer(), std::string(nLength, 'b').c_str());
     }
 }
 
@@ -1678,6 +1768,9 @@ TEST(KStringTest, TrimLOfACharacterRemovesNothingButCorrectsTheLength) {
         EXPECT_EQ(Bytes(text), test.result) << testing::PrintToString(test.text);
         EXPECT_EQ(HasBuffer(text), !test.result.empty());
     }
+    KString nuls("\0\0", 2);
+    nuls.TrimL('\0');
+    EXPECT_EQ(Bytes(nuls), "\0\0"s) << "no byte differs";
 }
 
 TEST(KStringTest, TrimOfACharacterRemovesOneTrailingByteAndCorrectsTheLength) {
@@ -1794,6 +1887,20 @@ TEST(KStringTest, WithoutADelimiterTheWholeTextIsOneField) {
         KList<KString> fields;
         EXPECT_TRUE(KString("a,b").Divide(pszDelimiter, fields));
         EXPECT_EQ(Fields(fields), std::vector<std::string>{"a,b"});
+    }
+}
+
+TEST(KStringTest, DividingWithoutMemoryIsTrueAndKeepsTheFieldsThatThereWasMemoryFor) {
+    const KString text("a,b,c");
+    for (const int nStillWorks : {0, 2}) {
+        KList<KString> fields;
+        bool fgDivided = false;
+        {
+            const ScopedNoMalloc none(nStillWorks);
+            fgDivided = text.Divide(",", fields);
+        }
+        EXPECT_TRUE(fgDivided);
+        EXPECT_EQ(fields.GetCount(), nStillWorks / 2) << "an element and its text";
     }
 }
 

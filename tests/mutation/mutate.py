@@ -4,7 +4,8 @@ Started by scripts/mutate, which sees to the build. A change is an operator, a c
 and texts are spared. Compiling each changed source would take most of the time, so that all changes of a class that are in the
 bodies of functions are compiled as one library, and an environment variable says which one runs (see changes.py). Of the tests
 those run first that reach the changed function. What none of them notices, and what cannot be chosen by a variable, is compiled
-and linked by itself, and has to pass all tests of the class, in one process and in one for each case, to count as a survivor.
+and linked by itself, and has to pass all tests of the class, in one process and in one for each case. What passes them is built
+once more with the sanitizers of addresses and undefined behaviour, and counts as a survivor when they notice nothing either.
 
 The tests run where they can break nothing, and find a changed library in the place of the real one: the file system is
 read-only but for a small /tmp, with a network and processes of its own.
@@ -29,6 +30,7 @@ from changes import Change, Switched, changes_of
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BUILD = os.path.join(ROOT, "build", "mutate")
+SANITIZED = os.path.join(ROOT, "build", "mutate-asan")
 LIBRARY = "libkalvoren-sharedd.so.1.0.0"
 SWITCH = os.path.join(ROOT, "tests", "mutation", "switch")
 EQUIVALENTS = os.path.join(ROOT, "tests", "mutation", "equivalents.json")
@@ -51,7 +53,7 @@ CLASSES = {
     "KPath": (["src/KPath.cpp", "inc/KPath.h"], ["KPathTest"]),
     "KPropertyList": (["src/KPropertyList.cpp", "inc/KPropertyList.h"], ["KPropertyNodeTest", "KPropertyListTest"]),
     "KQueue": (["src/KQueue.cpp", "inc/KQueue.h"], ["KQueueTest"]),
-    "KString": (["src/api/KString.cpp", "inc/KString.h"], ["KStringTest"]),
+    "KString": (["src/api/KString.cpp", "inc/KString.h"], ["KStringTest", "KPathTest"]),
     "KSystem": (["src/api/KSystem.cpp", "inc/KSystem.h"], ["KSystemTest"]),
     "KThread": (["src/api/KThread.cpp", "inc/KThread.h"], ["KMutexTest", "KThreadTest"]),
     "KTime": (["src/api/KTime.cpp", "inc/KTime.h"], ["KTimeTest"]),
@@ -81,6 +83,12 @@ def source_of(program):
     return os.path.join("tests", os.path.basename(program) + ".cpp")
 
 
+def build_programs(directory, programs):
+    command = ["cmake", "--build", directory, "--target", "kalvoren-sharedd", *programs]
+    if subprocess.run(command, stdout=sys.stderr).returncode != 0:
+        sys.exit("mutate: the tests do not build")
+
+
 def digest(*parts):
     return hashlib.sha256("\0".join(parts).encode()).hexdigest()
 
@@ -92,10 +100,11 @@ class Build:
     plain = {}
     plain_lock = threading.Lock()
 
-    def __init__(self, *names):
-        with open(os.path.join(BUILD, "compile_commands.json")) as file:
+    def __init__(self, *names, directory=BUILD):
+        with open(os.path.join(directory, "compile_commands.json")) as file:
             self.entries = json.load(file)
-        self.work = os.path.join(BUILD, "changed", *names)
+        self.directory = directory
+        self.work = os.path.join(directory, "changed", *names)
         self.headers = os.path.join(self.work, "include")
         os.makedirs(self.headers, exist_ok=True)
 
@@ -120,7 +129,7 @@ class Build:
 
     def link_as(self, target, changed, more):
         """Links a target with the objects of some sources changed, as it is linked itself, or returns None."""
-        listed = run(["ninja", "-C", BUILD, "-t", "commands", target]).stdout.decode().splitlines()
+        listed = run(["ninja", "-C", self.directory, "-t", "commands", target]).stdout.decode().splitlines()
         line = [line for line in listed if " -o " + target in line][-1]
         words = shlex.split(line[line.index("&&") + 2 : line.rindex("&&")])
         for source, path in changed.items():
@@ -129,7 +138,7 @@ class Build:
                 words[names[0]] = path
         linked = os.path.join(self.work, os.path.basename(target))
         words[words.index("-o") + 1] = linked
-        return linked if run([*words, *more], cwd=BUILD).returncode == 0 else None
+        return linked if run([*words, *more], cwd=self.directory).returncode == 0 else None
 
     def link(self, objects, programs, *more):
         """Links the library, and those of some test programs that need it, with the objects of changed sources. Returns the
@@ -141,7 +150,8 @@ class Build:
                 target = os.path.join("tests", os.path.basename(program))
                 replaced[program] = self.link_as(target, {source: objects[source]}, more)
         library = self.link_as(LIBRARY, objects, more)
-        return None if library is None or None in replaced.values() else Setting(library, replaced)
+        failed = library is None or None in replaced.values()
+        return None if failed else Setting(library, replaced, directory=self.directory)
 
     def code_of(self, path):
         """What an object does, without what it says about where it came from."""
@@ -204,8 +214,9 @@ def sandboxed(command, *more):
 class Setting:
     """What the tests run with: a library in place of the real one, other programs in place of theirs, the change that runs."""
 
-    def __init__(self, library=None, replaced=None, number=0):
+    def __init__(self, library=None, replaced=None, number=0, directory=BUILD):
         self.library = library
+        self.directory = directory
         self.replaced = replaced or {}
         self.number = number
 
@@ -213,7 +224,7 @@ class Setting:
         """Puts the library and the programs where the real ones are: programs look for what they load beside themselves."""
         places = {path: program for program, path in self.replaced.items()}
         if self.library:
-            places[self.library] = os.path.join(BUILD, LIBRARY)
+            places[self.library] = os.path.join(self.directory, LIBRARY)
         return [word for path, place in places.items() for word in ("--ro-bind", path, place)]
 
 
@@ -226,8 +237,8 @@ class Tests:
     # So many of the cases that noticed changes before are run ahead of all others: they are likely to notice the next.
     AHEAD = 25
 
-    def __init__(self, programs):
-        self.programs = [os.path.join(BUILD, "tests", program) for program in programs]
+    def __init__(self, programs, directory=BUILD):
+        self.programs = [os.path.join(directory, "tests", program) for program in programs]
         self.cases = {program: self.cases_of(program) for program in self.programs}
         self.seconds = {program: {} for program in self.programs}  # what each case takes in a process of its own
         self.reached = {program: {} for program in self.programs}  # the functions that each case reaches
@@ -343,12 +354,47 @@ class Tests:
         return any(self.fails(setting, program, [case]) for program in self.programs for case in self.cases[program])
 
     def state(self):
-        """Changes when a test does: a survivor is looked at again then."""
-        states = []
+        """Changes when a test does, or how changes are tried: a survivor is looked at again then."""
+        states = ["sanitized"]
         for program in self.programs:
             with open(program, "rb") as file:
                 states.append(hashlib.sha256(file.read()).hexdigest())
         return digest(*states)
+
+
+class SanitizedTests:
+    """The tests of a class in the build with sanitizers, which is made when the first change comes that no test noticed."""
+
+    lock = threading.Lock()
+
+    def __init__(self, name, programs):
+        self.name = name
+        self.programs = programs
+        self.tests = None
+
+    def prepared(self):
+        with SanitizedTests.lock:
+            if self.tests is None:
+                build_programs(SANITIZED, self.programs)
+                tests = Tests(self.programs, SANITIZED)
+                failed = tests.measure(Setting(), os.path.join(Build(self.name, directory=SANITIZED).work, "marks"))
+                if failed:
+                    sys.exit("mutate: %s fails with the sanitizers without any change" % failed)
+                self.tests = tests
+        return self.tests
+
+    def late(self):
+        return self.tests.late if self.tests else 0
+
+    def notice(self, compile):
+        """Whether the sanitizers notice what a function compiles."""
+        tests = self.prepared()
+        build = Build(self.name, threading.current_thread().name, directory=SANITIZED)
+        objects = compile(build)
+        setting = build.link(objects, tests.programs) if objects else None
+        if setting is None:
+            return False
+        return any(tests.fails(setting, program, tests.cases[program]) for program in tests.programs)
 
 
 # ----------------------------------------------------------------------------------------------------------------- A class
@@ -484,9 +530,10 @@ class Class:
         self.compiled = compiled[0] if compiled else [path for path in files if path.endswith(".cpp")]
         self.files = files
         self.tests = Tests(programs)
+        self.sanitized = SanitizedTests(name, programs)
         self.state = self.tests.state()
         self.results = Results(name)
-        self.counts = {"noticed": 0, "survived": 0, "equivalent": 0, "same": 0, "invalid": 0}
+        self.counts = {"noticed": 0, "sanitized": 0, "survived": 0, "equivalent": 0, "same": 0, "invalid": 0}
         self.survivors = []
         self.lock = threading.Lock()
         self.units = {}
@@ -541,7 +588,7 @@ class Class:
             self.report()
 
     def examine(self, change, build):
-        """'invalid', 'same', 'noticed' or 'survived'."""
+        """'invalid', 'same', 'noticed', 'sanitized' (noticed by the sanitizers alone) or 'survived'."""
         chosen = self.changes.chosen(change)
         if chosen and self.tests.notice_soon(*chosen):
             return "noticed"
@@ -555,10 +602,19 @@ class Class:
             return "invalid"
         if not chosen and self.tests.notice_soon(setting):
             return "noticed"
-        return "noticed" if self.tests.notice(setting) else "survived"
+        if self.tests.notice(setting):
+            return "noticed"
+        return "sanitized" if self.sanitized.notice(lambda other: self.objects_of(change, other)) else "survived"
 
     def changed_objects(self, change, build):
         """The objects that a change makes others, by their sources; None where it does not compile."""
+        objects = self.objects_of(change, build)
+        if objects is None:
+            return None
+        return {s: path for s, path in objects.items() if build.code_of(path) != build.code_without_change(s)}
+
+    def objects_of(self, change, build):
+        """All objects that are compiled with a changed file, by their sources; None where it does not compile."""
         objects, more = {}, []
         if change.path.endswith(".h"):
             build.change_headers({change.path: change.text})
@@ -568,17 +624,18 @@ class Class:
             if changed is None:
                 return None
             objects[source] = changed
-        return {s: path for s, path in objects.items() if build.code_of(path) != build.code_without_change(s)}
+        return objects
 
     def report(self):
         counts = self.counts
-        judged = counts["noticed"] + counts["survived"]
-        share = 100.0 * counts["noticed"] / judged if judged else 100.0
+        noticed = counts["noticed"] + counts["sanitized"]
+        judged = noticed + counts["survived"]
+        share = 100.0 * noticed / judged if judged else 100.0
         lines = [
-            "%s: %d of %d changes tried: %d noticed (%d for the time that a test took), %d survived (%.1f %% noticed); "
-            "%d listed as equivalent, %d compile to the same, %d do not compile"
-            % (self.name, sum(counts.values()), self.total, counts["noticed"], self.tests.late, counts["survived"], share,
-               counts["equivalent"], counts["same"], counts["invalid"])  # fmt: skip
+            "%s: %d of %d changes tried: %d noticed (%d for the time that a test took, %d by the sanitizers alone), "
+            "%d survived (%.1f %% noticed); %d listed as equivalent, %d compile to the same, %d do not compile"
+            % (self.name, sum(counts.values()), self.total, noticed, self.tests.late + self.sanitized.late(),
+               counts["sanitized"], counts["survived"], share, counts["equivalent"], counts["same"], counts["invalid"])
         ]
         lines += ["  " + str(change) for change in sorted(self.survivors, key=lambda change: (change.path, change.start))]
         print("\n".join(lines), flush=True)
@@ -650,8 +707,7 @@ def main():
     if run(sandboxed(["true"])).returncode != 0:
         sys.exit("mutate: bubblewrap does not work here, and nothing changed is run outside it")
     programs = sorted({program for name in names for program in CLASSES[name][1]})
-    if subprocess.run(["cmake", "--build", BUILD, "--target", "kalvoren-sharedd", *programs], stdout=sys.stderr).returncode != 0:
-        sys.exit("mutate: the tests do not build")
+    build_programs(BUILD, programs)
     deadline = time.time() + options.seconds if options.seconds else float("inf")
     classes = [Class(name, options, equivalents, deadline) for name in names]
     crew = Crew()
@@ -659,7 +715,7 @@ def main():
     for tried in sorted(classes, key=lambda one: -len(one.left)):
         crew.add(1, lambda tried=tried: tried.begin(crew))
     crew.run(int(os.environ.get("JOBS") or os.cpu_count()))
-    noticed = sum(tried.counts["noticed"] for tried in classes)
+    noticed = sum(tried.counts["noticed"] + tried.counts["sanitized"] for tried in classes)
     judged = noticed + sum(tried.counts["survived"] for tried in classes)
     if not judged:
         sys.exit("mutate: no change was judged")
