@@ -252,22 +252,22 @@ def job_section(results, job, notes):
 def introduction(results):
     return paragraph(
         f"Made by `{MAKE}`; medians of {results.repetitions} interleaved repetitions on {platform.machine()},",
-        f"{results.context['num_cpus']} processors, {results.context['date'][:10]}{results.versions()}. Times are of the",
-        "processor, or of the wall clock where several threads or processes take part. All of a row are measured one behind",
-        "the other; in brackets: how many times the library's time of the same repetition, the median of that, by which the",
-        "goals go. \"Limit\" is what the bare calls take that it names; where no calls of libc do the job, there is none. Below",
-        "the times: the most memory that was allocated at once, with what the job works on and 408 bytes of the measurement (GLib's by malloc alone, which its times are not).",
-        "Where a program is started, it is its resident memory, with by how much it grows between the first line of its main",
-        "function and the end of the start, and by how much until it was stopped and started again. Where blocks are",
-        "registered, \"growth\" is what the registry makes the process grow, which comes straight from the system. A size is the",
-        "n of the job's name, or bytes. The log's level is 3, except where lines are what is measured; what level 0 costs the",
-        "library is below, and nobody else has it. What a job frees stays with its process, and where long texts are copied,",
-        "libc does so without the processor's own instruction: without these two settings the same row differs by a factor",
-        "from one run to the next. The kernel's work of clearing fresh pages, 2 KB for each entry of a directory, comes on top",
-        "in a process with libc's own settings. From one run of all this to the next most rows differ by a tenth, and those",
-        "that hang on the caches by up to a half: a row that is near its goal meets it in one run and misses it in the next.",
-        "Where its repetitions do not agree, it says how many of them meet it. Whether a job grows as it is to is judged by a test",
-        "that counts instructions, not by these times.")
+        f"{results.context['num_cpus']} processors, {results.context['date'][:10]}{results.versions()}.",
+        "Times are of the processor, or of the wall clock where several threads or processes take part. All of a row are measured",
+        "one behind the other; in brackets: how many times the library's time of the same repetition, the median of that, by which",
+        "the goals go. \"Limit\" is what the bare calls take that it names; where no calls of libc do the job, there is none.",
+        "Below the times: the most memory that was allocated at once, with what the job works on and 408 bytes of the measurement",
+        "(GLib's by malloc alone, which its times are not). Where a program is started, it is its resident memory, with by how much",
+        "it grows between the first line of its main function and the end of the start, and by how much until it was stopped and",
+        "started again. Where blocks are registered, \"growth\" is what the registry makes the process grow, which comes straight",
+        "from the system. A size is the n of the job's name, or bytes. The log's level is 3, except where lines are what is",
+        "measured; what level 0 costs the library is below, and nobody else has it. What a job frees stays with its process, and",
+        "where long texts are copied, libc does so without the processor's own instruction: without these two settings the same",
+        "row differs by a factor from one run to the next. The kernel's work of clearing fresh pages, 2 KB for each entry of a",
+        "directory, comes on top in a process with libc's own settings. From one run of all this to the next most rows differ by a",
+        "tenth, and those that hang on the caches by up to a half: a row that is near its goal meets it in one run and misses it in",
+        "the next. Where its repetitions do not agree, it says how many of them meet it. Whether a job grows as it is to is judged",
+        "by a test that counts instructions, not by these times.")
 
 
 def section(results, notes, plot):

@@ -386,11 +386,11 @@ class SanitizedTests:
     def late(self):
         return self.tests.late if self.tests else 0
 
-    def notice(self, compile):
+    def notice(self, objects_of):
         """Whether the sanitizers notice what a function compiles."""
         tests = self.prepared()
         build = Build(self.name, threading.current_thread().name, directory=SANITIZED)
-        objects = compile(build)
+        objects = objects_of(build)
         setting = build.link(objects, tests.programs) if objects else None
         if setting is None:
             return False
