@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "BareCalls.h"
 #include "KIPC.h"
 #include "KNet.h"
 #include "Peers.h"
@@ -29,13 +30,6 @@ const bool g_fgNoSignal = std::signal(SIGPIPE, SIG_IGN) != SIG_ERR;
 void DoNotDelay(int nSocket) {
     const int nOn = 1;
     setsockopt(nSocket, IPPROTO_TCP, TCP_NODELAY, &nOn, sizeof nOn);
-}
-
-int PortOf(int nSocket) {
-    sockaddr_in address = {};
-    socklen_t nSize = sizeof address;
-    getsockname(nSocket, reinterpret_cast<sockaddr*>(&address), &nSize);
-    return ntohs(address.sin_port);
 }
 
 // ----------------------------------------------------------------------------------------------------- The connections

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <string>
 
+#include "BareCalls.h"
 #include "KPath.h"
 #include "Peers.h"
 
@@ -16,23 +17,19 @@
 
 namespace {
 
-constexpr const char* kDirectory = "/var/lib/camera/records/2024-05-06";
-constexpr const char* kName = "segment-000123.mjpeg";
-constexpr const char* kPath = "/var/lib/camera/records/2024-05-06/segment-000123.mjpeg";
-
 void JoinKalvoren(benchmark::State& state) {
-    KPath directory(kDirectory);
+    KPath directory(kPathDirectory);
     for (auto _ : state) {
-        const KPath joined = directory + kName;
+        const KPath joined = directory + kPathName;
         benchmark::DoNotOptimize(joined.GetPath().GetBuffer());
     }
 }
 BENCHMARK(JoinKalvoren)->Name("join a directory and a name|Kalvoren");
 
 void JoinStd(benchmark::State& state) {
-    const std::filesystem::path directory(kDirectory);
+    const std::filesystem::path directory(kPathDirectory);
     for (auto _ : state) {
-        const std::filesystem::path joined = directory / kName;
+        const std::filesystem::path joined = directory / kPathName;
         benchmark::DoNotOptimize(joined.c_str());
     }
 }
@@ -156,56 +153,39 @@ void Limit(benchmark::State& state, Piece piece) {
     }
 }
 
-std::size_t Distance(const char* pszFrom, const char* pszTo) {
-    return static_cast<std::size_t>(pszTo - pszFrom);
-}
-
 void JoinLimit(benchmark::State& state) {
     Limit(state, [](const char*) {
-        const char* pszDirectory = kDirectory;
-        const char* pszName = kName;
+        const char* pszDirectory = kPathDirectory;
+        const char* pszName = kPathName;
         benchmark::DoNotOptimize(pszDirectory);
         benchmark::DoNotOptimize(pszName);
-        const std::size_t nDirectory = std::strlen(pszDirectory);
-        const std::size_t nName = std::strlen(pszName);
-        char* const pszJoined = static_cast<char*>(std::malloc(nDirectory + nName + 2));
-        std::memcpy(pszJoined, pszDirectory, nDirectory);
-        pszJoined[nDirectory] = '/';
-        std::memcpy(pszJoined + nDirectory + 1, pszName, nName + 1);
-        return pszJoined;
+        return bare::Join(pszDirectory, pszName);
     });
 }
 BENCHMARK(JoinLimit)->Name("join a directory and a name|limit: strlen, malloc, memcpy");
 
 void SplitLimit(benchmark::State& state) {
-    Limit(state, [](const char* pszPath) { return strdup(std::strrchr(pszPath, '/') + 1); });
+    Limit(state, bare::Name);
 }
 BENCHMARK(SplitLimit)->Name("the name at a path's end|limit: strrchr, strdup");
 
 void StemLimit(benchmark::State& state) {
-    Limit(state, [](const char* pszPath) {
-        const char* const pszName = std::strrchr(pszPath, '/') + 1;
-        return strndup(pszName, Distance(pszName, std::strrchr(pszName, '.')));
-    });
+    Limit(state, bare::Stem);
 }
 BENCHMARK(StemLimit)->Name("the name without its extension|limit: strrchr, strndup");
 
 void DirectoryLimit(benchmark::State& state) {
-    Limit(state, [](const char* pszPath) { return strndup(pszPath, Distance(pszPath, std::strrchr(pszPath, '/'))); });
+    Limit(state, bare::Directory);
 }
 BENCHMARK(DirectoryLimit)->Name("the directory of a path|limit: strrchr, strndup");
 
 void ParentLimit(benchmark::State& state) {
-    Limit(state, [](const char* pszPath) {
-        char* const pszUp = strdup(pszPath);
-        *std::strrchr(pszUp, '/') = '\0';
-        return pszUp;
-    });
+    Limit(state, bare::GoUp);
 }
 BENCHMARK(ParentLimit)->Name("make a path and go up|limit: strdup, strrchr");
 
 void ExtensionLimit(benchmark::State& state) {
-    Limit(state, [](const char* pszPath) { return strdup(std::strrchr(std::strrchr(pszPath, '/'), '.') + 1); });
+    Limit(state, bare::Extension);
 }
 BENCHMARK(ExtensionLimit)->Name("a path's extension|limit: strrchr, strdup");
 
@@ -222,7 +202,7 @@ BENCHMARK(SystemLimit)->Name("a path's system form|limit: strlen, memcpy");
 #ifdef KALVOREN_PEER_GLIB
 void JoinGlib(benchmark::State& state) {
     for (auto _ : state) {
-        char* const pszJoined = g_build_filename(kDirectory, kName, nullptr);
+        char* const pszJoined = g_build_filename(kPathDirectory, kPathName, nullptr);
         benchmark::DoNotOptimize(pszJoined);
         g_free(pszJoined);
     }
@@ -261,9 +241,9 @@ BENCHMARK(SystemGlib)->Name("a path's system form|GLib");
 
 #ifdef KALVOREN_PEER_POCO
 void JoinPoco(benchmark::State& state) {
-    const Poco::Path directory = Poco::Path::forDirectory(kDirectory);
+    const Poco::Path directory = Poco::Path::forDirectory(kPathDirectory);
     for (auto _ : state) {
-        const Poco::Path joined(directory, kName);
+        const Poco::Path joined(directory, kPathName);
         benchmark::DoNotOptimize(joined);
     }
 }

@@ -278,53 +278,33 @@ void FromPath(int n, Piece piece) {
 }
 
 void JoinPath(int n) {
-    Measured([&] {
-        for (int i = 0; i < n; ++i) {
-            const char* pszDirectory = kPathDirectory;
-            const char* pszName = kPathName;
-            Use(pszDirectory);
-            Use(pszName);
-            const std::size_t nDirectory = std::strlen(pszDirectory);
-            const std::size_t nName = std::strlen(pszName);
-            char* const pszJoined = static_cast<char*>(std::malloc(nDirectory + nName + 2));
-            std::memcpy(pszJoined, pszDirectory, nDirectory);
-            pszJoined[nDirectory] = '/';
-            std::memcpy(pszJoined + nDirectory + 1, pszName, nName + 1);
-            Use(pszJoined);
-            std::free(pszJoined);
-        }
+    FromPath(n, [](const char*) {
+        const char* pszDirectory = kPathDirectory;
+        const char* pszName = kPathName;
+        Use(pszDirectory);
+        Use(pszName);
+        return bare::Join(pszDirectory, pszName);
     });
-}
-
-std::size_t Distance(const char* pszFrom, const char* pszTo) {
-    return static_cast<std::size_t>(pszTo - pszFrom);
 }
 
 void PathDirectory(int n) {
-    FromPath(n, [](const char* pszPath) { return strndup(pszPath, Distance(pszPath, std::strrchr(pszPath, '/'))); });
+    FromPath(n, bare::Directory);
 }
 
 void PathName(int n) {
-    FromPath(n, [](const char* pszPath) { return strdup(std::strrchr(pszPath, '/') + 1); });
+    FromPath(n, bare::Name);
 }
 
 void PathStem(int n) {
-    FromPath(n, [](const char* pszPath) {
-        const char* const pszName = std::strrchr(pszPath, '/') + 1;
-        return strndup(pszName, Distance(pszName, std::strrchr(pszName, '.')));
-    });
+    FromPath(n, bare::Stem);
 }
 
 void PathExtension(int n) {
-    FromPath(n, [](const char* pszPath) { return strdup(std::strrchr(std::strrchr(pszPath, '/'), '.') + 1); });
+    FromPath(n, bare::Extension);
 }
 
 void GoUp(int n) {
-    FromPath(n, [](const char* pszPath) {
-        char* const pszUp = strdup(pszPath);
-        *std::strrchr(pszUp, '/') = '\0';
-        return pszUp;
-    });
+    FromPath(n, bare::GoUp);
 }
 
 void SystemPath(int n) {

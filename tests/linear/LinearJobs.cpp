@@ -3,10 +3,7 @@
 // in Measured(), so that an instrument can count there alone.
 #include "LinearJobs.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -90,13 +87,6 @@ FilledDirectory::FilledDirectory(int nFiles)
 FilledDirectory::~FilledDirectory() {
     std::error_code ignored;
     std::filesystem::remove_all(m_Path, ignored);
-}
-
-int PortOf(int nSocket) {
-    sockaddr_in address = {};
-    socklen_t nSize = sizeof address;
-    getsockname(nSocket, reinterpret_cast<sockaddr*>(&address), &nSize);
-    return ntohs(address.sin_port);
 }
 
 namespace {

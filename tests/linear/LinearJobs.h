@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "BareCalls.h"
+
 using Job = std::function<void()>;
 
 /// Everything behind the call is measured.
@@ -34,9 +36,6 @@ class FilledDirectory {
     std::string m_Path;
 };
 
-/// The port that a socket of this machine is bound to.
-int PortOf(int nSocket);
-
 /// The instants of the jobs about time: all over the years 1970 to 2037.
 inline unsigned int MomentOf(int i) {
     return (static_cast<unsigned int>(i) * 2654435761U) & 0x7FFFFFFFU;
@@ -55,10 +54,7 @@ inline Date DateOf(int i) {
             1 + static_cast<int>(nBits >> 19 & 15), static_cast<int>(nBits >> 15 & 15)};
 }
 
-/// What the jobs about text, paths, time and logging work on.
-constexpr const char* kPath = "/var/lib/camera/records/2024-05-06/segment-000123.mjpeg";
-constexpr const char* kPathDirectory = "/var/lib/camera/records/2024-05-06";
-constexpr const char* kPathName = "segment-000123.mjpeg";
+/// What the jobs about text and logging work on.
 constexpr const char* kPiece = "sixteen letters.";
 constexpr const char* kLogFormat = "stream %d: %s";
 constexpr const char* kLogText = "1920x1080 at 25 frames a second";

@@ -1,0 +1,67 @@
+// What libc's bare calls do where the library stands beside them, in the jobs that are counted and in those that are timed.
+#ifndef KALVOREN_BARECALLS_H
+#define KALVOREN_BARECALLS_H
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+/// What the jobs about paths work on.
+constexpr const char* kPath = "/var/lib/camera/records/2024-05-06/segment-000123.mjpeg";
+constexpr const char* kPathDirectory = "/var/lib/camera/records/2024-05-06";
+constexpr const char* kPathName = "segment-000123.mjpeg";
+
+/// The pieces of a path that has all of them, each in a block for free().
+namespace bare {
+
+inline std::size_t Distance(const char* pszFrom, const char* pszTo) {
+    return static_cast<std::size_t>(pszTo - pszFrom);
+}
+
+inline char* Join(const char* pszDirectory, const char* pszName) {
+    const std::size_t nDirectory = std::strlen(pszDirectory);
+    const std::size_t nName = std::strlen(pszName);
+    char* const pszJoined = static_cast<char*>(std::malloc(nDirectory + nName + 2));
+    std::memcpy(pszJoined, pszDirectory, nDirectory);
+    pszJoined[nDirectory] = '/';
+    std::memcpy(pszJoined + nDirectory + 1, pszName, nName + 1);
+    return pszJoined;
+}
+
+inline char* Directory(const char* pszPath) {
+    return strndup(pszPath, Distance(pszPath, std::strrchr(pszPath, '/')));
+}
+
+inline char* Name(const char* pszPath) {
+    return strdup(std::strrchr(pszPath, '/') + 1);
+}
+
+inline char* Stem(const char* pszPath) {
+    const char* const pszName = std::strrchr(pszPath, '/') + 1;
+    return strndup(pszName, Distance(pszName, std::strrchr(pszName, '.')));
+}
+
+inline char* Extension(const char* pszPath) {
+    return strdup(std::strrchr(std::strrchr(pszPath, '/'), '.') + 1);
+}
+
+inline char* GoUp(const char* pszPath) {
+    char* const pszUp = strdup(pszPath);
+    *std::strrchr(pszUp, '/') = '\0';
+    return pszUp;
+}
+
+}  // namespace bare
+
+/// The port that a socket of this machine is bound to.
+inline int PortOf(int nSocket) {
+    sockaddr_in address = {};
+    socklen_t nSize = sizeof address;
+    getsockname(nSocket, reinterpret_cast<sockaddr*>(&address), &nSize);
+    return ntohs(address.sin_port);
+}
+
+#endif  // KALVOREN_BARECALLS_H
