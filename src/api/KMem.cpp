@@ -143,15 +143,17 @@ class SlotIndex {
     }
 
     /// Blocks of one page of memory have their homes side by side, so that few blocks touch few pages of the table; the
-    /// pages' own homes are spread over all of it.
+    /// pages' own homes are spread over all of it. Addresses that are less apart than malloc's, which AddForNonClass() takes
+    /// as well, have theirs in different parts of the table.
     static std::uint32_t Home(const void* p) {
         constexpr unsigned int kPageBits = 12;
-        constexpr unsigned int kGrainBits = 4;  // what blocks are apart at least, as malloc makes them
+        constexpr unsigned int kGrainBits = sizeof(void*) == 8 ? 4 : 3;  // those that are 0 in an address of malloc's
         constexpr std::uint32_t kSpread = 0x9E3779B1;
         const std::uintptr_t nAddress = reinterpret_cast<std::uintptr_t>(p);
         const std::uint32_t nPage = static_cast<std::uint32_t>(nAddress >> kPageBits) * kSpread >> (32 - kCellBits);
         const std::uint32_t nWithin = static_cast<std::uint32_t>(nAddress) % (1u << kPageBits) >> kGrainBits;
-        return (nPage + nWithin) % kCells;
+        const std::uint32_t nPart = static_cast<std::uint32_t>(nAddress) << (kCellBits - kGrainBits);
+        return (nPage + nWithin + nPart) % kCells;
     }
     static std::uint32_t Next(std::uint32_t nCell) { return (nCell + 1) % kCells; }
     static std::uint32_t Distance(std::uint32_t nFrom, std::uint32_t nTo) { return (nTo - nFrom) % kCells; }
