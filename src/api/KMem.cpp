@@ -303,7 +303,9 @@ void KMem::Deinit() {
 }
 
 bool KMem::Add(KMem* pObject) {
-    Init();
+    if (g_pMemInfoContainer == nullptr) {
+        Init();
+    }
     MemInfoContainer* const pRegistry = g_pMemInfoContainer;
     if (pRegistry == nullptr || pRegistry->EnterObject(pObject) == kNoSlot) {
         g_Checks.Fail("static bool KMem::Add(KMem*)");
@@ -324,7 +326,9 @@ bool KMem::Remove(KMem* pObject) {
 }
 
 bool KMem::AddForNonClass(void* pBlock, std::size_t nSize) {
-    Init();
+    if (g_pMemInfoContainer == nullptr) {
+        Init();
+    }
     MemInfoContainer* const pRegistry = g_pMemInfoContainer;
     const int nSlot = pRegistry == nullptr ? kNoSlot : pRegistry->m_BlockFinder.Enter(pRegistry->m_pBlocks, pBlock);
     if (nSlot == kNoSlot) {
