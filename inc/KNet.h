@@ -224,7 +224,8 @@ class KALVOREN_API KNet {
     /// Starts connecting without waiting (`fcntl`, `connect`). Returns 0 when connected at once (as a datagram socket is), 1
     /// when on the way, which is also the result of any failure, and -1 when not started: without a socket, a host entry or
     /// a descriptor that `select` can take, and for anything but unicast. With a socket and a host entry the socket is
-    /// non-blocking from here on, whatever the result. Sets no error.
+    /// non-blocking from here on, whatever the result (whether `fcntl` did it is not looked at, here and in
+    /// SyncConnectWithTimedBlock()). Sets no error.
     int ASyncConnectionCheckStart();
 
     /// Waits for a started connect for at most @p nMilliseconds, counted as by SyncConnectWithTimedBlock() (`select`). Returns

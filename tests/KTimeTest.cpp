@@ -13,9 +13,36 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/Interpose.h"
 #include "support/Support.h"
 
 using support::ScopedChecks;
+
+namespace {
+
+thread_local const struct timezone* t_pZone = nullptr;
+
+/// For the length of a block, this thread's clock has another zone.
+class ScopedZone {
+ public:
+    explicit ScopedZone(const struct timezone& zone) : m_Zone(zone) { t_pZone = &m_Zone; }
+    ~ScopedZone() { t_pZone = nullptr; }
+    ScopedZone(const ScopedZone&) = delete;
+    ScopedZone& operator=(const ScopedZone&) = delete;
+
+ private:
+    struct timezone m_Zone;
+};
+
+}  // namespace
+
+extern "C" int gettimeofday(timeval* __restrict pNow, void* __restrict pZone) noexcept {
+    const int nResult = support::NextFunction(&gettimeofday, "gettimeofday")(pNow, pZone);
+    if (t_pZone != nullptr && pZone != nullptr) {
+        *static_cast<struct timezone*>(pZone) = *t_pZone;
+    }
+    return nResult;
+}
 
 namespace {
 
@@ -926,6 +953,27 @@ TEST(KTimeTest, TheCurrentTimeIsTheClocksWithItsZone) {
     EXPECT_EQ(now.dst15Min, zone.tz_dsttime == 1 ? 16 : 0);
     EXPECT_EQ(now.reserved1, 0);
     EXPECT_EQ(now.reserved2, 0);
+}
+
+TEST(KTimeTest, TheClocksZoneIsInWholeQuarterHoursEastOfGreenwich) {
+    const struct {
+        int nMinutesWest;
+        int nSummer;
+        int nGmt;
+        int nDst;
+    } cases[] = {
+        {0, 0, 0, 0},      {-540, 0, 36, 0}, {-330, 1, 22, 16}, {-345, 2, 23, 0},
+        {-719, 1, 47, 16}, {-14, 0, 0, 0},   {300, 0, 236, 0},  {210, 1, 242, 16},
+    };
+    for (const auto& c : cases) {
+        struct timezone zone = {};
+        zone.tz_minuteswest = c.nMinutesWest;
+        zone.tz_dsttime = c.nSummer;
+        const ScopedZone set(zone);
+        const KTime now = KTime::GetCurrentTime();
+        EXPECT_EQ(now.gmt15Min, c.nGmt) << c.nMinutesWest;
+        EXPECT_EQ(now.dst15Min, c.nDst) << c.nSummer;
+    }
 }
 
 // --------------------------------------------------------------------------------------------------------- The text
