@@ -35,6 +35,28 @@ using support::StderrOf;
 
 namespace {
 
+thread_local bool t_fgReallocFails = false;
+
+/// For the length of a block, this thread's realloc gives null.
+class ScopedNoRealloc {
+ public:
+    ScopedNoRealloc() { t_fgReallocFails = true; }
+    ~ScopedNoRealloc() { t_fgReallocFails = false; }
+    ScopedNoRealloc(const ScopedNoRealloc&) = delete;
+    ScopedNoRealloc& operator=(const ScopedNoRealloc&) = delete;
+};
+
+}  // namespace
+
+/// The sanitizers call this before code that they instrumented could run.
+extern "C" __attribute__((no_sanitize("thread", "address", "undefined"))) void* realloc(void* pBlock,
+                                                                                        std::size_t nSize) noexcept {
+    const auto pNext = support::Next<&realloc>("realloc");
+    return t_fgReallocFails ? nullptr : pNext(pBlock, nSize);
+}
+
+namespace {
+
 constexpr const char* kNull = nullptr;
 
 /// All bytes of a string, NULs included.
@@ -807,6 +829,19 @@ TEST(KStringTest, SprintfWithoutMemoryReturnsZeroAndLeavesTheStringAsItWas) {
     }
     EXPECT_EQ(nLength, 0);
     EXPECT_EQ(Bytes(text), "before");
+}
+
+TEST(KStringTest, SprintfWithoutMemoryForTheTextAloneReturnsZeroAndLeavesTheStringAsItWas) {
+    for (const char* const pszText : {"7", "seven"}) {
+        KString text("before");
+        int nLength = -1;
+        {
+            const ScopedNoRealloc none;
+            nLength = text.Sprintf("%s", pszText);
+        }
+        EXPECT_EQ(nLength, 0) << pszText;
+        EXPECT_EQ(Bytes(text), "before") << pszText;
+    }
 }
 
 TEST(KStringTest, SprintfCanUseTheStringItChanges) {
