@@ -264,10 +264,23 @@ class Setting:
         return [word for path, place in places.items() for word in ("--ro-bind", path, place)]
 
 
-# How some cases of a program ended: whether all passed, whether the last that ran did not end, and what each took.
+# How some cases of a program ended: whether all passed, or one did not end, and which did not; what they and each took.
 Outcome = collections.namedtuple("Outcome", "passed late case seconds times")
 # Who noticed a change, and whether because the case did not end in time.
 Noticed = collections.namedtuple("Noticed", "program case late")
+
+
+def case_of_interest(text):
+    """From what a program printed the case that failed, or the last that ran: behind one that failed all others are said to."""
+    failed = re.search(r"^\[  FAILED  \] ([^\s,]+)", text, re.MULTILINE)
+    ran = re.findall(r"^\[ RUN      \] (\S+)", text, re.MULTILINE)
+    return failed.group(1) if failed else ran[-1] if ran else None
+
+
+def times_of(text):
+    """The seconds that each case took that ended well."""
+    ended = re.findall(r"^\[ +(?:OK|SKIPPED) +\] (\S+) \((\d+) ms\)", text, re.MULTILINE)
+    return {case: int(milliseconds) / 1000 for case, milliseconds in ended}
 
 
 def first(found):
@@ -321,10 +334,7 @@ class Tests:
                 passed, late = False, True
             output.seek(0)
             text = output.read().decode(errors="replace")
-        ran = re.findall(r"^\[ RUN      \] (\S+)", text, re.MULTILINE)
-        ended = re.findall(r"^\[ +(?:OK|SKIPPED) \] (\S+) \((\d+) ms\)", text, re.MULTILINE)
-        return Outcome(passed, late, ran[-1] if ran else None, time.monotonic() - started,
-                       {case: int(milliseconds) / 1000 for case, milliseconds in ended})  # fmt: skip
+        return Outcome(passed, late, case_of_interest(text), time.monotonic() - started, times_of(text))
 
     def measure(self, setting, marks):
         """How long each case takes, and which functions it reaches. Returns the case that fails, as none may."""

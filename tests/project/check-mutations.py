@@ -105,6 +105,22 @@ def check_ends():
             yield f"whether the change is at fault of what ended with {status} is {refused}, not {expected}: {output}"
 
 
+# What a program of tests prints, and the case that is to blame.
+PRINTED = [
+    ("[ RUN      ] A.B\n[       OK ] A.B (12 ms)\n[ RUN      ] A.C\n", "A.C"),
+    ("[ RUN      ] A.B\n[  FAILED  ] A.B (3 ms)\n[ RUN      ] A.C\n[  SKIPPED ] A.C (0 ms)\n", "A.B"),
+    ("[ RUN      ] N/A.B/2\n[  FAILED  ] N/A.B/2, where GetParam() = 2 (3 ms)\n[ RUN      ] N/A.C/2\n", "N/A.B/2"),
+    ("", None)]  # fmt: skip
+
+
+def check_outcomes():
+    for printed, expected in PRINTED:
+        if mutate.case_of_interest(printed) != expected:
+            yield f"{mutate.case_of_interest(printed)} is to blame, not {expected}, for what was printed: {printed}"
+    if mutate.times_of(PRINTED[0][0] + PRINTED[1][0]) != {"A.B": 0.012, "A.C": 0.0}:
+        yield "what cases took is misread"
+
+
 def check_results():
     """A verdict holds for one state; who noticed the change is known after it as well."""
     change = changes.Change("a", SAMPLE, *changes.changes_of(SAMPLE)[0])
@@ -130,7 +146,8 @@ def check_faults():
 
 
 def main():
-    found = [fault for check in (check_changes, check_switched, check_ends, check_results, check_faults) for fault in check()]
+    checks = (check_changes, check_switched, check_ends, check_outcomes, check_results, check_faults)
+    found = [fault for check in checks for fault in check()]
     if found:
         print(*found, sep="\n")
     return 1 if found else 0
