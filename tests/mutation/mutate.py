@@ -5,7 +5,8 @@ and texts are spared. Compiling each changed source would take most of the time,
 bodies of functions are compiled as one library, and an environment variable says which one runs (see changes.py). Of the tests
 those run first that reach the changed function. What none of them notices, and what cannot be chosen by a variable, is compiled
 and linked by itself, and has to pass all tests of the class, in one process and in one for each case. What passes them is built
-once more with the sanitizers of addresses and undefined behaviour, and counts as a survivor when they notice nothing either.
+once more with the sanitizers of addresses and undefined behaviour, and what has to do with a lock with that of threads, for
+the tests of races. It counts as a survivor when they notice nothing either.
 
 The tests run where they can break nothing, and find a changed library in the place of the real one: the file system is
 read-only but for a small /tmp, with a network and processes of its own.
@@ -31,9 +32,12 @@ from changes import Change, Switched, changes_of
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BUILD = os.path.join(ROOT, "build", "mutate")
 SANITIZED = os.path.join(ROOT, "build", "mutate-asan")
+THREADS = os.path.join(ROOT, "build", "mutate-tsan")
 LIBRARY = "libkalvoren-sharedd.so.1.0.0"
 SWITCH = os.path.join(ROOT, "tests", "mutation", "switch")
+# Changes that make no difference, and those that make one that no test is to look at.
 EQUIVALENTS = os.path.join(ROOT, "tests", "mutation", "equivalents.json")
+ACCEPTED = os.path.join(ROOT, "tests", "mutation", "accepted.json")
 
 # Of each class the files that are changed, and its tests. The sources of the library that are compiled with a changed header
 # are those of the class, or those named behind the tests; the templates are in the tests alone.
@@ -66,12 +70,37 @@ CLASSES = {
     "TimeText": (["src/TimeText.h"], ["KTimeTest", "KDebugTest"], ["src/api/KTime.cpp", "src/api/KDebug.cpp"]),
 }  # fmt: skip
 
+# What threads may share, and the tests that make them do so.
+SHARED = {"KDebug", "KFile", "KList", "KMessage", "KPropertyList", "KQueue", "KSystem", "KThread", "ScopedLock"}
+RACES = ["RacesTest"]
+
 
 # -------------------------------------------------------------------------------------------------------------- The build
 
 
 def run(command, **options):
-    return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, **options)
+    """Runs a command whose output is looked at: it is English."""
+    environment = {**os.environ, "LC_ALL": "C"}
+    return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=environment, **options)
+
+
+def checked(result):
+    """What a command printed that has to end well."""
+    output = result.stdout.decode(errors="replace")
+    if result.returncode:
+        sys.exit("mutate: ended with %d: %s\n%s" % (result.returncode, shlex.join(result.args), output[-4000:]))
+    return output
+
+
+def refused(result):
+    """Whether a compiler or linker found fault with what it was given. Whatever else ended it, a signal, a fault of its own or
+    a full disk, says nothing about that: it ends the run."""
+    output = result.stdout.decode(errors="replace")
+    fault = re.search(r"^[^\s:]+:\d+:(\d+:)? error: |undefined reference to|multiple definition of", output, re.MULTILINE)
+    if result.returncode <= 0 or not fault or "internal compiler error" in output:
+        checked(result)
+        return False
+    return True
 
 
 def text_of(path):
@@ -91,6 +120,17 @@ def build_programs(directory, programs):
 
 def digest(*parts):
     return hashlib.sha256("\0".join(parts).encode()).hexdigest()
+
+
+def digest_of(path):
+    with open(path, "rb") as file:
+        return hashlib.sha256(file.read()).hexdigest()
+
+
+def code_of(path, bare):
+    """What an object, a library or a program does, without what it says about where it came from."""
+    checked(run(["objcopy", "--strip-debug", "--remove-section=.comment", "--remove-section=.note.gnu.build-id", path, bare]))
+    return digest_of(bare)
 
 
 class Build:
@@ -125,11 +165,11 @@ class Build:
         directory = os.path.dirname(os.path.join(ROOT, source))
         # What the source includes by a path from its own directory. Objects must not tell in which directory they were made.
         words[1:1] = ["-w", *more, "-I", directory, "-ffile-prefix-map=%s=." % self.work]
-        return run(words, cwd=entry["directory"], env={**os.environ, "LC_ALL": "C"})
+        return run(words, cwd=entry["directory"])
 
     def link_as(self, target, changed, more):
         """Links a target with the objects of some sources changed, as it is linked itself, or returns None."""
-        listed = run(["ninja", "-C", self.directory, "-t", "commands", target]).stdout.decode().splitlines()
+        listed = checked(run(["ninja", "-C", self.directory, "-t", "commands", target])).splitlines()
         line = [line for line in listed if " -o " + target in line][-1]
         words = shlex.split(line[line.index("&&") + 2 : line.rindex("&&")])
         for source, path in changed.items():
@@ -138,7 +178,7 @@ class Build:
                 words[names[0]] = path
         linked = os.path.join(self.work, os.path.basename(target))
         words[words.index("-o") + 1] = linked
-        return linked if run([*words, *more], cwd=self.directory).returncode == 0 else None
+        return None if refused(run([*words, *more], cwd=self.directory)) else linked
 
     def link(self, objects, programs, *more):
         """Links the library, and those of some test programs that need it, with the objects of changed sources. Returns the
@@ -154,11 +194,7 @@ class Build:
         return None if failed else Setting(library, replaced, directory=self.directory)
 
     def code_of(self, path):
-        """What an object does, without what it says about where it came from."""
-        bare = path + ".bare"
-        run(["objcopy", "--strip-debug", "--remove-section=.comment", path, bare])
-        with open(bare, "rb") as file:
-            return hashlib.sha256(file.read()).hexdigest()
+        return code_of(path, path + ".bare")
 
     def code_without_change(self, source):
         with Build.plain_lock:
@@ -182,7 +218,7 @@ class Build:
     def changed_object(self, source, text, more=()):
         """Compiles a text in place of a source: the object, or None."""
         path = self.put(source, text)
-        return path + ".o" if self.compile(source, path, path + ".o", more).returncode == 0 else None
+        return None if refused(self.compile(source, path, path + ".o", more)) else path + ".o"
 
     def change_headers(self, texts):
         """Puts all headers, some of them with a text of their own, where they are found before the real ones."""
@@ -195,7 +231,7 @@ class Build:
 
     def includes(self, source, header):
         """Whether a source is compiled with a header."""
-        listed = self.compile(source, os.path.join(ROOT, source), "/dev/stdout", ["-M"]).stdout.decode()
+        listed = checked(self.compile(source, os.path.join(ROOT, source), "/dev/stdout", ["-M"]))
         return os.path.join(ROOT, header) in (os.path.normpath(word) for word in listed.split() if word != "\\")
 
 
@@ -228,7 +264,28 @@ class Setting:
         return [word for path, place in places.items() for word in ("--ro-bind", path, place)]
 
 
-Outcome = collections.namedtuple("Outcome", "passed late case seconds")
+# How some cases of a program ended: whether all passed, or one did not end, and which did not; what they and each took.
+Outcome = collections.namedtuple("Outcome", "passed late case seconds times")
+# Who noticed a change, and whether because the case did not end in time.
+Noticed = collections.namedtuple("Noticed", "program case late")
+
+
+def case_of_interest(text):
+    """From what a program printed the case that failed, or the last that ran: behind one that failed all others are said to."""
+    failed = re.search(r"^\[  FAILED  \] ([^\s,]+)", text, re.MULTILINE)
+    ran = re.findall(r"^\[ RUN      \] (\S+)", text, re.MULTILINE)
+    return failed.group(1) if failed else ran[-1] if ran else None
+
+
+def times_of(text):
+    """The seconds that each case took that ended well."""
+    ended = re.findall(r"^\[ +(?:OK|SKIPPED) +\] (\S+) \((\d+) ms\)", text, re.MULTILINE)
+    return {case: int(milliseconds) / 1000 for case, milliseconds in ended}
+
+
+def first(found):
+    """The first of what is looked for that is there, or None."""
+    return next((one for one in found if one), None)
 
 
 class Tests:
@@ -243,7 +300,6 @@ class Tests:
         self.seconds = {program: {} for program in self.programs}  # what each case takes in a process of its own
         self.reached = {program: {} for program in self.programs}  # the functions that each case reaches
         self.noticing = {program: [] for program in self.programs}
-        self.late = 0  # changes that were noticed because a test did not end in time
         self.lock = threading.Lock()
 
     def cases_of(self, program):
@@ -277,8 +333,8 @@ class Tests:
             except subprocess.TimeoutExpired:
                 passed, late = False, True
             output.seek(0)
-            ran = re.findall(rb"^\[ RUN      \] (\S+)", output.read(), re.MULTILINE)
-        return Outcome(passed, late, ran[-1].decode() if ran else None, time.monotonic() - started)
+            text = output.read().decode(errors="replace")
+        return Outcome(passed, late, case_of_interest(text), time.monotonic() - started, times_of(text))
 
     def measure(self, setting, marks):
         """How long each case takes, and which functions it reaches. Returns the case that fails, as none may."""
@@ -298,20 +354,30 @@ class Tests:
                 self.seconds[program][case] = outcome.seconds
         return None
 
-    def fails(self, setting, program, cases):
-        """Whether one of some cases fails, or does not end."""
+    def measure_together(self):
+        """How long each case takes, of tests whose library has no switch. Returns the case that fails, as none may."""
+        for program in self.programs:
+            outcome = self.start(Setting(), program, self.cases[program], 900.0)
+            if not outcome.passed:
+                return outcome.case or program
+            self.seconds[program] = {case: outcome.times.get(case, 0.0) for case in self.cases[program]}
+        return None
+
+    def noticed_by(self, setting, program, cases):
+        """The one of some cases that fails, or does not end."""
         usual = sum(self.seconds[program][case] for case in cases)
         outcome = self.start(setting, program, cases, max(3.0, 5 * usual))
         if outcome.passed:
-            return False
+            return None
         # The processors may have been busy with something else: it has to fail again, with plenty of time.
         outcome = self.start_again(setting, program, cases, outcome)
-        with self.lock:
-            self.late += outcome.late
-            if not outcome.passed and not outcome.late and outcome.case:
+        if outcome.passed:
+            return None
+        if not outcome.late and outcome.case:
+            with self.lock:
                 noticing = self.noticing[program]
                 noticing[:] = [outcome.case] + [other for other in noticing if other != outcome.case]
-        return not outcome.passed
+        return Noticed(os.path.basename(program), outcome.case, outcome.late)
 
     def start_again(self, setting, program, cases, first):
         """What comes of cases that failed once: of the one that failed by itself, then of all."""
@@ -324,6 +390,13 @@ class Tests:
                 return outcome
         return self.start(setting, program, cases, max(60.0, 20 * usual))
 
+    def notice_again(self, setting, before):
+        """Whether the case that noticed a change before, if any did, notices it now."""
+        for program in self.programs:
+            if before and os.path.basename(program) == before.program and before.case in self.cases[program]:
+                return self.noticed_by(setting, program, [before.case])
+        return None
+
     def notice_soon(self, setting, function=None):
         """Whether the cases that reach a function, or all, notice a change: in few processes, the likely and quick ones first."""
         batches = []
@@ -333,7 +406,7 @@ class Tests:
             cases = [case for case in self.cases[program] if function is None or function in self.reached[program][case]]
             cases.sort(key=lambda case: (case not in ahead or self.seconds[program][case] > 0.5, self.seconds[program][case]))
             batches += [(i, program, batch) for i, batch in enumerate(self.batches(program, cases))]
-        return any(self.fails(setting, program, batch) for _, program, batch in sorted(batches))
+        return first(self.noticed_by(setting, program, batch) for _, program, batch in sorted(batches))
 
     def batches(self, program, cases):
         """Splits cases: the first ones take little time together, the next more, and so on."""
@@ -348,63 +421,110 @@ class Tests:
 
     def notice(self, setting):
         """Whether any case notices a change: all in one process, and each in its own."""
-        if any(self.fails(setting, program, self.cases[program]) for program in self.programs):
-            return True
+        by = first(self.noticed_by(setting, program, self.cases[program]) for program in self.programs)
         # As CTest starts them: what one case leaves in the process may hide a change from the next.
-        return any(self.fails(setting, program, [case]) for program in self.programs for case in self.cases[program])
-
-    def state(self):
-        """Changes when a test does, or how changes are tried: a survivor is looked at again then."""
-        states = ["sanitized"]
-        for program in self.programs:
-            with open(program, "rb") as file:
-                states.append(hashlib.sha256(file.read()).hexdigest())
-        return digest(*states)
+        return by or first(self.noticed_by(setting, program, [case]) for program in self.programs for case in self.cases[program])
 
 
 class SanitizedTests:
-    """The tests of a class in the build with sanitizers, which is made when the first change comes that no test noticed."""
+    """Tests in a build with sanitizers, which is made when the first change comes that no test noticed."""
 
     lock = threading.Lock()
+    measured = {}  # by the build and the programs: some are those of several classes
 
-    def __init__(self, name, programs):
+    def __init__(self, name, programs, directory):
         self.name = name
         self.programs = programs
-        self.tests = None
+        self.directory = directory
 
     def prepared(self):
         with SanitizedTests.lock:
-            if self.tests is None:
-                build_programs(SANITIZED, self.programs)
-                tests = Tests(self.programs, SANITIZED)
-                failed = tests.measure(Setting(), os.path.join(Build(self.name, directory=SANITIZED).work, "marks"))
+            key = (self.directory, *self.programs)
+            if key not in SanitizedTests.measured:
+                build_programs(self.directory, self.programs)
+                tests = Tests(self.programs, self.directory)
+                failed = tests.measure_together()
                 if failed:
                     sys.exit("mutate: %s fails with the sanitizers without any change" % failed)
-                self.tests = tests
-        return self.tests
-
-    def late(self):
-        return self.tests.late if self.tests else 0
+                SanitizedTests.measured[key] = tests
+            return SanitizedTests.measured[key]
 
     def notice(self, objects_of):
         """Whether the sanitizers notice what a function compiles."""
         tests = self.prepared()
-        build = Build(self.name, threading.current_thread().name, directory=SANITIZED)
+        build = Build(self.name, threading.current_thread().name, directory=self.directory)
         objects = objects_of(build)
         setting = build.link(objects, tests.programs) if objects else None
-        if setting is None:
-            return False
-        return any(tests.fails(setting, program, tests.cases[program]) for program in tests.programs)
+        return tests.notice_soon(setting) if setting else None
 
 
-# ----------------------------------------------------------------------------------------------------------------- A class
+# ---------------------------------------------------------------------------------------------------------- What is known
+
+
+def texts_in(place, *endings):
+    """What the files in a directory of the project say, and what they are called."""
+    names = sorted(name for name in os.listdir(os.path.join(ROOT, place)) if name.endswith(endings))
+    return [name + "\0" + text_of(os.path.join(place, name)) for name in names]
+
+
+def commands_of(directory, programs):
+    """How the library and some tests are compiled in a build."""
+    tests = [os.path.join(ROOT, source_of(program)) for program in programs]
+    return [e["command"] for e in Build("state", directory=directory).entries
+            if e["file"].startswith(os.path.join(ROOT, "src")) or e["file"] in tests]  # fmt: skip
+
+
+def state_of_library():
+    """Changes when anything does that every verdict depends on: the library, the tools, how changes are made and tried."""
+    versions = [checked(run([tool, "--version"])) for tool in ("g++", "ld")]
+    code = code_of(os.path.join(BUILD, LIBRARY), os.path.join(Build("state").work, LIBRARY))
+    return digest(code, *versions, *texts_in("tests/mutation", ".py", ".h", ".cpp"), *texts_in("tests", ".supp"))
+
+
+def state_of_tests(programs):
+    """Changes when tests do, in what they are compiled from, load, or are compiled with."""
+    work = Build("state").work
+    code = [code_of(os.path.join(BUILD, "tests", program), os.path.join(work, program)) for program in programs]
+    commands = [command for directory in (BUILD, SANITIZED, THREADS) for command in commands_of(directory, programs)]
+    return digest(*code, *commands, *texts_in("tests/plugins", ".cpp", ".txt"))
+
+
+def state_of_races():
+    """Changes when the tests do that threads share something in."""
+    return digest(*(text_of(source_of(program)) for program in RACES), *texts_in("tests/support", ".h", ".cpp"),
+                  *commands_of(THREADS, RACES))  # fmt: skip
+
+
+Verdict = collections.namedtuple("Verdict", "result by")
+
+
+def name_of(identity):
+    return json.dumps(identity, sort_keys=True)
+
+
+def listed(path):
+    """The reasons of the changes in a list, by their names. Each has to be there still."""
+    with open(path) as file:
+        entries = json.load(file)
+    reasons = {name_of({key: value for key, value in entry.items() if key != "why"}): entry["why"] for entry in entries}
+    there = {name_of(change.identity()) for source in {e["file"] for e in entries} for change in all_changes(source)}
+    for name in reasons:
+        if name not in there:
+            sys.exit("mutate: %s has a change that is not there any more: %s" % (os.path.relpath(path, ROOT), name))
+    return reasons
+
+
+def all_changes(path):
+    text = text_of(path)
+    return [Change(path, text, *change) for change in changes_of(text)]
 
 
 class Results:
-    """What came of each change of a class, kept over runs."""
+    """What came of each change of a class, kept over runs. It holds for as long as nothing changes that it depends on; which
+    case noticed a change stays of use even then."""
 
     def __init__(self, name):
-        self.path = os.path.join(BUILD, "results-%s.json" % name)
+        self.path = os.path.join(BUILD, "verdicts-%s.json" % name)
         self.lock = threading.Lock()
         self.known = {}
         if os.path.exists(self.path):
@@ -412,15 +532,23 @@ class Results:
                 self.known = json.load(file)
 
     def get(self, change, state):
-        known = self.known.get(digest(change.path, change.text))
-        return known["result"] if known and (known["result"] != "survived" or known["state"] == state) else None
+        known = self.known.get(name_of(change.identity()))
+        return Verdict(known["result"], self.noticed_by(change)) if known and known["state"] == state else None
 
-    def put(self, change, state, result):
+    def noticed_by(self, change):
+        """Who noticed a change when it was tried last, whatever has changed since."""
+        by = self.known.get(name_of(change.identity()), {}).get("by")
+        return Noticed(*by) if by else None
+
+    def put(self, change, state, verdict):
         with self.lock:
-            self.known[digest(change.path, change.text)] = {"result": result, "state": state}
+            self.known[name_of(change.identity())] = {"result": verdict.result, "state": state, "by": verdict.by}
             with open(self.path + ".new", "w") as file:
                 json.dump(self.known, file)
             os.replace(self.path + ".new", self.path)
+
+
+# ----------------------------------------------------------------------------------------------------------------- A class
 
 
 class Changes:
@@ -451,7 +579,7 @@ class Changes:
                 break
             self.numbers = {n: change for n, change in self.numbers.items() if n not in blamed}
         objects = {source: self.compile(source, []) for source in self.sources()}
-        return None if any(result.returncode for _, result in objects.values()) else {
+        return None if any(refused(result) for _, result in objects.values()) else {
             source: target for source, (target, _) in objects.items()
         }  # fmt: skip
 
@@ -471,7 +599,7 @@ class Changes:
         blamed = set()
         for source in self.sources():
             _, result = self.compile(source, ["-fsyntax-only"])
-            if result.returncode:
+            if refused(result):
                 lines = result.stdout.decode(errors="replace").splitlines()
                 # A template's error may be said to be where it is used.
                 found = self.blamed_by([line for line in lines if "error:" in line]) or self.blamed_by(lines)
@@ -492,8 +620,7 @@ class Changes:
 
     def link(self, objects):
         switch = os.path.join(self.build.work, "switch.o")
-        if run(["g++", "-O1", "-fPIC", "-c", SWITCH + ".cpp", "-o", switch]).returncode != 0:
-            sys.exit("mutate: the switch does not compile")
+        checked(run(["g++", "-O1", "-fPIC", "-c", SWITCH + ".cpp", "-o", switch]))
         return self.build.link(objects, self.tests.programs, switch)
 
     def prepare(self, name):
@@ -522,48 +649,68 @@ class Class:
 
     CHUNK = 20  # so many changes are tried by one thread before another class may have its turn
 
-    def __init__(self, name, options, equivalents, deadline):
+    def __init__(self, name, options, lists, deadline):
         self.name = name
         self.options = options
         self.deadline = deadline
+        self.lists = lists
         files, programs, *compiled = CLASSES[name]
         self.compiled = compiled[0] if compiled else [path for path in files if path.endswith(".cpp")]
         self.files = files
         self.tests = Tests(programs)
-        self.sanitized = SanitizedTests(name, programs)
-        self.state = self.tests.state()
+        self.sanitized = SanitizedTests(name, programs, SANITIZED)
+        self.races = SanitizedTests(name, RACES, THREADS)
+        self.state = digest(lists.state, state_of_tests(programs))
         self.results = Results(name)
         self.counts = {"noticed": 0, "sanitized": 0, "survived": 0, "equivalent": 0, "same": 0, "invalid": 0}
+        self.late = 0  # changes that were noticed because a test did not end in time
         self.survivors = []
         self.lock = threading.Lock()
         self.units = {}
-        changes = [Change(path, text_of(path), *change) for path in files for change in changes_of(text_of(path))]
+        changes = [change for path in files for change in all_changes(path)]
         self.total = len(changes)
         random.Random(options.seed).shuffle(changes)
         self.left = []
         for change in changes[: options.sample or self.total]:
-            result = "equivalent" if change.identity() in equivalents else self.results.get(change, self.state)
-            if result is None:
+            equivalent = name_of(change.identity()) in lists.equivalents
+            verdict = Verdict("equivalent", None) if equivalent else self.results.get(change, self.state_of(change))
+            if verdict is None:
                 self.left.append(change)
             else:
-                self.count(change, result)
+                self.count(change, verdict)
 
-    def count(self, change, result):
+    def is_for_races(self, change):
+        return self.name in SHARED and change.concerns_locks()
+
+    def state_of(self, change):
+        """Changes when anything does that the verdict of a change depends on."""
+        return digest(self.state, change.path, change.text, *([self.lists.races_state] if self.is_for_races(change) else []))
+
+    def count(self, change, verdict):
         with self.lock:
-            self.counts[result] += 1
-            if result == "survived":
+            self.counts[verdict.result] += 1
+            self.late += bool(verdict.by and verdict.by.late)
+            if verdict.result == "survived":
                 self.survivors.append(change)
                 if self.options.verbose:
                     print(json.dumps(change.identity()), flush=True)
+
+    def reason(self, change):
+        """Why it is accepted that a change survives; None where it is not."""
+        return self.lists.accepted.get(name_of(change.identity()))
+
+    def share(self):
+        """How many percent of the changes that make a difference were noticed."""
+        noticed = self.counts["noticed"] + self.counts["sanitized"]
+        judged = noticed + self.counts["survived"]
+        return 100.0 * noticed / judged if judged else 100.0
 
     def begin(self, crew):
         """Prepares the changes that are left, and hands them out."""
         if not self.left or time.time() > self.deadline:
             return self.report()
         build = Build(self.name, "all")
-        for path in self.files:
-            sources = [path] if path.endswith(".cpp") else self.compiled + [source_of(p) for p in self.tests.programs]
-            self.units[path] = [s for s in sources if s == path or build.includes(s, path)]
+        self.units = {path: self.units_of(build, path, self.tests.programs) for path in self.files}
         self.changes = Changes(build, self.tests, self.units, self.left)
         self.changes.prepare(self.name)
         # One function after the other, so that what noticed one change is likely to notice the next. What takes long comes first.
@@ -573,14 +720,19 @@ class Class:
         for chunk in chunks:
             crew.add(0, lambda chunk=chunk: self.try_changes(chunk))
 
+    def units_of(self, build, path, programs):
+        """The sources of the class and of some tests that are compiled with a file."""
+        sources = [path] if path.endswith(".cpp") else self.compiled + [source_of(program) for program in programs]
+        return [source for source in sources if source == path or build.includes(source, path)]
+
     def try_changes(self, chunk):
         build = Build(self.name, threading.current_thread().name)
         for change in chunk:
             if time.time() > self.deadline:
                 break
-            result = self.examine(change, build)
-            self.results.put(change, self.state, result)
-            self.count(change, result)
+            verdict = self.examine(change, build)
+            self.results.put(change, self.state_of(change), verdict)
+            self.count(change, verdict)
         with self.lock:
             self.chunks_left -= 1
             last = self.chunks_left == 0
@@ -588,38 +740,48 @@ class Class:
             self.report()
 
     def examine(self, change, build):
-        """'invalid', 'same', 'noticed', 'sanitized' (noticed by the sanitizers alone) or 'survived'."""
+        """'invalid', 'same', 'noticed', 'sanitized' (noticed by the sanitizers alone) or 'survived', and by whom."""
+        before = self.results.noticed_by(change)
         chosen = self.changes.chosen(change)
-        if chosen and self.tests.notice_soon(*chosen):
-            return "noticed"
+        by = chosen and (self.tests.notice_again(chosen[0], before) or self.tests.notice_soon(*chosen))
+        if by:
+            return Verdict("noticed", by)
         objects = self.changed_objects(change, build)
-        if objects is None:
-            return "invalid"
         if not objects:
-            return "same"
+            return Verdict("invalid" if objects is None else "same", None)
         setting = build.link(objects, self.tests.programs)
         if setting is None:
-            return "invalid"
-        if not chosen and self.tests.notice_soon(setting):
-            return "noticed"
-        if self.tests.notice(setting):
-            return "noticed"
-        return "sanitized" if self.sanitized.notice(lambda other: self.objects_of(change, other)) else "survived"
+            return Verdict("invalid", None)
+        by = None if chosen else self.tests.notice_again(setting, before) or self.tests.notice_soon(setting)
+        by = by or self.tests.notice(setting)
+        if by:
+            return Verdict("noticed", by)
+        by = self.notice_sanitized(change)
+        return Verdict("sanitized" if by else "survived", by)
+
+    def notice_sanitized(self, change):
+        """Whether the sanitizers notice a change that the tests alone do not."""
+        by = self.sanitized.notice(lambda build: self.objects_of(change, build, self.units[change.path]))
+        if by or not self.is_for_races(change):
+            return by
+        return self.races.notice(
+            lambda build: self.objects_of(change, build, self.units_of(build, change.path, self.races.programs))
+        )
 
     def changed_objects(self, change, build):
         """The objects that a change makes others, by their sources; None where it does not compile."""
-        objects = self.objects_of(change, build)
+        objects = self.objects_of(change, build, self.units[change.path])
         if objects is None:
             return None
         return {s: path for s, path in objects.items() if build.code_of(path) != build.code_without_change(s)}
 
-    def objects_of(self, change, build):
-        """All objects that are compiled with a changed file, by their sources; None where it does not compile."""
+    def objects_of(self, change, build, sources):
+        """The objects of sources that are compiled with a changed file; None where it does not compile."""
         objects, more = {}, []
         if change.path.endswith(".h"):
             build.change_headers({change.path: change.text})
             more = ["-I", build.headers]
-        for source in self.units[change.path]:
+        for source in sources:
             changed = build.changed_object(source, change.text if source == change.path else text_of(source), more)
             if changed is None:
                 return None
@@ -628,16 +790,15 @@ class Class:
 
     def report(self):
         counts = self.counts
-        noticed = counts["noticed"] + counts["sanitized"]
-        judged = noticed + counts["survived"]
-        share = 100.0 * noticed / judged if judged else 100.0
         lines = [
             "%s: %d of %d changes tried: %d noticed (%d for the time that a test took, %d by the sanitizers alone), "
             "%d survived (%.1f %% noticed); %d listed as equivalent, %d compile to the same, %d do not compile"
-            % (self.name, sum(counts.values()), self.total, noticed, self.tests.late + self.sanitized.late(),
-               counts["sanitized"], counts["survived"], share, counts["equivalent"], counts["same"], counts["invalid"])
+            % (self.name, sum(counts.values()), self.total, counts["noticed"] + counts["sanitized"], self.late,
+               counts["sanitized"], counts["survived"], self.share(), counts["equivalent"], counts["same"], counts["invalid"])
         ]
-        lines += ["  " + str(change) for change in sorted(self.survivors, key=lambda change: (change.path, change.start))]
+        for change in sorted(self.survivors, key=lambda change: (change.path, change.start)):
+            reason = self.reason(change)
+            lines.append("  %s%s" % (change, " (accepted: %s)" % reason if reason else ""))
         print("\n".join(lines), flush=True)
 
 
@@ -684,7 +845,11 @@ class Crew:
             raise self.error
 
 
-def main():
+# What all classes are judged by: the reasons of both lists by the names of the changes, and what all verdicts depend on.
+Lists = collections.namedtuple("Lists", "equivalents accepted state races_state")
+
+
+def options_of(arguments):
     parser = argparse.ArgumentParser(usage="scripts/mutate [--seed N] [--sample N] [--seconds N] [--verbose] [CLASS...]")
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--sample", type=int, default=0)
@@ -692,24 +857,34 @@ def main():
     parser.add_argument("--least", type=float, default=95.0)
     parser.add_argument("--verbose", action="store_true")
     parser.add_argument("classes", nargs="*")
-    options = parser.parse_args()
-    names = options.classes or list(CLASSES)
-    for name in names:
+    options = parser.parse_args(arguments)
+    for name in options.classes:
         if name not in CLASSES:
             sys.exit("mutate: no class named %s; there are: %s" % (name, " ".join(CLASSES)))
-    with open(EQUIVALENTS) as file:
-        equivalents = [{key: entry[key] for key in ("file", "in", "nth", "at", "old", "new")} for entry in json.load(file)]
-    for path in sorted({entry["file"] for entry in equivalents}):
-        there = [Change(path, text_of(path), *change).identity() for change in changes_of(text_of(path))]
-        for entry in equivalents:
-            if entry["file"] == path and entry not in there:
-                sys.exit("mutate: a change is listed as equivalent that is not there any more: %s" % json.dumps(entry))
+    return options
+
+
+def faults_of(classes, least):
+    """Why a run fails: every survivor has to be looked at, whatever share of the changes is noticed."""
+    for one in classes:
+        if one.share() < least:
+            yield "%s: %.1f %% noticed, which is less than %g %%" % (one.name, one.share(), least)
+        unlisted = sum(1 for change in one.survivors if not one.reason(change))
+        if unlisted:
+            yield "%s: %d survived that no list has; a test is missing, or a reason" % (one.name, unlisted)
+
+
+def main():
+    options = options_of(sys.argv[1:])
+    names = options.classes or list(CLASSES)
+    equivalents, accepted = listed(EQUIVALENTS), listed(ACCEPTED)
     if run(sandboxed(["true"])).returncode != 0:
         sys.exit("mutate: bubblewrap does not work here, and nothing changed is run outside it")
     programs = sorted({program for name in names for program in CLASSES[name][1]})
     build_programs(BUILD, programs)
+    lists = Lists(equivalents, accepted, state_of_library(), state_of_races())
     deadline = time.time() + options.seconds if options.seconds else float("inf")
-    classes = [Class(name, options, equivalents, deadline) for name in names]
+    classes = [Class(name, options, lists, deadline) for name in names]
     crew = Crew()
     # What is begun is ended before the next class is begun; the largest first, so that all processors are busy to the end.
     for tried in sorted(classes, key=lambda one: -len(one.left)):
@@ -719,9 +894,11 @@ def main():
     judged = noticed + sum(tried.counts["survived"] for tried in classes)
     if not judged:
         sys.exit("mutate: no change was judged")
-    share = 100.0 * noticed / judged
-    print("All: %d of %d changes noticed (%.1f %%)" % (noticed, judged, share))
-    return 0 if share >= options.least else 1
+    print("All: %d of %d changes noticed (%.1f %%)" % (noticed, judged, 100.0 * noticed / judged))
+    faults = list(faults_of(classes, options.least))
+    if faults:
+        print(*faults, sep="\n")
+    return 1 if faults else 0
 
 
 if __name__ == "__main__":

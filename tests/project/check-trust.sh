@@ -11,13 +11,17 @@ mkdir "${work}/scripts"
 cp "$1/scripts/lib.sh" "$1/scripts/trust" "${work}/scripts"
 kept="${work}/docs/trust/lint.txt"
 
-# lint BODY: scripts/trust with a part of these commands; prints its exit status.
-lint() {
+# part NAME BODY: scripts/trust with a part of these commands; prints its exit status.
+part() {
     local status=0
-    printf '#!/bin/sh\n%s\n' "$1" >"${work}/scripts/lint"
-    chmod +x "${work}/scripts/lint"
-    "${work}/scripts/trust" lint >"${work}/output" 2>&1 || status=$?
+    printf '#!/bin/sh\n%s\n' "$2" >"${work}/scripts/$1"
+    chmod +x "${work}/scripts/$1"
+    "${work}/scripts/trust" "$1" >"${work}/output" 2>&1 || status=$?
     echo "${status}"
+}
+
+lint() {
+    part lint "$1"
 }
 
 # expect WHAT STATUS TEXT: how the last run ended, and what is kept now.
@@ -43,3 +47,14 @@ expect "a part during which the script is ended" 130 first
 status=$(lint 'echo fourth; exit 1')
 expect "a part that fails" 1 fourth
 expect "a part that fails" 1 '(failed)'
+
+# Of what is long the end is kept, but all figures of the classes.
+status=$(lint 'seq 300')
+expect "a part that prints much" 0 300
+status=$(lint 'seq 300; echo end')
+expect "a part that prints more" 0 end
+[[ $(grep -cx 100 "${kept}" || true) -eq 0 ]] || { echo "more is kept than the end"; exit 1; }
+rm "${kept}"
+kept="${work}/docs/trust/mutate.txt"
+status=$(part mutate 'seq 300')
+expect "a part of which all is kept" 0 1
