@@ -1,16 +1,17 @@
-// Time: conversions and arithmetic against libc's calendar and 64-bit sums.
+// Time: conversions and arithmetic against libc's calendar and 64-bit sums, of which 32 bits are kept.
 #include <ctime>
 
+#include "CalendarModel.h"
 #include "Fuzz.h"
 #include "KTime.h"
 
 namespace {
 
-constexpr long long kMillion = 1000000;
+using fuzz::IsLeap;
+using fuzz::Low32;
+using fuzz::ModelSeconds;
 
-int Low32(long long nValue) {
-    return static_cast<int>(static_cast<std::uint32_t>(nValue));
-}
+constexpr long long kMillion = 1000000;
 
 long long ZoneSeconds(std::uint8_t nGmt, std::uint8_t nDst) {
     return 900LL * (nGmt + nDst);
@@ -114,24 +115,6 @@ void CompareHuman(int nSec, int nUSec, std::uint8_t nGmt, std::uint8_t nDst) {
     CompareTexts(nSec, nUSec, nGmt, nDst, wanted);
 }
 
-bool IsLeap(int nYear) {
-    return nYear % 4 == 0 && (nYear % 100 != 0 || nYear % 400 == 0);
-}
-
-/// The seconds of any fields, in range or not: years and months are summed up one by one, and the sum wraps. Years before
-/// the first one take no days, but have the February that they have.
-int ModelSeconds(short nYear, short nMonth, short nDay, short nHour, short nMinute, short nSecond) {
-    static const int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    long long nDays = nDay - 1;
-    for (int nBefore = 1970; nBefore < nYear; ++nBefore) {
-        nDays += IsLeap(nBefore) ? 366 : 365;
-    }
-    for (int nBefore = 1; nBefore < nMonth && nBefore <= 12; ++nBefore) {
-        nDays += kDays[nBefore - 1] + (nBefore == 2 && IsLeap(nYear) ? 1 : 0);
-    }
-    return Low32(nDays * 86400 + nHour * 3600LL + nMinute * 60LL + nSecond);
-}
-
 void CompareSeconds(fuzz::Input& input) {
     const int nYear = 1900 + input.Range(0, 255) + input.Range(0, 255);
     const int nMonth = input.Range(-2, 13);
@@ -226,10 +209,10 @@ void CompareArithmetic(fuzz::Input& input) {
     fuzz::ExpectSame(moved.sec, fgMoved ? Low32(nSec - 900LL * nOffset) : nSec, "seconds after MoveGMT");
 }
 
-/// A time in a zone whose microseconds are not in range, if not so far out that sums of them wrap.
+/// A time in a zone whose microseconds are any, so that sums and differences of them wrap as those of the seconds do.
 struct Moment {
     explicit Moment(fuzz::Input& input)
-        : nSec(input.Int()), nUSec(input.Int() % 1000000000), nGmt(input.Byte()), nDst(input.Byte()) {}
+        : nSec(input.Int()), nUSec(input.Int()), nGmt(input.Byte()), nDst(input.Byte()) {}
 
     KTime Time() const {
         return KTime(nSec, static_cast<int>(nUSec), static_cast<char>(nGmt), static_cast<char>(nDst));
@@ -240,8 +223,9 @@ struct Moment {
 
     /// A difference, of which one second is borrowed where its microseconds are negative.
     Parts Less(long long nLessSec, long long nLessUSec) const {
-        const bool fgBorrow = nUSec - nLessUSec < 0;
-        return With(nSec - nLessSec - (fgBorrow ? 1 : 0), nUSec - nLessUSec + (fgBorrow ? kMillion : 0));
+        const int nLeft = Low32(nUSec - nLessUSec);
+        const bool fgBorrow = nLeft < 0;
+        return With(nSec - nLessSec - (fgBorrow ? 1 : 0), nLeft + (fgBorrow ? kMillion : 0));
     }
 
     const long long nSec;
@@ -289,7 +273,7 @@ void CompareOperators(fuzz::Input& input) {
     const KTime time = right.Time();
     const KUnixTime& record = time;
 
-    const long long nUSecs = left.nUSec + right.nUSec;
+    const int nUSecs = Low32(left.nUSec + right.nUSec);
     const Parts sum = left.With(left.nSec + right.nSec + nUSecs / kMillion, nUSecs % kMillion);
     CompareShift(left, time, sum, sum, left.Less(right.nSec, right.nUSec), same);
     const Parts less = left.Less(right.nSec + right.nUSec / kMillion, right.nUSec % kMillion);

@@ -8,11 +8,14 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "CalendarModel.h"
+#include "Fuzz.h"
 #include "KPropertyList.h"
 
 namespace fuzz {
@@ -110,6 +113,10 @@ class ModelReader {
     const std::vector<std::size_t>& Open() const { return m_Open; }
     /// The places of keys that got no value until the next key, or until what they stand in was closed.
     const std::vector<std::size_t>& KeysWithoutValue() const { return m_KeysWithoutValue; }
+    /// The place of a closing tag that closed nothing, which ended the read.
+    std::size_t ClosedNothing() const { return m_nClosedNothing; }
+    /// Whether a list was closed and nothing is open.
+    bool IsBehindList() const { return m_fgListClosed && m_Levels.size() == 1; }
     /// Declarations that end with the mark of something behind them: the place of each, and that of the mark.
     const std::vector<std::pair<std::size_t, std::size_t>>& LongDeclarations() const { return m_LongDeclarations; }
 
@@ -181,7 +188,7 @@ class ModelReader {
         element.nKeyPlace = level.fgKey ? level.Holder().nPlace : kNoPlace;
         element.key = level.fgKey ? level.Holder().text : "";
         element.nValues = level.nValues;
-        element.fgBehindList = m_fgListClosed && m_Levels.size() == 1;
+        element.fgBehindList = IsBehindList();
         if (StartsWith(tag, "?XML") || StartsWith(tag, "!DOCTYPE")) {
             return ReadDeclaration(tag);
         }
@@ -238,6 +245,7 @@ class ModelReader {
         const std::size_t nPlace = m_nHere;
         CutTag(tag);
         if (m_Levels.size() == 1) {
+            m_nClosedNothing = nPlace;
             return false;
         }
         const Level& level = m_Levels.back();
@@ -305,10 +313,83 @@ class ModelReader {
     std::vector<std::pair<std::size_t, std::size_t>> m_LongDeclarations;
     int m_nLevels = 0;
     bool m_fgListClosed = false;
+    std::size_t m_nClosedNothing = kNoPlace;
 };
 
-/// The tree that the library built, taken out of it and destroyed: a node's own destructor leaves half of it.
-inline ModelNode TakeTree(KPropertyNode& root) {
+/// The seconds that stand for what is no date.
+constexpr int kNoDate = -86400;
+
+/// Takes the fields of a date out of a text, as a scan by "%04d-%02d-%02dT%02d:%02d:%02dZ" does.
+class ModelDate {
+ public:
+    explicit ModelDate(const std::string& text) : m_Text(text) {
+        static const struct {
+            std::size_t nWidth;
+            const char* pszBehind;
+        } kFields[] = {{4, "-"}, {2, "-"}, {2, "T"}, {2, ":"}, {2, ":"}, {2, ""}};
+        int fields[6];
+        for (std::size_t i = 0; i < 6; ++i) {
+            if (!TakeField(kFields[i].nWidth, fields[i]) || !TakeText(kFields[i].pszBehind)) {
+                return;
+            }
+        }
+        short cut[6];
+        std::transform(fields, fields + 6, cut, [](int n) { return static_cast<short>(n); });
+        m_nSeconds = ModelSeconds(cut[0], cut[1], cut[2], cut[3], cut[4], cut[5]);
+    }
+
+    int Seconds() const { return m_nSeconds; }
+
+ private:
+    char Here() const { return m_nHere < m_Text.size() ? m_Text[m_nHere] : '\0'; }
+
+    /// Blanks that do not count, then a sign and digits, or fewer of them: no more than the width together, and one digit.
+    bool TakeField(std::size_t nWidth, int& nValue) {
+        m_nHere = std::min(m_Text.find_first_not_of(" \t\n\v\f\r", m_nHere), m_Text.size());
+        const std::size_t nEnd = m_nHere + nWidth;
+        const bool fgMinus = Here() == '-';
+        if (fgMinus || Here() == '+') {
+            ++m_nHere;
+        }
+        int nDigits = 0;
+        nValue = 0;
+        for (; m_nHere < nEnd && Here() >= '0' && Here() <= '9'; ++m_nHere, ++nDigits) {
+            nValue = nValue * 10 + (Here() - '0');
+        }
+        nValue = fgMinus ? -nValue : nValue;
+        return nDigits > 0;
+    }
+
+    bool TakeText(const char* pszText) {
+        const std::size_t nLength = std::strlen(pszText);
+        const bool fgThere = m_Text.compare(m_nHere, nLength, pszText) == 0;
+        m_nHere += fgThere ? nLength : 0;
+        return fgThere;
+    }
+
+    const std::string m_Text;
+    std::size_t m_nHere = 0;
+    int m_nSeconds = kNoDate;
+};
+
+/// What a node says about its text, as a text, a number, a truth and a date. Its type does not matter.
+inline void CompareGetters(KPropertyNode& node) {
+    const std::string text = TextOf(node.GetStringValue());
+    ExpectSame(TextOf(node.GetKey()), text, "GetKey");
+    ExpectSame(TextOf(node.GetDataValue()), text, "GetDataValue");
+    ExpectSame(node.GetNumberValue(), -1, "GetNumberValue");
+    const bool fgTrue = text.size() >= 4 && strncasecmp(text.c_str(), "true", 4) == 0;
+    ExpectSame(node.GetBooleanValue(), fgTrue, "GetBooleanValue");
+    const KTime time = node.GetDateValue();
+    ExpectSame(time.sec, ModelDate(text).Seconds(), "GetDateValue");
+    ExpectSame(time.IsValid(), time.sec > 0, "whether a date is valid");
+    Expect(time.usec == 0 && time.gmt15Min == 0 && time.dst15Min == 0, "a date is whole seconds in UTC");
+}
+
+/// The tree that the library built, taken out of it and destroyed: a node's own destructor leaves half of it. Every node is
+/// shown to the callback before.
+inline ModelNode TakeTree(
+    KPropertyNode& root, const std::function<void(KPropertyNode&)>& visit = [](KPropertyNode&) {}) {
     ModelNode taken;
     std::vector<std::pair<KPropertyNode*, ModelNode*>> waiting = {{&root, &taken}};
     while (!waiting.empty()) {
@@ -319,6 +400,7 @@ inline ModelNode TakeTree(KPropertyNode& root) {
         while (pNode->GetNodeCount() > 0) {
             KPropertyNode* const pChild = *pNode->GetNode(0);
             pNode->RemoveNode(0);
+            visit(*pChild);
             const KString value = pChild->GetStringValue();
             pTaken->children.emplace_back(pChild->GetValueType(),
                                           std::string(value.GetBuffer(), static_cast<std::size_t>(value.Length())));
