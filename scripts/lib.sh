@@ -69,8 +69,7 @@ packages_of() {
     # From the sources in locales a test makes the locales that it needs.
     echo "${BUILD_PACKAGES[*]} googletest locales"
     case $1 in
-        dev | release) echo "libbenchmark-dev clang clang-format ${inspection} gdb doxygen valgrind ${CAMERA_PACKAGES[*]}" ;;
-        clang) echo "libbenchmark-dev pkg-config clang clang-format ${CAMERA_PACKAGES[*]}" ;;
+        dev | release | clang) echo "libbenchmark-dev clang clang-format ${inspection} gdb doxygen valgrind ${CAMERA_PACKAGES[*]}" ;;
         asan | tsan) echo "${CAMERA_PACKAGES[*]}" ;;
         ubsan) echo "clang ${CAMERA_PACKAGES[*]}" ;;
         coverage) echo "gcovr ${CAMERA_PACKAGES[*]}" ;;

@@ -1,5 +1,4 @@
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -20,6 +19,7 @@
 #include <vector>
 
 #include "KIPC.h"
+#include "support/Channels.h"
 #include "support/Descriptors.h"
 #include "support/FailingNew.h"
 #include "support/HeapUse.h"
@@ -35,12 +35,16 @@ using support::ChildProcess;
 using support::Gate;
 using support::InChildProcess;
 using support::IsOpen;
+using support::kChannels;
 using support::LogOf;
 using support::ScopedCalls;
 using support::ScopedChecks;
 using support::ScopedDirectory;
 using support::ScopedLevel;
 using support::ScopedNoMemory;
+using support::ScopedNumber;
+using support::ScopedTableNames;
+using support::SharedNameOf;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -51,7 +55,6 @@ constexpr const char* kInit = "static bool KIPC::Init(int, bool, KIPC::KIPCType,
 constexpr const char* kGetInstance = "static KIPC* KIPC::GetInstance(int)";
 constexpr const char* kDeinit = "static bool KIPC::Deinit(int)";
 
-constexpr int kChannels = 1000;
 constexpr std::size_t kRecordSize = 520;
 constexpr std::size_t kAddressSize = 110;
 constexpr std::size_t kFileNameSize = 108;
@@ -78,11 +81,6 @@ void NoteAddress(const sockaddr* pAddress, socklen_t nLength) {
 
 // -------------------------------------------------------------------------------------------------- Names and numbers
 
-/// The name by which a test reaches a channel's shared-memory object.
-std::string SharedNameOf(int nIndex) {
-    return "/KALVOREN_IPC_" + std::to_string(nIndex);
-}
-
 struct stat StatusOfSharedMemory(int nIndex) {
     struct stat status = {};
     const int nDescriptor = shm_open(SharedNameOf(nIndex).c_str(), O_RDONLY, 0);
@@ -98,51 +96,6 @@ bool SharedNameExists(int nIndex) {
     }
     return nDescriptor >= 0;
 }
-
-/// A channel number above those of the table that no other test on this machine uses at the same time. The name of its
-/// shared memory is free when the block begins and gone when it ends.
-class ScopedNumber {
- public:
-    ScopedNumber() : m_nIndex(kChannels + 1 + getpid() * kPerProcess + s_nNext++ % kPerProcess) { Unlink(); }
-    ~ScopedNumber() { Unlink(); }
-    ScopedNumber(const ScopedNumber&) = delete;
-    ScopedNumber& operator=(const ScopedNumber&) = delete;
-
-    operator int() const { return m_nIndex; }
-
- private:
-    void Unlink() const { shm_unlink(SharedNameOf(m_nIndex).c_str()); }
-
-    static constexpr int kPerProcess = 500;  // Of at most 2^22 processes.
-    static int s_nNext;
-    int m_nIndex;
-};
-int ScopedNumber::s_nNext = 0;
-
-/// Keeps the shared-memory names of the table's channels, which all processes of the machine share, to this test. They
-/// are free when the block begins and gone when it ends.
-class ScopedTableNames {
- public:
-    ScopedTableNames() : m_nLock(open("/dev/shm", O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
-        EXPECT_EQ(flock(m_nLock, LOCK_EX), 0);
-        Unlink();
-    }
-    ~ScopedTableNames() {
-        Unlink();
-        close(m_nLock);
-    }
-    ScopedTableNames(const ScopedTableNames&) = delete;
-    ScopedTableNames& operator=(const ScopedTableNames&) = delete;
-
- private:
-    static void Unlink() {
-        for (int nIndex = 0; nIndex <= kChannels; ++nIndex) {
-            shm_unlink(SharedNameOf(nIndex).c_str());
-        }
-    }
-
-    int m_nLock;
-};
 
 /// A shared-memory object that somebody else made.
 int MakeSharedObject(int nIndex, std::size_t nSize) {

@@ -3,8 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <fstream>
 #include <iostream>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -195,6 +198,60 @@ TEST(TortureImportsTest, EveryCallThatCanFailIsMadeByAScenario) {
     }
     // The arguments of the program, which nobody gives: the list that is copied here has never an element.
     EXPECT_THAT(torture::UnreachedCalls(), Each(HasSubstr("malloc in KSystem::GetAppInfo()")));
+}
+
+/// The operations that the library exports, as abi/ lists them.
+std::set<std::string> ExportedOperations() {
+    std::set<std::string> operations;
+    for (const char* const pszList : {"symbols.txt", "symbols-x86_64.txt"}) {
+        std::ifstream list(std::string(KALVOREN_SOURCES "/abi/") + pszList);
+        for (std::string line; std::getline(list, line);) {
+            // Variables, tables and descriptions of types have no parameters.
+            if (line.find('(') != std::string::npos) {
+                operations.insert(line);
+            }
+        }
+    }
+    return operations;
+}
+
+/// The name of an operation of 64 bits on this target.
+std::string NameHere(std::string operation) {
+    const std::string strSize = "unsigned long";
+    const auto nAt = sizeof(std::size_t) == 4 ? operation.find(strSize) : std::string::npos;
+    return nAt == std::string::npos ? operation : operation.replace(nAt, strSize.size(), "unsigned int");
+}
+
+/// Each operation, and not only each place that calls a function that can fail: one place may serve several.
+TEST(TortureImportsTest, EveryOperationHasAScenarioOrCannotFail) {
+    std::set<std::string> scenarios;
+    for (const Scenario& scenario : AllScenarios()) {
+        scenarios.insert(scenario.pszName);
+    }
+    const std::set<std::string> called = torture::ImportsOfTheProgram();
+    std::set<std::string> listed;
+    std::ifstream list(KALVOREN_SOURCES "/tests/torture/operations.txt");
+    for (std::string line; std::getline(list, line);) {
+        const auto nBar = line.find(" | ");
+        if (line.empty() || line[0] == '#') {
+            continue;
+        }
+        ASSERT_NE(nBar, std::string::npos) << line;
+        const std::string operation = line.substr(0, nBar);
+        EXPECT_TRUE(listed.insert(operation).second) << "twice: " << line;
+        std::istringstream words(line.substr(nBar + 3));
+        std::string word;
+        words >> word;
+        if (word == "-") {
+            EXPECT_TRUE(words >> word) << "without a reason: " << line;
+            continue;
+        }
+        EXPECT_THAT(called, Contains(NameHere(operation))) << "no scenario calls it";
+        do {
+            EXPECT_THAT(scenarios, Contains(word)) << line;
+        } while (words >> word);
+    }
+    EXPECT_THAT(listed, testing::ContainerEq(ExportedOperations()));
 }
 
 }  // namespace

@@ -41,6 +41,7 @@
 #include <set>
 
 #include "KDebug.h"
+#include "support/LittleMemory.h"
 #include "support/LogLines.h"
 
 namespace torture {
@@ -81,7 +82,7 @@ const void* g_pLastDirectory = nullptr;
 /// What the library wrote to the log with one call, or would have.
 struct Piece {
     std::string text;
-    bool fgLost;
+    std::string written;
 };
 
 // None of these is ever destroyed: the library's own objects go later than the test's.
@@ -179,12 +180,16 @@ int ErrorFor(const Spec& spec, const void* pReturn = __builtin_return_address(0)
 }
 
 /// The same for functions that leave their error number in errno.
-bool Fails(const Spec& spec, const void* pReturn = __builtin_return_address(0)) {
+int ErrorLeftFor(const Spec& spec, const void* pReturn = __builtin_return_address(0)) {
     const int nError = ErrorFor(spec, pReturn);
     if (nError > 0) {
         errno = nError;
     }
-    return nError != 0;
+    return nError;
+}
+
+bool Fails(const Spec& spec, const void* pReturn = __builtin_return_address(0)) {
+    return ErrorLeftFor(spec, pReturn) != 0;
 }
 
 template <typename Result>
@@ -238,9 +243,10 @@ std::size_t LetGo(const void* pBlock) {
     return nSize;
 }
 
-/// A block full of a value that nobody expects, so that nothing is zero by chance.
+/// A block full of a value that nobody expects, so that nothing is zero by chance. valgrind knows itself what nobody wrote.
 void* Unexpected(void* pBlock, std::size_t nSize) {
-    return pBlock != nullptr ? std::memset(pBlock, 0xA5, nSize) : nullptr;
+    static const bool s_fgLeave = support::IsUnderValgrind();
+    return pBlock != nullptr && !s_fgLeave ? std::memset(pBlock, 0xA5, nSize) : pBlock;
 }
 
 /// The same for allocations.
@@ -327,6 +333,7 @@ void DeleteArrayNothrow(void* pBlock, const std::nothrow_t& tag) {
 
 constexpr Spec kMmap = {"mmap", Tells::MAP_FAILURE, {ENOMEM, EACCES, EAGAIN, ENODEV, EPERM, ENFILE}};
 constexpr Spec kMunmap = {"munmap", Tells::MINUS_ONE, {EINVAL, ENOMEM}};
+constexpr Spec kMadvise = {"madvise", Tells::MINUS_ONE, {EINVAL, ENOMEM, EAGAIN, EPERM}};
 
 void* Mmap(void* pWish, std::size_t nSize, int nProtection, int nFlags, int nDescriptor, off_t nOffset) {
     if (Fails(kMmap)) {
@@ -363,14 +370,18 @@ constexpr Spec kFtell = {"ftell", Tells::MINUS_ONE, {ESPIPE, EBADF, EOVERFLOW}};
 constexpr Spec kFread = {"fread", Tells::ZERO, {EIO, EINTR, EAGAIN, EISDIR, EBADF, EOVERFLOW, kShort, kNothing}};
 constexpr Spec kFwrite = {"fwrite", Tells::ZERO, {EIO, EINTR, EAGAIN, ENOSPC, EDQUOT, EFBIG, EPIPE, EBADF, kShort}};
 constexpr Spec kFclose = {"fclose", Tells::MINUS_ONE, {EIO, EINTR, ENOSPC, EDQUOT, EAGAIN, EFBIG, EPIPE, EBADF}};
-constexpr Spec kFprintf = {"fprintf", Tells::MINUS_ONE, {EIO, EINTR, EAGAIN, EPIPE, ENOSPC}};
+constexpr Spec kFprintf = {
+    "fprintf", Tells::MINUS_ONE, {EIO, EINTR, EAGAIN, EPIPE, ENOSPC, EDQUOT, EFBIG, EBADF, kShort}};
 constexpr Spec kCheckedFprintf = kFprintf;
 /// A line of the log, or a part of one.
 constexpr Spec kWriteLine = {kWriteOfALine, Tells::ZERO, kFprintf.errors};
+constexpr Spec kPerror = {"perror", Tells::ZERO, kFprintf.errors};
 constexpr Spec kVsnprintf = {"vsnprintf", Tells::MINUS_ONE, {ENOMEM, EOVERFLOW, EILSEQ}};
 constexpr Spec kCheckedVsnprintf = kVsnprintf;
 /// A message of the log.
 constexpr Spec kRenderLine = {kRenderingOfALine, Tells::MINUS_ONE, kVsnprintf.errors};
+/// Of a long field it keeps a copy.
+constexpr Spec kVsscanf = {"vsscanf", Tells::MINUS_ONE, {ENOMEM}};
 constexpr Spec kRemove = {"remove",
                           Tells::MINUS_ONE,
                           {EACCES, EPERM, EBUSY, ENOENT, ENOTEMPTY, ENOTDIR, EROFS, EIO, ELOOP, ENAMETOOLONG, ENOMEM}};
@@ -419,8 +430,11 @@ DIR* Opened(DIR* pDirectory) {
 
 constexpr Spec kMktemp = {"mktemp", Tells::NULL_POINTER, {EEXIST, EACCES, EINVAL}};
 constexpr Spec kFtruncate = {"ftruncate", Tells::MINUS_ONE, {EINTR, EIO, EINVAL, EFBIG, EPERM, ENOSPC}};
-constexpr Spec kShmOpen = {"shm_open", Tells::MINUS_ONE, {EEXIST, ENOENT, EACCES, EMFILE, ENFILE, ENAMETOOLONG}};
-constexpr Spec kShmUnlink = {"shm_unlink", Tells::MINUS_ONE, {EACCES, ENOENT}};
+constexpr Spec kShmOpen = {
+    "shm_open",
+    Tells::MINUS_ONE,
+    {EEXIST, ENOENT, EACCES, EMFILE, ENFILE, ENAMETOOLONG, ENOMEM, EINVAL, ENOSPC, EINTR, ENOSYS}};
+constexpr Spec kShmUnlink = {"shm_unlink", Tells::MINUS_ONE, {EACCES, ENOENT, ENAMETOOLONG, EPERM, ENOSYS}};
 constexpr Spec kClose = {"close", Tells::MINUS_ONE, {EINTR, EIO, ENOSPC, EDQUOT}};
 
 DIR* Opendir(const char* pszPath) {
@@ -484,18 +498,23 @@ int Openat(int nDirectory, const char* pszName, int nFlags, ...) {
     return Fails(kOpenat) ? -1 : openat(nDirectory, pszName, nFlags);
 }
 
-int KeepText(const std::string& text, bool fgLost = false) {
+/// What is written of a piece of the log: all of it, nothing, or half.
+std::size_t Written(std::size_t nSize, int nError) {
+    return nError == 0 ? nSize : nError == kShort ? nSize / 2 : 0;
+}
+
+int KeepText(const std::string& text, int nError) {
     const std::lock_guard<std::mutex> lock(g_Guard);
-    g_Log.push_back({text, fgLost});
-    return fgLost ? -1 : static_cast<int>(text.size());
+    g_Log.push_back({text, text.substr(0, Written(text.size(), nError))});
+    return nError != 0 ? -1 : static_cast<int>(text.size());
 }
 
 /// What the library logs is kept, not printed, by whichever call it is written.
 std::size_t Fwrite(const void* pBuffer, std::size_t nSize, std::size_t nCount, std::FILE* pStream) {
     if (pStream == stderr) {
-        const bool fgLost = Fails(kWriteLine);
-        KeepText(std::string(static_cast<const char*>(pBuffer), nSize * nCount), fgLost);
-        return fgLost ? 0 : nCount;
+        const int nError = ErrorLeftFor(kWriteLine);
+        KeepText(std::string(static_cast<const char*>(pBuffer), nSize * nCount), nError);
+        return Written(nSize * nCount, nError) / nSize;
     }
     const int nError = ErrorFor(kFwrite);
     if (nError == kShort) {
@@ -505,34 +524,35 @@ std::size_t Fwrite(const void* pBuffer, std::size_t nSize, std::size_t nCount, s
     return nError != 0 ? 0 : std::fwrite(pBuffer, nSize, nCount, pStream);
 }
 
-__attribute__((format(printf, 2, 0))) int KeepText(bool fgLost, const char* pszFormat, va_list arguments) {
+__attribute__((format(printf, 2, 0))) int KeepText(int nError, const char* pszFormat, va_list arguments) {
     char szText[4096];
     std::vsnprintf(szText, sizeof(szText), pszFormat, arguments);
-    return KeepText(std::string(szText), fgLost);
+    return KeepText(std::string(szText), nError);
 }
 
 __attribute__((format(printf, 2, 3))) int Fprintf(std::FILE*, const char* pszFormat, ...) {
-    const bool fgLost = Fails(kFprintf);
+    const int nError = ErrorLeftFor(kFprintf);
     va_list arguments;
     va_start(arguments, pszFormat);
-    const int nLength = KeepText(fgLost, pszFormat, arguments);
+    const int nLength = KeepText(nError, pszFormat, arguments);
     va_end(arguments);
     return nLength;
 }
 
 /// The form that hardened builds call.
 __attribute__((format(printf, 3, 4))) int CheckedFprintf(std::FILE*, int, const char* pszFormat, ...) {
-    const bool fgLost = Fails(kCheckedFprintf);
+    const int nError = ErrorLeftFor(kCheckedFprintf);
     va_list arguments;
     va_start(arguments, pszFormat);
-    const int nLength = KeepText(fgLost, pszFormat, arguments);
+    const int nLength = KeepText(nError, pszFormat, arguments);
     va_end(arguments);
     return nLength;
 }
 
+/// It tells nobody that it failed.
 void Perror(const char* pszText) {
     const std::string strError = std::strerror(errno);
-    KeepText(pszText + (": " + strError + "\n"));
+    KeepText(pszText + (": " + strError + "\n"), ErrorLeftFor(kPerror));
 }
 
 /// Whether a text cannot be rendered. What is rendered into the log's buffer is a message of the log.
@@ -558,34 +578,52 @@ __attribute__((format(printf, 5, 0))) int CheckedVsnprintf(char* pTarget, std::s
     return IsUnrendered(kCheckedVsnprintf, pTarget) ? -1 : std::vsnprintf(pTarget, nSize, pszFormat, arguments);
 }
 
+__attribute__((format(scanf, 2, 0))) int Vsscanf(const char* pszText, const char* pszFormat, va_list arguments) {
+    return Fails(kVsscanf) ? EOF : std::vsscanf(pszText, pszFormat, arguments);
+}
+
 // ------------------------------------------------------------------------------------------------------ Connections
 
 constexpr Spec kSocket = {
     "socket", Tells::MINUS_ONE, {EMFILE, ENFILE, EACCES, ENOBUFS, ENOMEM, EAFNOSUPPORT, EPROTONOSUPPORT}};
-constexpr Spec kBind = {"bind", Tells::MINUS_ONE, {EADDRINUSE, EACCES, EADDRNOTAVAIL, EINVAL, ENOENT, ENOMEM, EROFS}};
-constexpr Spec kListen = {"listen", Tells::MINUS_ONE, {EADDRINUSE, EOPNOTSUPP, ENOTSOCK}};
-constexpr Spec kAccept = {
-    "accept", Tells::MINUS_ONE, {EAGAIN, EMFILE, ENFILE, EINTR, ECONNABORTED, ENOBUFS, ENOMEM, EPROTO, EPERM, EINVAL}};
+constexpr Spec kBind = {
+    "bind",
+    Tells::MINUS_ONE,
+    {EADDRINUSE, EACCES, EADDRNOTAVAIL, EINVAL, ENOENT, ENOMEM, EROFS, ENOTDIR, ELOOP, ENAMETOOLONG, ENOSPC, ENOBUFS}};
+constexpr Spec kListen = {"listen", Tells::MINUS_ONE, {EADDRINUSE, EOPNOTSUPP, ENOTSOCK, EINVAL, ENOBUFS}};
+/// Errors of the network that a connection had before it was accepted are passed on.
+constexpr Spec kAccept = {"accept",
+                          Tells::MINUS_ONE,
+                          {EAGAIN, EMFILE, ENFILE, EINTR, ECONNABORTED, ENOBUFS, ENOMEM, EPROTO, EPERM, EINVAL,
+                           ENETDOWN, ENOPROTOOPT, EHOSTDOWN, ENONET, EHOSTUNREACH, EOPNOTSUPP, ENETUNREACH, ETIMEDOUT}};
 constexpr Spec kConnect = {"connect",
                            Tells::MINUS_ONE,
-                           {EINPROGRESS, ECONNREFUSED, EINTR, ETIMEDOUT, ENETUNREACH, EAGAIN, EALREADY, EADDRNOTAVAIL,
-                            EISCONN, EHOSTUNREACH, EACCES, EPERM, ENOENT, ECONNRESET, EADDRINUSE, EPROTOTYPE}};
+                           {EINPROGRESS,   ECONNREFUSED, EINTR,        ETIMEDOUT, ENETUNREACH,  EAGAIN, EALREADY,
+                            EADDRNOTAVAIL, EISCONN,      EHOSTUNREACH, EACCES,    EPERM,        ENOENT, ECONNRESET,
+                            EADDRINUSE,    EPROTOTYPE,   ENETDOWN,     ENOTDIR,   EAFNOSUPPORT, ENOBUFS}};
 constexpr Spec kSetsockopt = {
     "setsockopt", Tells::MINUS_ONE, {ENOPROTOOPT, ENOBUFS, ENODEV, ENOMEM, EADDRINUSE, EADDRNOTAVAIL}};
 constexpr Spec kFcntl = {"fcntl", Tells::MINUS_ONE, {EBADF, EPERM, EINTR}};
 constexpr Spec kIoctl = {"ioctl", Tells::MINUS_ONE, {EBADF, ENOTTY, EINVAL}};
-constexpr Spec kPoll = {"poll", Tells::MINUS_ONE, {EINTR, ENOMEM, EINVAL, kNothing, kSocketError, kHangUp}};
+constexpr Spec kPoll = {"poll", Tells::MINUS_ONE, {EINTR, ENOMEM, EINVAL, kNothing, kSocketError, kHangUp, kNotOpen}};
 constexpr Spec kSelect = {"select", Tells::MINUS_ONE, {EINTR, ENOMEM, EBADF, EINVAL, kNothing}};
-constexpr Spec kRecv = {"recv", Tells::MINUS_ONE, {EINTR, EAGAIN, ECONNRESET, ENOTCONN, ENOMEM, kShort, kNothing}};
-constexpr Spec kRecvfrom = {"recvfrom", Tells::MINUS_ONE, {EINTR, EAGAIN, ECONNREFUSED, ENOMEM, kShort, kNothing}};
-constexpr Spec kSend = {
-    "send", Tells::MINUS_ONE, {EINTR, EAGAIN, ECONNRESET, EPIPE, ENOTCONN, EMSGSIZE, ENOBUFS, kShort}};
-constexpr Spec kSendto = {
-    "sendto",
-    Tells::MINUS_ONE,
-    {EINTR, EAGAIN, EACCES, EPERM, EHOSTUNREACH, ENETUNREACH, EMSGSIZE, ENOBUFS, EPIPE, ECONNREFUSED, ENOMEM}};
-constexpr Spec kRead = {"read", Tells::MINUS_ONE, {EINTR, EAGAIN, EIO, ECONNRESET, kShort, kNothing}};
-constexpr Spec kWrite = {"write", Tells::MINUS_ONE, {EINTR, EAGAIN, EPIPE, ENOSPC, EIO, kShort}};
+constexpr Spec kRecv = {"recv",
+                        Tells::MINUS_ONE,
+                        {EINTR, EAGAIN, ECONNRESET, ECONNREFUSED, ETIMEDOUT, EHOSTUNREACH, ENETUNREACH, ENOTCONN,
+                         ENOMEM, ENOBUFS, EBADF, kShort, kNothing}};
+constexpr Spec kRecvfrom = {"recvfrom", Tells::MINUS_ONE, kRecv.errors};
+constexpr Spec kSend = {"send",
+                        Tells::MINUS_ONE,
+                        {EINTR, EAGAIN, ECONNRESET, ECONNREFUSED, ETIMEDOUT, EHOSTUNREACH, ENETUNREACH, ENETDOWN, EPIPE,
+                         ENOTCONN, EMSGSIZE, ENOMEM, ENOBUFS, EACCES, EPERM, EBADF, kShort}};
+constexpr Spec kSendto = {"sendto",
+                          Tells::MINUS_ONE,
+                          {EINTR, EAGAIN, EACCES, EPERM, EHOSTUNREACH, ENETUNREACH, ENETDOWN, EMSGSIZE, ENOBUFS, EPIPE,
+                           ECONNREFUSED, ENOMEM, EINVAL, EBADF}};
+constexpr Spec kRead = {"read", Tells::MINUS_ONE, {EINTR, EAGAIN, EIO, ECONNRESET, ENOTCONN, EBADF, kShort, kNothing}};
+constexpr Spec kWrite = {"write",
+                         Tells::MINUS_ONE,
+                         {EINTR, EAGAIN, EPIPE, ENOSPC, EIO, ECONNRESET, ENOTCONN, ENOBUFS, ENOMEM, EBADF, kShort}};
 constexpr Spec kGethostname = {"gethostname", Tells::MINUS_ONE, {ENAMETOOLONG, EFAULT}};
 constexpr Spec kLookUp = {"gethostbyname_r", Tells::ERROR_NUMBER, {EAGAIN, ENOENT, ENODATA, ERANGE}};
 constexpr char kOwnName[] = "torture";
@@ -624,7 +662,7 @@ ssize_t Recvfrom(int nSocket, void* pBuffer, std::size_t nSize, int nFlags, sock
     const ssize_t nReceived = recvfrom(nSocket, pBuffer, nSize, nFlags, pSender, pnSender);
     return nError == kNothing ? 0 : nError == kShort ? nReceived / 2 : nReceived;
 }
-/// What is meant for everybody stays on this machine, whatever networks it has.
+/// What is meant for everybody, or for a group, stays on this machine, whatever networks it has.
 ssize_t Sendto(int nSocket, const void* pBuffer, std::size_t nSize, int nFlags, const sockaddr* pTarget,
                socklen_t nTarget) {
     if (Fails(kSendto)) {
@@ -632,7 +670,8 @@ ssize_t Sendto(int nSocket, const void* pBuffer, std::size_t nSize, int nFlags, 
     }
     sockaddr_in target = {};
     std::memcpy(&target, pTarget, std::min<std::size_t>(nTarget, sizeof(target)));
-    if (target.sin_family == AF_INET && target.sin_addr.s_addr == htonl(INADDR_BROADCAST)) {
+    const in_addr_t nAddress = ntohl(target.sin_addr.s_addr);
+    if (target.sin_family == AF_INET && (nAddress == INADDR_BROADCAST || IN_MULTICAST(nAddress))) {
         target.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         return sendto(nSocket, pBuffer, nSize, nFlags, reinterpret_cast<const sockaddr*>(&target), sizeof(target));
     }
@@ -650,6 +689,14 @@ int Connect(int nSocket, const sockaddr* pAddress, socklen_t nSize) {
 int Accept(int nSocket, sockaddr* pAddress, socklen_t* pnSize) {
     return Fails(kAccept) ? -1 : g_nLastSocket = accept(nSocket, pAddress, pnSize);
 }
+/// A group is joined where there is no network that has groups, too.
+int Setsockopt(int nSocket, int nLevel, int nOption, const void* pValue, socklen_t nSize) {
+    if (Fails(kSetsockopt)) {
+        return -1;
+    }
+    const bool fgJoins = nLevel == IPPROTO_IP && nOption == IP_ADD_MEMBERSHIP;
+    return fgJoins ? 0 : setsockopt(nSocket, nLevel, nOption, pValue, nSize);
+}
 int Fcntl(int nDescriptor, int nCommand, long nArgument) {
     return Fails(kFcntl) ? -1 : fcntl(nDescriptor, nCommand, nArgument);
 }
@@ -659,8 +706,8 @@ int Ioctl(int nDescriptor, unsigned long nRequest, void* pArgument) {
 /// A wait that fails, that lasts as long as it may, or that ends for another reason than the one that is waited for.
 int Poll(pollfd* pPolls, nfds_t nPolls, int nTimeOut) {
     const int nError = ErrorFor(kPoll);
-    if (nError == kSocketError || nError == kHangUp) {
-        pPolls[0].revents = nError == kHangUp ? POLLHUP : POLLERR;
+    if (nError == kSocketError || nError == kHangUp || nError == kNotOpen) {
+        pPolls[0].revents = nError == kHangUp ? POLLHUP : nError == kNotOpen ? POLLNVAL : POLLERR;
         return 1;
     }
     errno = nError > 0 ? nError : errno;
@@ -891,6 +938,7 @@ const Hook g_Hooks[] = {
     {"_ZdaPvRKSt9nothrow_t", Address(&DeleteArrayNothrow), nullptr},
     {"mmap", Address(&Mmap), &kMmap},
     {"munmap", Address(&Munmap), &kMunmap},
+    Simple<kMadvise>(&madvise),
     Simple<kFopen>(&std::fopen),
     Simple<kFseek>(&std::fseek),
     Simple<kFtell>(&std::ftell),
@@ -899,9 +947,10 @@ const Hook g_Hooks[] = {
     {"fclose", Address(&Fclose), &kFclose},
     {"fprintf", Address(&Fprintf), &kFprintf},
     {"__fprintf_chk", Address(&CheckedFprintf), &kCheckedFprintf},
-    {"perror", Address(&Perror), nullptr},
+    {"perror", Address(&Perror), &kPerror},
     {"vsnprintf", Address(&Vsnprintf), &kVsnprintf},
     {"__vsnprintf_chk", Address(&CheckedVsnprintf), &kCheckedVsnprintf},
+    {"vsscanf", Address(&Vsscanf), &kVsscanf},
     Simple<kRemove>(&::remove),
     Simple<kRename>(&::rename),
     Simple<kUnlink>(&unlink),
@@ -927,7 +976,7 @@ const Hook g_Hooks[] = {
     Simple<kListen>(&listen),
     {"accept", Address(&Accept), &kAccept},
     {"connect", Address(&Connect), &kConnect},
-    Simple<kSetsockopt>(&setsockopt),
+    {"setsockopt", Address(&Setsockopt), &kSetsockopt},
     {"fcntl", Address(&Fcntl), &kFcntl},
     {"ioctl", Address(&Ioctl), &kIoctl},
     {"poll", Address(&Poll), &kPoll},
@@ -973,14 +1022,12 @@ const std::set<std::string> g_CannotFail = {
     "pthread_mutex_lock", "pthread_mutex_unlock", "pthread_mutexattr_destroy",
     // Renders numbers and texts alone, which takes no memory.
     "snprintf", "__snprintf_chk",
-    // A wish about pages: nobody looks whether it came true.
-    "madvise",
     // Refuses only numbers that are no signal's.
     "signal",
     // Looks at its arguments.
-    "vsscanf", "strcasecmp", "strcasestr", "strchr", "strcmp", "strlen", "malloc_usable_size", "strncasecmp", "strnlen",
-    "strstr", "strcspn", "strspn", "strrchr", "tolower", "toupper", "wcslen", "bcmp", "memchr", "memcmp", "memcpy",
-    "memmove", "memrchr", "memset",
+    "strcasecmp", "strcasestr", "strchr", "strcmp", "strlen", "malloc_usable_size", "strncasecmp", "strnlen", "strstr",
+    "strcspn", "strspn", "strrchr", "tolower", "toupper", "wcslen", "bcmp", "memchr", "memcmp", "memcpy", "memmove",
+    "memrchr", "memset",
     // Ends the process for a target that is too small, or a descriptor that no set has room for: the library looks first.
     "__memcpy_chk", "__fdelt_chk",
     // Looks at the process.
@@ -1082,24 +1129,22 @@ struct Imports {
         *ppSlot = pHook;
     }
 
-    template <typename Relocation>
-    void RedirectAll(ElfW(Addr) nTable, std::size_t nSize) const {
+    template <typename Relocation, typename Visitor>
+    void VisitTable(ElfW(Addr) nTable, std::size_t nSize, Visitor visit) const {
         const Relocation* const pFirst = At<const Relocation*>(nTable);
         for (const Relocation* p = pFirst; p < pFirst + nSize / sizeof(Relocation); ++p) {
 #if __ELF_NATIVE_CLASS == 64
-            Redirect(ELF64_R_SYM(p->r_info), static_cast<unsigned>(ELF64_R_TYPE(p->r_info)), p->r_offset);
+            visit(*this, ELF64_R_SYM(p->r_info), static_cast<unsigned>(ELF64_R_TYPE(p->r_info)), p->r_offset);
 #else
-            Redirect(ELF32_R_SYM(p->r_info), ELF32_R_TYPE(p->r_info), p->r_offset);
+            visit(*this, ELF32_R_SYM(p->r_info), ELF32_R_TYPE(p->r_info), p->r_offset);
 #endif
         }
     }
 };
 
-int RedirectLibrary(dl_phdr_info* pObject, std::size_t, void*) {
-    if (std::strstr(pObject->dlpi_name, "libkalvoren-sharedd") == nullptr) {
-        return 0;
-    }
-    g_Library = *pObject;
+/// Calls `visit(imports, nSymbol, nType, nOffset)` for each place of an object that is filled in when it is loaded.
+template <typename Visitor>
+void VisitImports(const dl_phdr_info* pObject, Visitor visit) {
     std::map<ElfW(Sxword), ElfW(Addr)> entries;
     for (int i = 0; i < pObject->dlpi_phnum; ++i) {
         if (pObject->dlpi_phdr[i].p_type == PT_DYNAMIC) {
@@ -1114,18 +1159,47 @@ int RedirectLibrary(dl_phdr_info* pObject, std::size_t, void*) {
     imports.pSymbols = imports.At<const ElfW(Sym)*>(entries[DT_SYMTAB]);
     imports.pStrings = imports.At<const char*>(entries[DT_STRTAB]);
     if (entries.count(DT_RELA) != 0) {
-        imports.RedirectAll<ElfW(Rela)>(entries[DT_RELA], entries[DT_RELASZ]);
+        imports.VisitTable<ElfW(Rela)>(entries[DT_RELA], entries[DT_RELASZ], visit);
     }
     if (entries.count(DT_REL) != 0) {
-        imports.RedirectAll<ElfW(Rel)>(entries[DT_REL], entries[DT_RELSZ]);
+        imports.VisitTable<ElfW(Rel)>(entries[DT_REL], entries[DT_RELSZ], visit);
     }
     if (entries.count(DT_JMPREL) != 0) {
         if (entries[DT_PLTREL] == DT_RELA) {
-            imports.RedirectAll<ElfW(Rela)>(entries[DT_JMPREL], entries[DT_PLTRELSZ]);
+            imports.VisitTable<ElfW(Rela)>(entries[DT_JMPREL], entries[DT_PLTRELSZ], visit);
         } else {
-            imports.RedirectAll<ElfW(Rel)>(entries[DT_JMPREL], entries[DT_PLTRELSZ]);
+            imports.VisitTable<ElfW(Rel)>(entries[DT_JMPREL], entries[DT_PLTRELSZ], visit);
         }
     }
+}
+
+int RedirectLibrary(dl_phdr_info* pObject, std::size_t, void*) {
+    if (std::strstr(pObject->dlpi_name, "libkalvoren-sharedd") == nullptr) {
+        return 0;
+    }
+    g_Library = *pObject;
+    VisitImports(pObject, [](const Imports& imports, std::size_t nSymbol, unsigned nType, ElfW(Addr) nOffset) {
+        imports.Redirect(nSymbol, nType, nOffset);
+    });
+    return 1;
+}
+
+/// A symbol as it is written in C++.
+std::string Readable(const char* pszName) {
+    char* const pszReadable = abi::__cxa_demangle(pszName, nullptr, nullptr, nullptr);
+    const std::string strReadable = pszReadable != nullptr ? pszReadable : pszName;
+    std::free(pszReadable);
+    return strReadable;
+}
+
+/// The first object that is told is the program.
+int NoteImportsOfTheProgram(dl_phdr_info* pObject, std::size_t, void* pNames) {
+    VisitImports(pObject, [pNames](const Imports& imports, std::size_t nSymbol, unsigned, ElfW(Addr)) {
+        if (nSymbol != 0) {
+            static_cast<std::set<std::string>*>(pNames)->insert(
+                Readable(imports.pStrings + imports.pSymbols[nSymbol].st_name));
+        }
+    });
     return 1;
 }
 
@@ -1184,13 +1258,9 @@ class Code {
 std::string PlaceOf(const unsigned char* p) {
     Dl_info info = {};
     dladdr(p, &info);
-    const char* const pszName = info.dli_sname != nullptr ? info.dli_sname : "?";
-    char* const pszReadable = abi::__cxa_demangle(pszName, nullptr, nullptr, nullptr);
     char szOffset[32];
     std::snprintf(szOffset, sizeof(szOffset), " at %#zx", reinterpret_cast<std::size_t>(p) - g_Library.dlpi_addr);
-    const std::string strPlace = std::string(pszReadable != nullptr ? pszReadable : pszName) + szOffset;
-    std::free(pszReadable);
-    return strPlace;
+    return Readable(info.dli_sname != nullptr ? info.dli_sname : "?") + szOffset;
 }
 #endif
 
@@ -1210,6 +1280,12 @@ void Install() {
 
 std::vector<std::string> UnknownImports() {
     return std::vector<std::string>(g_Unknown.begin(), g_Unknown.end());
+}
+
+std::set<std::string> ImportsOfTheProgram() {
+    std::set<std::string> names;
+    dl_iterate_phdr(&NoteImportsOfTheProgram, &names);
+    return names;
 }
 
 std::vector<std::string> UnreachedImports() {
@@ -1366,7 +1442,7 @@ bool Step::LackedMemory() const {
 }
 
 bool Step::LostItsLine() const {
-    return Failed({"fprintf", kWriteOfALine});
+    return Failed({"fprintf", "perror", kWriteOfALine});
 }
 
 std::vector<std::string> MutexMakingRefusalsAnd(std::vector<std::string> others) {
@@ -1468,7 +1544,7 @@ void Step::Disarm() {
     const std::lock_guard<std::mutex> lock(g_Guard);
     for (const Piece& piece : g_Log) {
         m_Meant += piece.text;
-        m_Log += piece.fgLost ? "" : piece.text;
+        m_Log += piece.written;
     }
     m_nUnrendered = g_nUnrendered;
 }

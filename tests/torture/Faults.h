@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <iosfwd>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,6 +38,8 @@ constexpr int kNothing = -2;
 /// In place of an error number: a wait that ends for an error of the socket, or because the peer hung up.
 constexpr int kSocketError = -3;
 constexpr int kHangUp = -4;
+/// In place of an error number: a wait that ends because the descriptor is not open.
+constexpr int kNotOpen = -5;
 
 /// The names under which an `fwrite` to standard error and the rendering of a message of the log fail.
 constexpr char kWriteOfALine[] = "fwrite of a line";
@@ -47,6 +50,9 @@ void Install();
 
 /// The functions that the library imports and that are known neither to fail nor to be unable to.
 std::vector<std::string> UnknownImports();
+
+/// What this program has from other objects, as it is written in C++.
+std::set<std::string> ImportsOfTheProgram();
 
 /// The functions that the library imports, that can fail, and that no step of a run without faults has called since
 /// ForgetWhatWasReached(), here or in a child process.
@@ -129,7 +135,7 @@ class Step {
     bool Failed(std::initializer_list<const char*> functions) const;
     /// Whether it was an allocation.
     bool LackedMemory() const;
-    /// Whether it was the writing of a line of the log.
+    /// Whether it was the writing of a line of the log, of which then half is written or none.
     bool LostItsLine() const;
     /// Which of the step's calls failed, counted from 1; 0 for none.
     int FailedCall() const { return m_nFailedCall; }

@@ -596,6 +596,21 @@ void DirectoryIsDeletedWithAllThatIsInIt() {
     }
 }
 
+/// What is no directory cannot be opened as one, and is deleted all the same.
+void FileIsDeletedAsADirectory() {
+    Scratch directory;
+    const std::string strPath = directory.File("file", "text");
+    KPath path(strPath.c_str());
+    bool fgDone = false;
+    const Step destroy([&] { fgDone = KDirectory::DeleteDir(path, KDirectory::DIR_RECURSIVE); });
+    EXPECT_EQ(fgDone, !destroy.Failed("remove"));
+    EXPECT_EQ(Exists(path), !fgDone);
+    const int nError = destroy.Failed("opendir") ? TheOutcome().nError : ENOTDIR;
+    destroy.ExpectLog(Lines{std::string("Couldn't open the directory: ") + std::strerror(nError)} +
+                      ErrorIf(!fgDone, "Directory Delete Error " + strPath + ", ErrorNO:" + ErrorNumber()));
+    directory.Leaves("file", !fgDone);
+}
+
 // ------------------------------------------------------------------------------------------ Property lists, libraries
 
 /// What comes of a list of one key that is read from a file, and the lines that tell it.
@@ -696,6 +711,7 @@ std::vector<Scenario> FileScenarios() {
             {"NamesThatAreEqualAreSorted", NamesThatAreEqualAreSorted, {}},
             {"DirectoriesAreMadeMovedAndAsked", DirectoriesAreMadeMovedAndAsked, {}},
             {"DirectoryIsDeletedWithAllThatIsInIt", DirectoryIsDeletedWithAllThatIsInIt, {}},
+            {"FileIsDeletedAsADirectory", FileIsDeletedAsADirectory, {}},
             {"PropertyListIsReadFromAFile", PropertyListIsReadFromAFile,
              MutexRefusalsAnd({"new in bool KFile::Close(): pInfo",
                                "new in static KPropertyList* KPropertyList::GetInstance(): false"})},
