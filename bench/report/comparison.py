@@ -164,8 +164,8 @@ REMARKS = {
         "The time and the resident memory include loading the libraries that each program needs. What it grows by includes pages "
         "of the library's file that are read for the first time; [Footprint](footprint.md) has what it writes to.",
     "start the library and stop it, in the process":
-        "What the library allocates are the log's two buffers, a mebibyte each; the registry of blocks, 2.4 MB on the target and 4.9 "
-        "here, comes from the system and is not counted. Of all three a page each is touched ([Footprint](footprint.md)).",
+        "What the library allocates are the log's two buffers, a mebibyte each; the registry of blocks, 4.9 MiB, "
+        "comes from the system and is not counted. Of all three a page each is touched ([Footprint](footprint.md)).",
 }  # fmt: skip
 
 
