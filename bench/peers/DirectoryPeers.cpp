@@ -61,7 +61,6 @@ void OpenKalvoren(benchmark::State& state) {
         directory.Close();
     }
 }
-BENCHMARK(OpenKalvoren)->Name("open a directory of n entries|Kalvoren")->Apply(Counts);
 
 void OpenScandir(benchmark::State& state) {
     const std::string& path = Filled(state.range(0));
@@ -77,7 +76,6 @@ void OpenScandir(benchmark::State& state) {
         std::free(ppEntries);
     }
 }
-BENCHMARK(OpenScandir)->Name("open a directory of n entries|scandir, strcasecmp")->Apply(Counts);
 
 void OpenStd(benchmark::State& state) {
     const std::string& path = Filled(state.range(0));
@@ -90,7 +88,6 @@ void OpenStd(benchmark::State& state) {
         benchmark::DoNotOptimize(names);
     }
 }
-BENCHMARK(OpenStd)->Name("open a directory of n entries|std::filesystem")->Apply(Counts);
 
 #ifdef KALVOREN_PEER_GLIB
 void OpenGlib(benchmark::State& state) {
@@ -109,7 +106,6 @@ void OpenGlib(benchmark::State& state) {
         g_dir_close(pDirectory);
     }
 }
-BENCHMARK(OpenGlib)->Name("open a directory of n entries|GDir")->Apply(Counts);
 #endif
 
 #ifdef KALVOREN_PEER_POCO
@@ -122,7 +118,6 @@ void OpenPoco(benchmark::State& state) {
         benchmark::DoNotOptimize(names);
     }
 }
-BENCHMARK(OpenPoco)->Name("open a directory of n entries|POCO")->Apply(Counts);
 #endif
 
 /// The sort whose order the library keeps, done plainly: each name compared with each behind it. The names are there. With
@@ -148,5 +143,33 @@ void SortByExchange(benchmark::State& state) {
     }
 }
 BENCHMARK(SortByExchange)->Name("open a directory of n entries|the exchange sort alone")->Apply(Counts);
+
+/// The same in a process whose memory goes back to the kernel and comes, cleared, from it again.
+template <void (*pOpen)(benchmark::State&)>
+void OpenWithFreshMemory(benchmark::State& state) {
+    const LibcsOwnSettings settings;
+    pOpen(state);
+}
+
+template <void (*pOpen)(benchmark::State&)>
+void Register(const std::string& who) {
+    benchmark::RegisterBenchmark(("open a directory of n entries|" + who).c_str(), pOpen)->Apply(Counts);
+    benchmark::RegisterBenchmark(("open a directory of n entries, with libc's own settings|" + who).c_str(),
+                                 OpenWithFreshMemory<pOpen>)
+        ->Apply(Counts);
+}
+
+const bool g_fgRegistered = [] {
+    Register<OpenKalvoren>("Kalvoren");
+    Register<OpenScandir>("scandir, strcasecmp");
+    Register<OpenStd>("std::filesystem");
+#ifdef KALVOREN_PEER_GLIB
+    Register<OpenGlib>("GDir");
+#endif
+#ifdef KALVOREN_PEER_POCO
+    Register<OpenPoco>("POCO");
+#endif
+    return true;
+}();
 
 }  // namespace

@@ -2,7 +2,9 @@
 #include <pthread.h>
 
 #include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "KThread.h"
 #include "Peers.h"
@@ -60,47 +62,79 @@ BENCHMARK(LockGlib)->Name("lock and unlock|GMutex");
 
 // ------------------------------------------------------------------------------------------------------ Threads
 
+/// So many threads that do nothing: all are started, then each is waited for.
 class Errand : public KThread {
  public:
     ~Errand() override { Stop(); }
     int ThreadMainLoop() override { return 0; }
 };
 
+std::size_t Count(const benchmark::State& state) {
+    return static_cast<std::size_t>(state.range(0));
+}
+
 void StartKalvoren(benchmark::State& state) {
-    Errand thread;
+    std::vector<Errand> threads(Count(state));
     for (auto _ : state) {
-        thread.Start(10, KThread::NORMAL, -1, nullptr);
-        thread.Stop();
+        for (Errand& thread : threads) {
+            thread.Start(10, KThread::NORMAL, -1, nullptr);
+        }
+        for (Errand& thread : threads) {
+            thread.Stop();
+        }
     }
 }
-BENCHMARK(StartKalvoren)->Name("start and join a thread|Kalvoren")->UseRealTime();
 
 void StartLimit(benchmark::State& state) {
+    std::vector<pthread_t> threads(Count(state));
     for (auto _ : state) {
-        pthread_t thread;
-        pthread_create(
-            &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr);
-        pthread_join(thread, nullptr);
+        for (pthread_t& thread : threads) {
+            pthread_create(
+                &thread, nullptr, [](void*) -> void* { return nullptr; }, nullptr);
+        }
+        for (const pthread_t thread : threads) {
+            pthread_join(thread, nullptr);
+        }
     }
 }
-BENCHMARK(StartLimit)->Name("start and join a thread|limit: pthread")->UseRealTime();
 
 void StartStd(benchmark::State& state) {
+    std::vector<std::thread> threads(Count(state));
     for (auto _ : state) {
-        std::thread([] {}).join();
+        for (std::thread& thread : threads) {
+            thread = std::thread([] {});
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
     }
 }
-BENCHMARK(StartStd)->Name("start and join a thread|std::thread")->UseRealTime();
 
 #ifdef KALVOREN_PEER_POCO
 void StartPoco(benchmark::State& state) {
-    Poco::Thread thread;
+    std::vector<Poco::Thread> threads(Count(state));
     for (auto _ : state) {
-        thread.startFunc([] {});
-        thread.join();
+        for (Poco::Thread& thread : threads) {
+            thread.startFunc([] {});
+        }
+        for (Poco::Thread& thread : threads) {
+            thread.join();
+        }
     }
 }
-BENCHMARK(StartPoco)->Name("start and join a thread|POCO")->UseRealTime();
 #endif
+
+const bool g_fgRegistered = [] {
+    const auto add = [](const char* pszName, void (*pJob)(benchmark::State&)) {
+        benchmark::RegisterBenchmark(pszName, pJob)->Arg(1)->Arg(10)->Arg(100)->UseRealTime();
+    };
+    add("start and join n threads|Kalvoren", StartKalvoren);
+    add("start and join n threads|limit: pthread", StartLimit);
+    add("start and join n threads|std::thread", StartStd);
+#ifdef KALVOREN_PEER_POCO
+    add("start and join n threads|POCO", StartPoco);
+#endif
+    return true;
+}();
 
 }  // namespace

@@ -232,14 +232,32 @@ class PocoLocal : public PocoEnds {
 
 // ------------------------------------------------------------------------------------------------------------ The jobs
 
-template <class Connection, int kSize>
+/// Calls @p receive with how many bytes are left until none is; returns how many came.
+template <class Receive>
+int ReceiveAll(int nSize, Receive receive) {
+    int nReceived = 0;
+    while (nReceived < nSize) {
+        const int nPart = receive(nSize - nReceived);
+        if (nPart <= 0) {
+            break;
+        }
+        nReceived += nPart;
+    }
+    return nReceived;
+}
+
+template <class Connection>
 void Echo(benchmark::State& state) {
+    const int nSize = static_cast<int>(state.range(0));
     Connection connection;
-    char bytes[kSize] = {};
+    std::vector<char> bytes(static_cast<std::size_t>(nSize));
     for (auto _ : state) {
-        int nSum = connection.Send(bytes, kSize) + connection.Receive(bytes, kSize);
-        nSum += connection.Answer(bytes, kSize) + connection.ReceiveAnswer(bytes, kSize);
-        if (nSum != 4 * kSize) {
+        const int nSent = connection.Send(bytes.data(), nSize) +
+                          ReceiveAll(nSize, [&](int nRest) { return connection.Receive(bytes.data(), nRest); });
+        const int nAnswered = connection.Answer(bytes.data(), nSize) + ReceiveAll(nSize, [&](int nRest) {
+                                  return connection.ReceiveAnswer(bytes.data(), nRest);
+                              });
+        if (nSent + nAnswered != 4 * nSize) {
             state.SkipWithError("bytes were lost");
         }
     }
@@ -247,32 +265,42 @@ void Echo(benchmark::State& state) {
 
 template <class Connection>
 void Stream(benchmark::State& state) {
-    constexpr int kSize = 64 << 10;
+    const int nSize = static_cast<int>(state.range(0));
     Connection connection;
-    std::vector<char> bytes(kSize);
+    std::vector<char> bytes(static_cast<std::size_t>(nSize));
     for (auto _ : state) {
-        const int nSent = connection.Send(bytes.data(), kSize);
-        for (int nReceived = 0; nReceived < nSent;) {
-            const int nPart = connection.Receive(bytes.data(), kSize);
-            if (nPart <= 0) {
-                state.SkipWithError("bytes were lost");
-                break;
-            }
-            nReceived += nPart;
+        const int nSent = connection.Send(bytes.data(), nSize);
+        if (ReceiveAll(nSent, [&](int nRest) { return connection.Receive(bytes.data(), nRest); }) != nSize) {
+            state.SkipWithError("bytes were lost");
         }
     }
 }
 
-BENCHMARK_TEMPLATE(Echo, KalvorenLocal, sizeof(KIPC::IPCData))->Name("a 520-byte record there and back|Kalvoren");
-BENCHMARK_TEMPLATE(Echo, BareLocal, sizeof(KIPC::IPCData))->Name("a 520-byte record there and back|limit: write, read");
-BENCHMARK_TEMPLATE(Echo, KalvorenTcp, 64)->Name("64 bytes over TCP and back|Kalvoren");
-BENCHMARK_TEMPLATE(Echo, BareTcp, 64)->Name("64 bytes over TCP and back|limit: send, recv");
-BENCHMARK_TEMPLATE(Stream, KalvorenTcp)->Name("64 KiB over TCP|Kalvoren");
-BENCHMARK_TEMPLATE(Stream, BareTcp)->Name("64 KiB over TCP|limit: send, recv");
+void Record(benchmark::internal::Benchmark* job) {
+    job->Arg(sizeof(KIPC::IPCData));
+}
+
+void Sizes(benchmark::internal::Benchmark* job) {
+    job->Arg(64)->Arg(1 << 10)->Arg(16 << 10)->Arg(64 << 10);
+}
+
+const bool g_fgRegistered = [] {
+    const auto add = [](const char* pszName, void (*pJob)(benchmark::State&),
+                        void (*pSizes)(benchmark::internal::Benchmark*)) {
+        benchmark::RegisterBenchmark(pszName, pJob)->Apply(pSizes);
+    };
+    add("a record of n bytes there and back|Kalvoren", Echo<KalvorenLocal>, Record);
+    add("a record of n bytes there and back|limit: write, read", Echo<BareLocal>, Record);
+    add("n bytes over TCP and back|Kalvoren", Echo<KalvorenTcp>, Sizes);
+    add("n bytes over TCP and back|limit: send, recv", Echo<BareTcp>, Sizes);
+    add("n bytes over TCP|Kalvoren", Stream<KalvorenTcp>, Sizes);
+    add("n bytes over TCP|limit: send, recv", Stream<BareTcp>, Sizes);
 #ifdef KALVOREN_PEER_POCO
-BENCHMARK_TEMPLATE(Echo, PocoLocal, sizeof(KIPC::IPCData))->Name("a 520-byte record there and back|POCO");
-BENCHMARK_TEMPLATE(Echo, PocoTcp, 64)->Name("64 bytes over TCP and back|POCO");
-BENCHMARK_TEMPLATE(Stream, PocoTcp)->Name("64 KiB over TCP|POCO");
+    add("a record of n bytes there and back|POCO", Echo<PocoLocal>, Record);
+    add("n bytes over TCP and back|POCO", Echo<PocoTcp>, Sizes);
+    add("n bytes over TCP|POCO", Stream<PocoTcp>, Sizes);
 #endif
+    return true;
+}();
 
 }  // namespace

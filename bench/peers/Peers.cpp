@@ -51,6 +51,16 @@ void KeepMemory() {
 
 }  // namespace
 
+LibcsOwnSettings::LibcsOwnSettings() {
+    constexpr int kDefault = 128 << 10;
+    mallopt(M_TRIM_THRESHOLD, kDefault);
+    mallopt(M_MMAP_THRESHOLD, kDefault);
+}
+
+LibcsOwnSettings::~LibcsOwnSettings() {
+    KeepMemory();
+}
+
 int main(int argc, char** argv) {
     KeepMemory();
     SetLevel();

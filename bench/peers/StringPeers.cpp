@@ -4,6 +4,7 @@
 #include <list>
 #include <string>
 
+#include "BareCalls.h"
 #include "KString.h"
 #include "Peers.h"
 
@@ -199,7 +200,7 @@ void SearchLimit(benchmark::State& state, const char* pszSought) {
 void SearchGlib(benchmark::State& state, const char* pszSought) {
     const std::string text = TextOf(state.range(0));
     for (auto _ : state) {
-        const char* pszAt = g_strstr_len(text.c_str(), static_cast<gssize>(text.size()), pszSought);
+        const char* pszAt = g_strstr_len(text.c_str(), -1, pszSought);
         benchmark::DoNotOptimize(pszAt);
         benchmark::ClobberMemory();
     }
@@ -323,36 +324,15 @@ void DivideStd(benchmark::State& state) {
 }
 BENCHMARK(DivideStd)->Name("divide a line of n fields|std::list of std::string")->Apply(Fields);
 
-/// A list of texts, each in a block of its own, as bare as it can be.
-struct BareField {
-    BareField* pNext;
-    char* pszText;
-};
-
 void DivideLimit(benchmark::State& state) {
     const std::string line = Line(state.range(0));
     for (auto _ : state) {
-        BareField* pFirst = nullptr;
-        BareField** ppLast = &pFirst;
-        const char* pszField = line.c_str();
-        for (bool fgMore = true; fgMore;) {
-            const char* const pszEnd = strchrnul(pszField, ',');
-            *ppLast = static_cast<BareField*>(std::malloc(sizeof(BareField)));
-            **ppLast = {nullptr, strndup(pszField, static_cast<std::size_t>(pszEnd - pszField))};
-            ppLast = &(*ppLast)->pNext;
-            fgMore = *pszEnd != '\0';
-            pszField = pszEnd + 1;
-        }
+        bare::Field* const pFirst = bare::Divide(line.c_str(), ',');
         benchmark::DoNotOptimize(pFirst);
-        while (pFirst != nullptr) {
-            BareField* const pNext = pFirst->pNext;
-            std::free(pFirst->pszText);
-            std::free(pFirst);
-            pFirst = pNext;
-        }
+        bare::Free(pFirst);
     }
 }
-BENCHMARK(DivideLimit)->Name("divide a line of n fields|limit: strchr, strndup, malloc")->Apply(Fields);
+BENCHMARK(DivideLimit)->Name("divide a line of n fields|limit: strchrnul, strndup, malloc")->Apply(Fields);
 
 #ifdef KALVOREN_PEER_GLIB
 void DivideGlib(benchmark::State& state) {

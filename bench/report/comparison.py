@@ -91,7 +91,7 @@ SEARCH = Goal("within 1.2 of the limit, and at least 5 times faster than std::st
 def directory_goal(row):
     if int(row.size) <= 1000:
         return row.ours() <= min(row.best(2), 1.3 * row.best())
-    return row.ours() <= 3 * row.best() and 30 * row.ours() <= row.times["the exchange sort alone"]
+    return row.ours() <= 3 * row.best()
 
 
 GOALS = {
@@ -121,7 +121,10 @@ GOALS = {
     "open a directory of n entries": Goal(
         "up to 1,000 entries faster than all but the best and within 1.3 of that, above within 3 and 30 times faster than the "
         "exchange sort",
-        directory_goal),
+        lambda row: directory_goal(row) and (
+            int(row.size) <= 1000 or 30 * row.ours() <= row.times["the exchange sort alone"])),
+    "open a directory of n entries, with libc's own settings": Goal(
+        "up to 1,000 entries faster than all but the best and within 1.3 of that, above within 3", directory_goal),
     "read a property list of n bytes": Goal(
         "3 times faster than libplist, faster than expat",
         lambda row: 3 * row.ours() <= row.times["libplist"] and row.ours() <= row.times["expat: no tree"]),
@@ -134,10 +137,10 @@ GOALS = {
         lambda row: row.ours() <= min(row.times["GAsyncQueue"], row.times["std::mutex, std::deque"])),
     "dispatch by name": Goal("within 1.2 of the vector under a mutex",
                              lambda row: row.ours() <= 1.2 * row.times["std::mutex, std::vector"]),
-    "a 520-byte record there and back": within_limit(1.05),
-    "64 bytes over TCP and back": within_limit(1.05),
-    "64 KiB over TCP": within_limit(1.05),
-    "start and join a thread": within_limit(1.1),
+    "a record of n bytes there and back": within_limit(1.05),
+    "n bytes over TCP and back": within_limit(1.05),
+    "n bytes over TCP": within_limit(1.05),
+    "start and join n threads": within_limit(1.1),
     "start a program and the library, stop both": Goal(
         "at most 1 ms more than the bare program, and a growth of at most 200 KiB by the start, and while started again",
         lambda row: row.ours() <= row.limit() + 1e6 and max(row.growth[US]) <= 200 * 1024),
@@ -148,7 +151,8 @@ GOALS = {
 GROWTH = {
     "linear": (lambda n: n, ["append 16 bytes n times", "divide a line of n fields", "fill a list and destroy it", "walk a list",
                              "fill a list and pop all", "read a property list of n bytes", "dispatch by name"]),
-    "n log n": (lambda n: n * math.log(n), ["open a directory of n entries"]),
+    "n log n": (lambda n: n * math.log(n), ["open a directory of n entries",
+                                                   "open a directory of n entries, with libc's own settings"]),
     "constant": (lambda n: 1, ["allocate and free 64 bytes beside n live blocks"]),
 }  # fmt: skip
 
@@ -159,6 +163,9 @@ REMARKS = {
     "start a program and the library, stop both":
         "The time and the resident memory include loading the libraries that each program needs. What it grows by includes pages "
         "of the library's file that are read for the first time; [Footprint](footprint.md) has what it writes to.",
+    "start the library and stop it, in the process":
+        "What the library allocates are the log's two buffers, a mebibyte each; the registry of blocks, 4.9 MiB, "
+        "comes from the system and is not counted. Of all three a page each is touched ([Footprint](footprint.md)).",
 }  # fmt: skip
 
 

@@ -54,6 +54,35 @@ inline char* GoUp(const char* pszPath) {
     return pszUp;
 }
 
+/// A list of texts, each in a block of its own, as bare as it can be.
+struct Field {
+    Field* pNext;
+    char* pszText;
+};
+
+inline Field* Divide(const char* pszLine, char chBetween) {
+    Field* pFirst = nullptr;
+    Field** ppLast = &pFirst;
+    for (bool fgMore = true; fgMore;) {
+        const char* const pszEnd = strchrnul(pszLine, chBetween);
+        *ppLast = static_cast<Field*>(std::malloc(sizeof(Field)));
+        **ppLast = {nullptr, strndup(pszLine, Distance(pszLine, pszEnd))};
+        ppLast = &(*ppLast)->pNext;
+        fgMore = *pszEnd != '\0';
+        pszLine = pszEnd + 1;
+    }
+    return pFirst;
+}
+
+inline void Free(Field* pFirst) {
+    while (pFirst != nullptr) {
+        Field* const pNext = pFirst->pNext;
+        std::free(pFirst->pszText);
+        std::free(pFirst);
+        pFirst = pNext;
+    }
+}
+
 }  // namespace bare
 
 /// The port that a socket of this machine is bound to.

@@ -19,6 +19,7 @@
 #include <deque>
 #include <list>
 #include <mutex>
+#include <random>
 #include <vector>
 
 #include "LinearJobs.h"
@@ -111,14 +112,9 @@ void SearchNearlyThere(int n) {
 
 void Divide(int n) {
     const std::string line = Repeated("field,", n);
-    std::list<std::string> fields;
-    Measured([&] {
-        const char* pszField = line.c_str();
-        while (const char* const pszEnd = std::strchr(pszField, ',')) {
-            fields.emplace_back(pszField, static_cast<std::size_t>(pszEnd - pszField));
-            pszField = pszEnd + 1;
-        }
-    });
+    bare::Field* pFirst = nullptr;
+    Measured([&] { pFirst = bare::Divide(line.c_str(), ','); });
+    bare::Free(pFirst);
 }
 
 void FillList(int n) {
@@ -184,6 +180,24 @@ void OpenDirectory(int n) {
             std::free(ppEntries[i]);
         }
         std::free(ppEntries);
+    });
+}
+
+void SortPaths(int n) {
+    std::mt19937 random(1);
+    std::vector<std::string> texts;
+    for (int i = 0; i < n; ++i) {
+        texts.push_back(std::to_string(random() % 100));
+    }
+    std::vector<const char*> paths;
+    for (const std::string& text : texts) {
+        paths.push_back(text.c_str());
+    }
+    Measured([&] {
+        std::qsort(paths.data(), paths.size(), sizeof(const char*), [](const void* pOne, const void* pOther) {
+            return strcasecmp(*static_cast<const char* const*>(pOne), *static_cast<const char* const*>(pOther));
+        });
+        Use(paths);
     });
 }
 
@@ -320,7 +334,10 @@ void SystemPath(int n) {
 void LogError(int n) {
     MeasuredWithLines([&] {
         for (int i = 0; i < n; ++i) {
-            std::fprintf(stderr, "Error****: stream %d: %s\n", i, kLogText);
+            char szLine[128];
+            const int nLine = std::snprintf(szLine, sizeof szLine, "Error****: stream %d: %s\n", i, kLogText);
+            const auto nWritten = write(STDERR_FILENO, szLine, static_cast<std::size_t>(nLine));
+            Use(nWritten);
         }
     });
 }
@@ -346,32 +363,47 @@ void LogStamped(int n) {
     });
 }
 
-void HandOver(int n) {
-    struct Queue {
-        std::mutex mutex;
-        std::deque<int*> buffers;
+class Queue {
+ public:
+    void Push(int* pBuffer) {
+        const std::lock_guard<std::mutex> guard(m_Mutex);
+        m_Buffers.push_back(pBuffer);
+    }
+    int* Pop() {
+        const std::lock_guard<std::mutex> guard(m_Mutex);
+        int* const pBuffer = m_Buffers.front();
+        m_Buffers.pop_front();
+        return pBuffer;
+    }
 
-        void Push(int* pBuffer) {
-            const std::lock_guard<std::mutex> guard(mutex);
-            buffers.push_back(pBuffer);
-        }
-        int* Pop() {
-            const std::lock_guard<std::mutex> guard(mutex);
-            int* const pBuffer = buffers.front();
-            buffers.pop_front();
-            return pBuffer;
-        }
-    };
+ private:
+    std::mutex m_Mutex;
+    std::deque<int*> m_Buffers;
+};
+
+/// A buffer over and back so many times, beside so many that wait.
+void HandOverAmong(int nTimes, int nWaiting) {
     Queue empty;
     Queue full;
-    int nBuffer = 0;
-    empty.Push(&nBuffer);
+    std::vector<int> buffers(static_cast<std::size_t>(nWaiting) + 1);
+    for (int& nBuffer : buffers) {
+        full.Push(&nBuffer);
+    }
+    empty.Push(full.Pop());
     Measured([&] {
-        for (int i = 0; i < n; ++i) {
+        for (int i = 0; i < nTimes; ++i) {
             full.Push(empty.Pop());
             empty.Push(full.Pop());
         }
     });
+}
+
+void HandOver(int n) {
+    HandOverAmong(n, 0);
+}
+
+void HandOverBeside(int n) {
+    HandOverAmong(kRepetitions, n);
 }
 
 /// So many registrations of which some have the name.
@@ -498,6 +530,7 @@ const std::map<std::string, void (*)(int)>& BareJobs() {
                                                                {"CopyList", CopyList},
                                                                {"PopList", PopList},
                                                                {"OpenDirectory", OpenDirectory},
+                                                               {"SortPaths", SortPaths},
                                                                {"ReuseABlock", ReuseABlock},
                                                                {"Lock", Lock},
                                                                {"StartThread", StartThread},
@@ -514,6 +547,7 @@ const std::map<std::string, void (*)(int)>& BareJobs() {
                                                                {"LogError", LogError},
                                                                {"LogStamped", LogStamped},
                                                                {"HandOver", HandOver},
+                                                               {"HandOverBeside", HandOverBeside},
                                                                {"Dispatch", Dispatch},
                                                                {"DispatchAmong", DispatchAmong},
                                                                {"PassRecord", PassRecord},
