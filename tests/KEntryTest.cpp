@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <clocale>
 #include <csignal>
@@ -608,25 +609,31 @@ int Starts() {
 /// where no sanitizer has an allocator of its own, and no descriptor.
 template <typename Code>
 void ExpectLeftByEachStart(std::size_t nWanted, const Code& work) {
-    constexpr int kFirst = 20;  // What is kept from the first time on is there behind these.
-    std::size_t nBytes = 0;
+    constexpr std::size_t kQuarters = 4;
+    const std::size_t nQuarter = static_cast<std::size_t>(Starts()) / kQuarters;
+    std::array<std::size_t, kQuarters> bytes = {};
     std::vector<int> descriptors;
-    for (int i = 0; i < Starts(); ++i) {
+    for (std::size_t i = 0; i < kQuarters * nQuarter; ++i) {
         ASSERT_NE(Start(), nullptr);
         ASSERT_NO_FATAL_FAILURE(work());
         KEntry::Deinit();
         ASSERT_FALSE(KAssert::GetActive());
         ASSERT_EQ(g_pDebugBuffer, nullptr);
-        if (i + 1 == kFirst) {
+        if (i + 1 == nQuarter) {
             descriptors = support::OpenDescriptors();
-            nBytes = support::BytesInUse();
         }
+        bytes[i / nQuarter] = support::BytesInUse();
     }
-    // Not exact: libc counts freed blocks that it has in hand, and what is too small to be cut off a block that it gives. A
-    // block that is lost has 16 bytes at least, so that one in more than every fourth start is seen.
+    // What each start leaves comes in every quarter. In the first there is also what is kept from the first time on, and in
+    // any of them blocks that libc has in hand, which it counts, once for each size.
+    double rLeft = static_cast<double>(bytes[1]) - static_cast<double>(bytes[0]);
+    for (std::size_t i = 2; i < kQuarters; ++i) {
+        rLeft = std::min(rLeft, static_cast<double>(bytes[i]) - static_cast<double>(bytes[i - 1]));
+    }
+    // Not exact: libc counts what is too small to be cut off a block that it gives, too. A block that is lost has 16 bytes at
+    // least, so that one in more than every fourth start is seen.
     constexpr double kSlack = 4;
-    const double rLeft = static_cast<double>(support::BytesInUse()) - static_cast<double>(nBytes);
-    EXPECT_NEAR(rLeft / (Starts() - kFirst), nBytes > 0 ? static_cast<double>(nWanted) : 0, kSlack);
+    EXPECT_NEAR(rLeft / static_cast<double>(nQuarter), bytes[0] > 0 ? static_cast<double>(nWanted) : 0, kSlack);
     EXPECT_EQ(support::OpenDescriptors(), descriptors);
 }
 
