@@ -12,6 +12,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -26,6 +27,7 @@
 
 #include "KAssert.h"
 #include "KDebug.h"
+#include "KDirectory.h"
 #include "KFile.h"
 #include "KList.h"
 #include "KMessage.h"
@@ -500,6 +502,20 @@ void WriteMessage(int nKind, const std::string& message) {
     }
 }
 
+/// The same as a text.
+void WriteText(int nKind, const std::string& message) {
+    switch (nKind) {
+        case 0:
+            KDebug::Error(KString(message.c_str()));
+            break;
+        case 1:
+            KDebug::Debug(KString(message.c_str()));
+            break;
+        default:
+            KDebug::Log(KString((kMarks[kLogKind] + message).c_str()));
+    }
+}
+
 /// What was written to the log, taken from its front piece by piece.
 class LogText {
  public:
@@ -564,7 +580,7 @@ TEST_P(RacesTest, LinesOfTheLogStayWholeAndInTheOrderOfTheirThread) {
     LogText log(support::StderrOf([&] {
         Hammer(Threads(), [&](int nThread) {
             for (int i = 0; i < nRounds; ++i) {
-                WriteMessage(i % kKinds, MessageOf(nThread, i));
+                (i % 2 == 0 ? WriteMessage : WriteText)(i % kKinds, MessageOf(nThread, i));
             }
         });
     }));
@@ -590,6 +606,43 @@ TEST_P(RacesTest, LinesOfTheLogStayWholeAndInTheOrderOfTheirThread) {
     }
     EXPECT_EQ(next, std::vector<int>(static_cast<std::size_t>(Threads()), nRounds));
     EXPECT_EQ(nStamps, nRounds / kKinds * Threads());
+}
+
+/// A thread's time, by which its lines are told: seconds and microseconds.
+std::string TimeLineOf(int nThread, int nNumber) {
+    char szLine[64];
+    std::snprintf(szLine, sizeof szLine, "Time:1970/01/03 16:30:%02d:%06d 6", nThread, nNumber);
+    return szLine;
+}
+
+TEST_P(RacesTest, TimesAreWrittenWholeBetweenTheLinesOfOthers) {
+    const ScopedLog written;
+    const int nRounds = Rounds(6000);
+    LogText log(support::StderrOf([&] {
+        Hammer(Threads(), [&](int nThread) {
+            for (int i = 0; i < nRounds; ++i) {
+                if (nThread % 2 == 0) {
+                    KDebug::Time(KTime(static_cast<long long>(nThread), i, 0, 0));
+                } else {
+                    WriteText(0, MessageOf(nThread, i));
+                }
+            }
+        });
+    }));
+    std::vector<int> next(static_cast<std::size_t>(Threads()), 0);
+    while (!log.IsAtEnd()) {
+        const std::string line = log.TakeLine();
+        // Behind the mark stands the thread; of a time, behind the minute.
+        const bool fgTime = line.rfind("Time:", 0) == 0;
+        const std::size_t nAt = fgTime ? TimeLineOf(0, 0).find("00:000000") : std::strlen(kMarks[0]);
+        ASSERT_GT(line.size(), nAt) << line;
+        const int nThread = std::atoi(line.c_str() + nAt);
+        ASSERT_TRUE(nThread >= 0 && nThread < Threads()) << line;
+        int& nNext = next[static_cast<std::size_t>(nThread)];
+        ASSERT_EQ(line, nThread % 2 == 0 ? TimeLineOf(nThread, nNext) : kMarks[0] + MessageOf(nThread, nNext));
+        ++nNext;
+    }
+    EXPECT_EQ(next, std::vector<int>(static_cast<std::size_t>(Threads()), nRounds));
 }
 
 TEST_P(RacesTest, RecordsOfAFileAreWrittenAndReadWhole) {
@@ -754,6 +807,44 @@ TEST_P(RacesTest, AFileThatHasNoPositionGivesItsLockBackToAll) {
     close(nOtherEnd);
 }
 
+/// The numbers that stand behind a text.
+std::set<int> NumbersBehind(const std::string& text, const std::string& sought) {
+    std::set<int> numbers;
+    for (auto n = text.find(sought); n != std::string::npos; n = text.find(sought, n + 1)) {
+        numbers.insert(std::atoi(text.c_str() + n + sought.size()));
+    }
+    return numbers;
+}
+
+TEST_P(RacesTest, DirectoriesOfAllThreadsCountTheirEntriesTogether) {
+    constexpr int kEntries = 5;  // With the directory itself and its parent.
+    const support::ScopedDirectory scratch;
+    for (const char* const pszName : {"a", "b", "c"}) {
+        scratch.File(pszName, "");
+    }
+    const ScopedLog written;
+    const int nRounds = Rounds(800);
+    const std::string log = support::StderrOf([&] {
+        Hammer(Threads(), [&](int) {
+            KPath path(scratch.Path().c_str());
+            for (int i = 0; i < nRounds; ++i) {
+                KDirectory own;
+                EXPECT_TRUE(own.Open(path));
+                EXPECT_EQ(own.GetCount(), kEntries);
+                KPath entry;
+                EXPECT_TRUE(own.Read(2, entry));
+                EXPECT_STREQ(entry.GetPath().GetBuffer(), "a");
+                EXPECT_TRUE(own.Close());
+            }
+        });
+    });
+    // Whoever reads an entry has the next number.
+    const std::set<int> numbers = NumbersBehind(log, "is Alread Read ");
+    const int nAll = kEntries * nRounds * Threads();
+    ASSERT_EQ(numbers.size(), static_cast<std::size_t>(nAll));
+    EXPECT_EQ(*numbers.rbegin() - *numbers.begin(), nAll - 1);
+}
+
 TEST_P(RacesTest, NodesAreAddedAndCountedWhole) {
     const support::ScopedChecks checks(false);
     support::Tree tree;
@@ -837,6 +928,25 @@ TEST_P(RacesTest, ATreeIsReadByAllThreadsAtOnce) {
             ASSERT_NE(ppText, nullptr);
             EXPECT_STREQ((*ppText)->GetStringValue().GetBuffer(), "North gate, beside the bridge over the river");
             EXPECT_EQ(read.Dump(), wanted);
+        }
+    });
+}
+
+TEST_P(RacesTest, PropertyListsAreReadSideBySide) {
+    const support::ScopedLevel level(3);
+    const support::ScopedDirectory directory;
+    Hammer(Threads(), [&](int nThread) {
+        const std::string name =
+            "a name that is long enough for a block of its own, of thread " + std::to_string(nThread);
+        for (int i = 0; i < Rounds(1600); ++i) {
+            const std::string number = std::to_string(i);
+            const std::string text = "<plist><dict><key>Name</key><string>" + name +
+                                     "</string><key>Number</key><integer>" + number + "</integer></dict></plist>";
+            const std::string wanted = "key(Name){string(" + name + ")}key(Number){integer(" + number + ")}";
+            support::ReadList fromText{KString(text.c_str())};
+            EXPECT_EQ(fromText.Dump(), wanted);
+            support::ReadList fromFile{KPath(directory.File(std::to_string(nThread), text).c_str())};
+            EXPECT_EQ(fromFile.Dump(), wanted);
         }
     });
 }
@@ -935,6 +1045,52 @@ TEST_P(RacesTest, TheSystemsDescriptionIsReadWhole) {
         }
     });
     KSystem::Deinit();
+}
+
+/// Reads every record that nothing fills.
+void ExpectUnfilledRecords() {
+    const KSystem::HardwareInformation hardware = KSystem::GetHWInfo();
+    EXPECT_EQ(hardware.m_strName.Length() + hardware.m_strVersion.Length() + hardware.m_nValue, 0);
+    const KSystem::UserInformation user = KSystem::GetUserInfo();
+    EXPECT_EQ(user.m_strName.Length() + user.m_Path.GetPath().Length() + user.m_nValue, 0);
+    const KSystem::StorageInformation storage = KSystem::GetStorageInfo();
+    for (const KPath* const pPath : {&storage.m_Path1, &storage.m_Path2, &storage.m_Path3}) {
+        EXPECT_EQ(pPath->GetPath().Length(), 0);
+    }
+    const KSystem::ApplicationInformation program = KSystem::GetAppInfo();
+    EXPECT_EQ(program.m_Path.GetPath().Length() + program.m_ConfigPath.GetPath().Length(), 0);
+    EXPECT_EQ(program.m_Arguments.GetCount() + program.m_Environment.GetCount(), 0);
+}
+
+TEST_P(RacesTest, TheProgramIsDescribedByOneThreadAtATime) {
+    const ScopedLog written;
+    KSystem& system = *KSystem::Init();
+    const int nRounds = Rounds(3200);
+    LogText log(support::StderrOf([&] {
+        Hammer(Threads(), [&](int nThread) {
+            const std::string name = "thread " + std::to_string(nThread);
+            const KString text(name.c_str());
+            KPath path(name.c_str());
+            for (int i = 0; i < nRounds; ++i) {
+                EXPECT_TRUE(system.SetAppInfo(text, path));
+                EXPECT_TRUE(system.SetHWInfo() && system.SetUserInfo() && system.SetDiskInfo() &&
+                            system.SetDefaultStoragePathInfo());
+                ExpectUnfilledRecords();
+            }
+        });
+    }));
+    KSystem::Deinit();
+    // The two lines of one description stand together.
+    int nDescriptions = 0;
+    for (; !log.IsAtEnd(); ++nDescriptions) {
+        ASSERT_TRUE(log.TakeStamp());
+        const std::string line = log.TakeLine();
+        const std::string mark = "AppName: ";
+        ASSERT_EQ(line.rfind(mark + "thread ", 0), 0u) << line;
+        ASSERT_TRUE(log.TakeStamp());
+        ASSERT_EQ(log.TakeLine(), "Configurefile: " + line.substr(mark.size()));
+    }
+    EXPECT_EQ(nDescriptions, nRounds * Threads());
 }
 
 /// Two settings stores: how often each was written to. What is read from one tells which it is.

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """check-figures.py SOURCE-DIRECTORY
 
-A figure of docs/reliability.md that also stands in what scripts/trust kept in docs/trust is the same there. Of a part that
-nothing was kept of, the document may have figures, but not say that they were made by scripts/trust.
+A figure of docs/reliability.md that also stands in what scripts/trust kept in docs/trust is the same there; one that can be
+counted in the sources is what they have. Of a part that nothing was kept of, the document may have figures, but not say that
+they were made by scripts/trust.
 """
 import pathlib
 import re
@@ -75,9 +76,21 @@ def figures_of_repeat(text):
         yield "`scripts/repeat 20 dev tsan`", f"{int(last[0]) - int(last[2])} of {last[1]} without a failure"
 
 
+def figures_of_soak(text):
+    """Of the first of the runs, which is the long one."""
+    def first(pattern):
+        return re.search(pattern, text, re.MULTILINE)[1]
+    yield "`scripts/soak 10 release`", f"{int(first(r'^pictures +([0-9]+)$')):,} pictures"
+    yield "`scripts/soak 10 release`", f"{float(first(r'^pictures a second +([0-9.]+) ')):.1f} a second"
+    yield "`scripts/soak 10 release`", f"{float(first(r'^pictures dropped +([0-9.]+) ')):g} dropped"
+    yield "`scripts/soak 10 release`", f"{int(first(r'^visits +([0-9]+);')):,} visits"
+    yield "`scripts/soak 10 release`", f"{int(first(r'^KB more resident at the end +(-?[0-9]+) ')):,} KB more"
+
+
 FIGURES = {"tests": figures_of_tests, "ubsan": figures_of_ubsan, "valgrind": figures_of_valgrind,
            "coverage": figures_of_coverage, "repeat": figures_of_repeat, "release": figures_of_release,
-           "clang": figures_of_clang, "lint": figures_of_lint, "torture": figures_of_torture}  # fmt: skip
+           "clang": figures_of_clang, "lint": figures_of_lint, "torture": figures_of_torture,
+           "soak": figures_of_soak}  # fmt: skip
 
 
 def check_methods(document, kept):
@@ -138,9 +151,33 @@ def check_claims(document, kept):
             yield f"a figure is said to be made by scripts/trust {part}, of which nothing was kept"
 
 
-def complaints(document, kept):
+NUMBERS = ("no", "one", "two", "three", "four", "five", "six", "seven", "eight", "nine", "ten", "eleven", "twelve")
+
+
+def counted(texts):
+    """What the sources have, by their paths, in the document's words."""
+    scenarios = sum(len(re.findall(r'\{"(\w+)",\s*\1,', text)) for path, text in texts.items() if "tests/torture/" in path)
+    races = texts["tests/RacesTest.cpp"]
+    threads = re.search(r"testing::Values\(([^)]*)\)", races)[1].split(",")
+    cases = len(re.findall(r"^TEST_P\(", races, re.MULTILINE)) * len(threads)
+    marked = [line for path, text in texts.items() if path.startswith(("inc/", "src/")) for line in text.splitlines()
+              if "GCOVR_EXCL_BR_LINE" in line]  # fmt: skip
+    deletes = sum(re.match(r"\s*delete ", line) is not None for line in marked)
+    yield f"{scenarios} scenarios"
+    yield f"{cases} cases"
+    yield f"{NUMBERS[len(marked)]} branches that the compiler makes, {NUMBERS[deletes]} of them for `delete`"
+
+
+def check_counts(document, texts):
+    words = " ".join(document.split())
+    for figure in counted(texts):
+        if not re.search(rf"(?<![\w,.-]){re.escape(figure)}", words):
+            yield f"the sources have {figure}, the document says something else"
+
+
+def complaints(document, kept, texts):
     checks = (check_methods, check_fuzzing, check_mutations, check_claims)
-    return [complaint for check in checks for complaint in check(document, kept)]
+    return [*(complaint for check in checks for complaint in check(document, kept)), *check_counts(document, texts)]
 
 
 # A document and what was kept, as the scripts print it, that agree; and what makes them disagree, each in one figure.
@@ -149,7 +186,9 @@ SAMPLE = """
 | What is shipped | 3,000 passed | `scripts/test release arm-release` |
 | By Clang | 2,100 tests, none failed | `scripts/test clang` |
 | Every source | nothing found | `scripts/lint` |
-| Failures | 63 scenarios, 6,504 failures | `build/dev/tests/TortureTest` |
+| Failures | 2 scenarios, 6,504 failures | `build/dev/tests/TortureTest` |
+| Threads | 6 cases | `ctest` |
+| The camera | 15,022 pictures, 25.0 a second, 1 dropped, 1,351 visits, 63 KB more resident | `scripts/soak 10 release` |
 | In random orders | both: 3 of 3 without a failure | `scripts/repeat 20 dev tsan` |
 | Undefined behaviour | 1,550 tests, no report | `scripts/test ubsan` |
 | Memory | 2 of 3 programs | `scripts/valgrind` |
@@ -169,7 +208,8 @@ SAMPLE = """
 
 | `KString` | 60 | 20,829 | 1,361 | nothing failed |
 
-Made by `scripts/trust fuzz` and by `scripts/trust mutate:KQueue`.
+Made by `scripts/trust fuzz` and by `scripts/trust mutate:KQueue`. Marked are two branches that the compiler makes, one
+of them for `delete` of a null pointer.
 """
 SAMPLE_KEPT = {
     "tests": "2024-05-06\n$ .ci/run\n\n=== dev ===\n100% tests passed, 0 tests failed out of 2000\n"
@@ -188,16 +228,32 @@ SAMPLE_KEPT = {
     "repeat": "dev: run 2 of 3, 30 programs, 0 runs with failures so far\n"
               "dev: run 3 of 3, 30 programs, 0 runs with failures so far\n"
               "tsan: run 3 of 3, 30 programs, 0 runs with failures so far\n",
+    "soak": "$ scripts/soak 10 release\n  1 min  136 visits\n\npictures            15022\n"
+            "visits              1351; 96366 pictures, 1585 MB; 3585 skipped for slow clients\n"
+            "pictures a second                                          25.02  at least 24.50\n"
+            "pictures dropped                                             1.0  at most 15.0\n"
+            "KB more resident at the end                                   63  at most 512\n"
+            "\n$ scripts/soak 2 asan\n\npictures            3005\n",
     "fuzz": "2024-05-06\nKString               20829      347     1361  nothing failed\n",
     "mutate": "2024-05-06\n"
               "KPath: 20 of 20 changes tried: 18 noticed (1 for the time that a test took), 2 survived (90.0 % noticed)\n"
               "KThread: 13 of 13 changes tried: 12 noticed (0 for the time that a test took), 0 survived (100.0 % noticed)\n"
               "KQueue: 9 of 2000 changes tried: 9 noticed (0 for the time that a test took), 0 survived (100.0 % noticed)\n",
     "mutate-KQueue": "2024-05-07\nKQueue: 100 of 2000 changes tried: 90 noticed (0 for the time), 0 survived\n"}  # fmt: skip
+SAMPLE_TEXTS = {
+    "tests/torture/AScenarios.cpp": 'return {{"A", A, {}},\n            {"B",\n             B,\n             {"new in B"}}};\n',
+    "tests/RacesTest.cpp": "TEST_P(RacesTest, A) {\nTEST_P(RacesTest, B) {\nINSTANTIATE(testing::Values(2, 4, 16))\n",
+    "inc/A.h": "        delete p;  // GCOVR_EXCL_BR_LINE: a reason\n", "src/A.cpp": "    p = new A();  // GCOVR_EXCL_BR_LINE: a reason\n"
+}  # fmt: skip
+CHANGES_OF_TEXTS = [("tests/torture/AScenarios.cpp", '{"A", A, {}},', ""), ("tests/RacesTest.cpp", "2, 4, 16", "2, 4"),
+                    ("tests/RacesTest.cpp", "TEST_P(RacesTest, B)", ""), ("inc/A.h", "delete p", "p = q"),
+                    ("src/A.cpp", "GCOVR", "")]  # fmt: skip
 CHANGES = [("tests", "7995 passed, 0 failed", "7995 passed, 1 failed"), ("tests", "7995 passed", "6995 passed"),
            ("tests", "\t1 - A.B (Skipped)\n", ""), ("tests", "out of 4001\n\t1 - A.B (Skipped)", "out of 4001"),
            ("tests", "out of 1000\n\n=== arm", "out of 1001\n\n=== arm"), ("release", "3000", "3001"),
            ("release", "0 failed", "1 failed"), ("clang", "2100", "2101"), ("clang", "0 tests failed", "1 tests failed"),
+           ("soak", "15022", "15023"), ("soak", "25.02", "24.02"), ("soak", "  1.0  at most", "  2.0  at most"),
+           ("soak", "1351", "1352"), ("soak", "  63  at", "  64  at"), ("soak", "KB more", "KB less"),
            ("lint", "$ scripts/lint\n", "$ scripts/lint\n(failed)\n"), ("torture", "6504", "6505"), ("coverage", "948", "949"),
            ("tests", "=== dev", "=== gone"), ("ubsan", "1550", "1551"),
            ("ubsan", "0 tests failed", "1 tests failed"), ("valgrind", "CTest: failed\n", ""), ("coverage", "3450", "3451"),
@@ -210,13 +266,17 @@ CHANGES = [("tests", "7995 passed, 0 failed", "7995 passed, 1 failed"), ("tests"
 
 def control():
     """What the check makes of the sample: nothing as it stands, something after each of the changes."""
-    yield from complaints(SAMPLE, SAMPLE_KEPT)
+    yield from complaints(SAMPLE, SAMPLE_KEPT, SAMPLE_TEXTS)
     for name, old, new in CHANGES:
         changed = SAMPLE_KEPT[name].replace(old, new)
-        if changed == SAMPLE_KEPT[name] or not complaints(SAMPLE, {**SAMPLE_KEPT, name: changed}):
+        if changed == SAMPLE_KEPT[name] or not complaints(SAMPLE, {**SAMPLE_KEPT, name: changed}, SAMPLE_TEXTS):
+            yield f"in the sample, '{new}' for '{old}' in {name} is not noticed"
+    for name, old, new in CHANGES_OF_TEXTS:
+        changed = SAMPLE_TEXTS[name].replace(old, new)
+        if changed == SAMPLE_TEXTS[name] or not complaints(SAMPLE, SAMPLE_KEPT, {**SAMPLE_TEXTS, name: changed}):
             yield f"in the sample, '{new}' for '{old}' in {name} is not noticed"
     for name in ("fuzz", "mutate-KQueue"):
-        if not complaints(SAMPLE, {other: text for other, text in SAMPLE_KEPT.items() if other != name}):
+        if not complaints(SAMPLE, {other: text for other, text in SAMPLE_KEPT.items() if other != name}, SAMPLE_TEXTS):
             yield f"in the sample, it is not noticed that {name} was not kept"
 
 
@@ -224,7 +284,10 @@ def main():
     source = pathlib.Path(sys.argv[1])
     kept = {path.stem: path.read_text(encoding="utf-8") for path in (source / "docs/trust").glob("*.txt")}
     document = (source / "docs/reliability.md").read_text(encoding="utf-8")
-    found = [*control(), *complaints(document, kept)]
+    texts = {str(path.relative_to(source)): path.read_text(encoding="utf-8")
+             for pattern in ("tests/torture/*.cpp", "tests/RacesTest.cpp", "inc/*.h", "src/**/*.h", "src/**/*.cpp")
+             for path in source.glob(pattern)}  # fmt: skip
+    found = [*control(), *complaints(document, kept, texts)]
     if found:
         print(*found, sep="\n")
     return 1 if found else 0
