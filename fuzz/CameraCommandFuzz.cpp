@@ -1,10 +1,20 @@
 // The camera's control channel: any bytes as the record that a client sends, and as the text that an answer is made of,
-// against a table of the commands as the camera's description has them.
+// against a table of the commands as the camera's description has them; and any bytes as what a client sends over the socket.
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <iterator>
 #include <map>
 
 #include "Command.h"
+#include "Control.h"
 #include "Fuzz.h"
 
 namespace {
@@ -68,6 +78,121 @@ void CompareText(const std::string& bytes) {
     CompareCommand(text, bytes);
 }
 
+constexpr std::size_t kRecord = sizeof(KIPC::IPCData);
+constexpr char kHeard[] = "heard: ";
+
+/// What a client does when it has sent its bytes.
+enum class Then { WAITS, STOPS_SENDING, LEAVES };
+
+/// A control channel that answers what it heard. Its socket file is opened and removed at once: clients reach it through the
+/// descriptor, and nothing is left of it, however the process ends.
+class Channel {
+ public:
+    Channel()
+        : m_Directory(MadeDirectory()), m_nAnswers(0), m_Control(Place(), [this](const KString& command) {
+              ++m_nAnswers;
+              return KString(kHeard) + command;
+          }) {
+        // As the camera does: a client may leave before its answer.
+        signal(SIGPIPE, SIG_IGN);
+        fuzz::Expect(ServeWithoutAlarms(), "the channel is made");
+        const std::string file = m_Directory + "/control_0";
+        const int nFile = open(file.c_str(), O_PATH | O_CLOEXEC);
+        const bool fgGone = unlink(file.c_str()) == 0 && rmdir(m_Directory.c_str()) == 0;
+        fuzz::Expect(nFile >= 0 && fgGone, "its socket file is there, and removed");
+        m_Address.sun_family = AF_UNIX;
+        std::snprintf(m_Address.sun_path, sizeof(m_Address.sun_path), "/proc/self/fd/%d", nFile);
+    }
+    Channel(const Channel&) = delete;
+    Channel& operator=(const Channel&) = delete;
+
+    /// Sends bytes as a client, at once. Returns all that comes back until the channel closes the connection.
+    std::string Exchange(const std::string& bytes, Then eThen) {
+        const int nSocket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        fuzz::Expect(connect(nSocket, reinterpret_cast<const sockaddr*>(&m_Address), sizeof(m_Address)) == 0,
+                     "the channel is reached");
+        fuzz::Expect(send(nSocket, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()),
+                     "the client sends");
+        if (eThen == Then::STOPS_SENDING) {
+            shutdown(nSocket, SHUT_WR);
+        }
+        std::string answer;
+        char buffer[2 * kRecord];
+        // The end may be an error: bytes that the channel did not read are lost.
+        bool fgMore = eThen != Then::LEAVES;
+        while (fgMore) {
+            const ssize_t nRead = read(nSocket, buffer, sizeof(buffer));
+            answer.append(buffer, nRead > 0 ? static_cast<std::size_t>(nRead) : 0);
+            fgMore = nRead > 0 || (nRead < 0 && errno == EINTR);
+        }
+        close(nSocket);
+        return answer;
+    }
+
+    int Answers() const { return m_nAnswers; }
+
+ private:
+    static std::string MadeDirectory() {
+        const char* const pszParent = std::getenv("TMPDIR");
+        std::string path = std::string(pszParent != nullptr ? pszParent : "/tmp") + "/kalvoren-fuzz-XXXXXX";
+        fuzz::Expect(mkdtemp(&path[0]) != nullptr, "there is a directory");
+        return path;
+    }
+
+    /// The fuzzer looks at its clock by an alarm, which would end a wait of the channel's thread.
+    bool ServeWithoutAlarms() {
+        sigset_t alarms, before;
+        sigemptyset(&alarms);
+        sigaddset(&alarms, SIGALRM);
+        pthread_sigmask(SIG_BLOCK, &alarms, &before);
+        const bool fgServes = m_Control.Serve();
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        return fgServes;
+    }
+
+    camera::Settings Place() const {
+        camera::Settings settings;
+        settings.socket = fuzz::Made(m_Directory + "/control");
+        settings.nChannel = 0;
+        return settings;
+    }
+
+    const std::string m_Directory;
+    std::atomic<int> m_nAnswers;
+    camera::Control m_Control;
+    sockaddr_un m_Address = {};
+};
+
+/// A client gets an answer exactly when its first bytes are a whole record: the answer to that.
+void CompareExchange(Channel& channel, const std::string& bytes, Then eThen) {
+    static int nAnswers = 0;
+    const bool fgWhole = bytes.size() >= kRecord;
+    const std::string command = bytes.substr(0, kRecord);
+    std::string wanted = (kHeard + command.substr(0, command.find('\0'))).substr(0, kRecord - 1);
+    wanted.resize(kRecord, '\0');
+    nAnswers += fgWhole ? 1 : 0;
+    const std::string got = channel.Exchange(bytes, eThen);
+    fuzz::ExpectSame(got, fgWhole && eThen != Then::LEAVES ? wanted : "", "what comes back");
+    if (eThen != Then::LEAVES) {
+        // Clients come one after the other, so that those who left have been heard by now.
+        fuzz::ExpectSame(channel.Answers(), nAnswers, "commands that were heard");
+    }
+}
+
+/// Bytes as they come; a whole record, alone and with the bytes once more behind it; and clients that do not wait. No client
+/// stays silent: that would take the channel two seconds.
+void CompareChannel(const std::string& bytes) {
+    static Channel channel;
+    std::string record = bytes;
+    record.resize(kRecord, '\0');
+    CompareExchange(channel, bytes, Then::LEAVES);
+    CompareExchange(channel, record, Then::LEAVES);
+    CompareExchange(channel, bytes, bytes.empty() ? Then::STOPS_SENDING : Then::WAITS);
+    CompareExchange(channel, record, Then::WAITS);
+    CompareExchange(channel, record + bytes, Then::WAITS);
+    CompareExchange(channel, record.substr(0, kRecord - 1), Then::STOPS_SENDING);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nBytes) {
@@ -83,5 +208,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nB
         longer += bytes;
     }
     CompareText(longer);
+    // More than a connection has room for would have to be sent in pieces.
+    constexpr std::size_t kMost = 8 * kRecord;
+    CompareChannel(bytes.substr(0, kMost));
     return 0;
 }

@@ -105,7 +105,10 @@ inline KString Made(const std::string& text) {
 /// The library's log would drown the fuzzer's.
 inline void BeQuiet() {
     constexpr int kNothing = 3;
-    g_eDebugLevel = kNothing;
+    // Before a target has threads of its own, which look at it.
+    if (g_eDebugLevel != kNothing) {
+        g_eDebugLevel = kNothing;
+    }
 }
 
 }  // namespace fuzz
