@@ -1,10 +1,16 @@
-// Paths: sequences of operations on a path and on a model made of std::string.
+// Paths: sequences of operations on a path and on a model made of std::string. Texts may hold NULs, which only what takes a
+// plain pointer, and the extension's exchange, stop at.
 #include "Fuzz.h"
 #include "KPath.h"
 
 namespace {
 
 constexpr std::size_t kLongest = 3000;
+
+/// A text as far as its first NUL.
+std::string Plain(const std::string& text) {
+    return text.substr(0, text.find('\0'));
+}
 
 std::string WithSlashes(std::string text) {
     for (char& ch : text) {
@@ -26,6 +32,14 @@ struct Model {
     long long Last(char ch) const {
         const std::size_t nPlace = text.rfind(ch);
         return nPlace == std::string::npos ? -1 : static_cast<long long>(nPlace);
+    }
+
+    void Append(const std::string& other) {
+        if (text.empty()) {
+            text = other;
+        } else {
+            Join(other);
+        }
     }
 
     void Join(const std::string& other) { text += (other.empty() || other[0] != '/' ? "/" : "") + other; }
@@ -61,8 +75,13 @@ struct Model {
             text += "." + ext;
             return;
         }
-        for (std::size_t n = text.find(old); n != std::string::npos; n = text.find(old, n + ext.size())) {
-            text.replace(n, old.size(), ext);
+        // As texts are replaced in strings.
+        const std::string from = Plain(old);
+        const std::string to = Plain(ext);
+        text = from.empty() ? text : Plain(text);
+        for (std::size_t n = text.find(from); !from.empty() && n != std::string::npos;
+             n = text.find(from, n + to.size())) {
+            text.replace(n, from.size(), to);
         }
     }
 
@@ -79,6 +98,12 @@ struct Model {
     }
 };
 
+/// What is rendered, to its last byte, and the NUL behind it.
+void CompareSystemPath(KPath& path, KPath::ConvPathTo eConversion, std::string wanted, const char* pszWhat) {
+    wanted += '\0';
+    fuzz::ExpectSame(std::string(path.GetSystemPath(eConversion), wanted.size()), wanted, pszWhat);
+}
+
 void Compare(KPath& path, const Model& model) {
     fuzz::ExpectSame(fuzz::TextOf(path.GetPath()), model.text, "text");
     fuzz::ExpectSame(static_cast<int>(path.GetType()), static_cast<int>(model.eType), "type");
@@ -86,17 +111,31 @@ void Compare(KPath& path, const Model& model) {
     fuzz::ExpectSame(fuzz::TextOf(path.GetNameOnly()), model.Name(), "name");
     fuzz::ExpectSame(fuzz::TextOf(path.GetExt()), model.Ext(), "extension");
     fuzz::ExpectSame(fuzz::TextOf(path.GetSubPath().GetPath()), WithSlashes(model.Sub()), "last component");
-    fuzz::ExpectSame(path.GetSystemPath(KPath::CONV_SLASH), model.System(false), "system path");
-    fuzz::ExpectSame(path.GetSystemPath(KPath::CONV_BACKSLASH), model.System(true), "system path with backslashes");
+    CompareSystemPath(path, KPath::CONV_SLASH, model.System(false), "system path");
+    CompareSystemPath(path, KPath::CONV_BACKSLASH, model.System(true), "system path with backslashes");
+}
+
+/// The operations that every byte below a bound stands for; those above stand for all, of texts with NULs.
+constexpr int kFirstOperations = 10;
+constexpr int kOperations = 14;
+constexpr int kAllFrom = 180;
+
+/// A path that is made of another and a text.
+void Join(KPath& path, Model& model, const KPath& joined, const std::string& text) {
+    fuzz::ExpectSame(fuzz::TextOf(path.GetPath()), model.text, "the left side of +");
+    path = joined;
+    model.Join(text);
 }
 
 void Change(KPath& path, Model& model, fuzz::Input& input) {
-    const int nOperation = input.Range(0, 9);
-    const std::string text = input.PlainText();
+    const int nByte = input.Byte();
+    const bool fgAll = nByte >= kAllFrom;
+    const std::string text = fgAll ? input.Text() : input.PlainText();
+    const std::string plain = Plain(text);
     const KString given = fuzz::Made(text);
-    switch (nOperation) {
+    switch (nByte % (fgAll ? kOperations : kFirstOperations)) {
         case 0:
-            path = given;
+            fuzz::Expect(&(path = given) == &path, "= returns its left side");
             model = {WithSlashes(text), KPath::TYPE_NONE};
             break;
         case 1:
@@ -110,20 +149,15 @@ void Change(KPath& path, Model& model, fuzz::Input& input) {
             break;
         }
         case 3:
-            path += given;
-            if (model.text.empty()) {
-                model.text = text;
-            } else {
-                model.Join(text);
-            }
+            fuzz::Expect(&(path += given) == &path, "+= returns its left side");
+            model.Append(text);
             break;
         case 4:
             path += KPath(given);
             model.Join(WithSlashes(text));
             break;
         case 5:
-            path = path + given;
-            model.Join(WithSlashes(text));
+            Join(path, model, path + given, WithSlashes(text));
             break;
         case 6:
             path.RemoveSubPath();
@@ -137,11 +171,25 @@ void Change(KPath& path, Model& model, fuzz::Input& input) {
             path += path;
             model.Join(std::string(model.text));
             break;
+        case 10:
+            fuzz::Expect(&(path += text.c_str()) == &path, "+= of a plain text returns its left side");
+            model.Append(plain);
+            break;
+        case 11:
+            Join(path, model, path + text.c_str(), WithSlashes(plain));
+            break;
+        case 12:
+            Join(path, model, path + KPath(given), WithSlashes(text));
+            break;
+        case 13:
+            fuzz::Expect(&(path = text.c_str()) == &path, "= of a plain text returns its left side");
+            model = {WithSlashes(plain), KPath::TYPE_NONE};
+            break;
         default: {
             const KPath copy(path);
             fuzz::ExpectSame(copy == path, !model.text.empty(), "a copy equals what it was made of");
             path = KPath(text.c_str());
-            model = {WithSlashes(text), KPath::TYPE_NONE};
+            model = {WithSlashes(plain), KPath::TYPE_NONE};
             break;
         }
     }
