@@ -1,13 +1,15 @@
 // The camera's control channel: any bytes as the record that a client sends, and as the text that an answer is made of,
 // against a table of the commands as the camera's description has them; and any bytes as what a client sends over the socket.
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <csignal>
+#include <cerrno>
 #include <iterator>
 #include <map>
 
@@ -92,8 +94,8 @@ class Channel {
               return KString(kHeard) + command;
           }) {
         // As the camera does: a client may leave before its answer.
-        std::signal(SIGPIPE, SIG_IGN);
-        fuzz::Expect(m_Control.Serve(), "the channel is made");
+        signal(SIGPIPE, SIG_IGN);
+        fuzz::Expect(ServeWithoutAlarms(), "the channel is made");
         const std::string file = m_Directory + "/control_0";
         const int nFile = open(file.c_str(), O_PATH | O_CLOEXEC);
         const bool fgGone = unlink(file.c_str()) == 0 && rmdir(m_Directory.c_str()) == 0;
@@ -117,9 +119,11 @@ class Channel {
         std::string answer;
         char buffer[2 * kRecord];
         // The end may be an error: bytes that the channel did not read are lost.
-        for (ssize_t nRead = 1; eThen != Then::LEAVES && nRead > 0;) {
-            nRead = read(nSocket, buffer, sizeof(buffer));
+        bool fgMore = eThen != Then::LEAVES;
+        while (fgMore) {
+            const ssize_t nRead = read(nSocket, buffer, sizeof(buffer));
             answer.append(buffer, nRead > 0 ? static_cast<std::size_t>(nRead) : 0);
+            fgMore = nRead > 0 || (nRead < 0 && errno == EINTR);
         }
         close(nSocket);
         return answer;
@@ -133,6 +137,17 @@ class Channel {
         std::string path = std::string(pszParent != nullptr ? pszParent : "/tmp") + "/kalvoren-fuzz-XXXXXX";
         fuzz::Expect(mkdtemp(&path[0]) != nullptr, "there is a directory");
         return path;
+    }
+
+    /// The fuzzer looks at its clock by an alarm, which would end a wait of the channel's thread.
+    bool ServeWithoutAlarms() {
+        sigset_t alarms, before;
+        sigemptyset(&alarms);
+        sigaddset(&alarms, SIGALRM);
+        pthread_sigmask(SIG_BLOCK, &alarms, &before);
+        const bool fgServes = m_Control.Serve();
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        return fgServes;
     }
 
     camera::Settings Place() const {

@@ -150,8 +150,8 @@ std::string WithoutCount(const std::string& message) {
 /// Why a read ends, and where the reason stands; what is said behind the mark. Nothing where no word is lost about it.
 struct Ending {
     std::size_t nPlace = kNoPlace;
-    std::string what = "";
-    std::string more = "";
+    std::string what = {};
+    std::string more = {};
 };
 
 /// What an element is, whatever its tag looks like.
