@@ -127,7 +127,8 @@ class KALVOREN_API KString {
     int Sprintf(const char* format, ...) KALVOREN_PRINTF(2, 3);
 
     /// Reads values from the text at @p nStart (`vsscanf`) and returns how many were read. 0 when @p nStart is not below
-    /// the length; a negative one counts as 0.
+    /// the length; a negative one counts as 0, but is below the length of an empty text as well, in which `vsscanf` finds
+    /// nothing (-1).
     int Scanf(int nStart, const char* format, ...) const KALVOREN_SCANF(3, 4);
 
     /// Returns the number at the start of the text: hexadecimal after "0x", binary after "0b" (in either case, and with

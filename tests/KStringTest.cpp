@@ -965,8 +965,13 @@ TEST(KStringTest, ScanfFromANegativeStartReadsFromTheBeginning) {
         EXPECT_EQ(KString("12").Scanf(nStart, "%d", &nNumber), 1);
         EXPECT_EQ(nNumber, 12);
     }
+}
+
+TEST(KStringTest, ScanfOfAnEmptyTextFromANegativeStartFindsNothing) {
     int nNumber = 0;
     EXPECT_EQ(EmptyWithBuffer().Scanf(-1, "%d", &nNumber), EOF);
+    EXPECT_EQ(KString().Scanf(-1, "%d", &nNumber), EOF);
+    EXPECT_EQ(nNumber, 0);
 }
 
 TEST(KStringTest, ToDigitReadsHexadecimalBinaryAndDecimalNumbers) {

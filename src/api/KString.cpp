@@ -478,7 +478,7 @@ int KString::Scanf(int nStart, const char* format, ...) const {
     }
     va_list arguments;
     va_start(arguments, format);
-    const int nCount = std::vsscanf(m_pszString + NotNegative(nStart), format, arguments);
+    const int nCount = std::vsscanf(GetBuffer() + NotNegative(nStart), format, arguments);
     va_end(arguments);
     return nCount;
 }
