@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <vector>
 
 #include "support/Interpose.h"
 #include "support/LeaveProcess.h"
@@ -479,6 +480,47 @@ TEST_F(KSystemTest, AHookIsLookedUpUnderTheLockAndCalledWithoutIt) {
         const support::ScopedCalls calls;
         EXPECT_TRUE(system.ReadRegistry(KSystem::REGISTRY_USER, key, value));
         EXPECT_THAT(calls.Names(), testing::ElementsAre(support::kLock, support::kUnlock, "read hook"));
+    }
+}
+
+/// How many other locks were taken while the first one was held; -1 where none was.
+int LocksWithinTheFirst(const std::vector<std::string>& calls) {
+    int nHeld = 0;
+    int nTaken = -1;
+    for (const std::string& call : calls) {
+        nTaken += call == support::kLock ? 1 : 0;
+        nHeld += call == support::kLock ? 1 : -1;
+        if (nHeld == 0) {
+            break;
+        }
+    }
+    return nTaken;
+}
+
+TEST_F(KSystemTest, EveryRecordIsSetAndReadUnderTheLock) {
+    // Of no interest here is the lock that messages take.
+    const ScopedLevel level(3);
+    KSystem& system = *KSystem::Init();
+    KPath path("path");
+    struct Case {
+        const char* pszName;
+        std::function<void()> run;
+        int nLocksWithin;
+    };
+    const Case cases[] = {
+        {"SetOSInfo", [&] { system.SetOSInfo(); }, 0},
+        {"SetAppInfo", [&] { system.SetAppInfo("name", path); }, 0},
+        {"GetOSInfo", [] { KSystem::GetOSInfo(); }, 0},
+        {"GetHWInfo", [] { KSystem::GetHWInfo(); }, 0},
+        {"GetUserInfo", [] { KSystem::GetUserInfo(); }, 0},
+        // Its two lists have locks of their own, and so have their copies.
+        {"GetAppInfo", [] { KSystem::GetAppInfo(); }, 4},
+        {"GetStorageInfo", [] { KSystem::GetStorageInfo(); }, 0},
+    };
+    for (const Case& each : cases) {
+        const support::ScopedCalls calls;
+        each.run();
+        EXPECT_EQ(LocksWithinTheFirst(calls.Names()), each.nLocksWithin) << each.pszName;
     }
 }
 
