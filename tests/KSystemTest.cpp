@@ -11,7 +11,6 @@
 #include <string>
 #include <thread>
 #include <type_traits>
-#include <vector>
 
 #include "support/Interpose.h"
 #include "support/LeaveProcess.h"
@@ -483,20 +482,6 @@ TEST_F(KSystemTest, AHookIsLookedUpUnderTheLockAndCalledWithoutIt) {
     }
 }
 
-/// How many other locks were taken while the first one was held; -1 where none was.
-int LocksWithinTheFirst(const std::vector<std::string>& calls) {
-    int nHeld = 0;
-    int nTaken = -1;
-    for (const std::string& call : calls) {
-        nTaken += call == support::kLock ? 1 : 0;
-        nHeld += call == support::kLock ? 1 : -1;
-        if (nHeld == 0) {
-            break;
-        }
-    }
-    return nTaken;
-}
-
 TEST_F(KSystemTest, EveryRecordIsSetAndReadUnderTheLock) {
     // Of no interest here is the lock that messages take.
     const ScopedLevel level(3);
@@ -505,22 +490,22 @@ TEST_F(KSystemTest, EveryRecordIsSetAndReadUnderTheLock) {
     struct Case {
         const char* pszName;
         std::function<void()> run;
-        int nLocksWithin;
+        int nLocks;
     };
     const Case cases[] = {
-        {"SetOSInfo", [&] { system.SetOSInfo(); }, 0},
-        {"SetAppInfo", [&] { system.SetAppInfo("name", path); }, 0},
-        {"GetOSInfo", [] { KSystem::GetOSInfo(); }, 0},
-        {"GetHWInfo", [] { KSystem::GetHWInfo(); }, 0},
-        {"GetUserInfo", [] { KSystem::GetUserInfo(); }, 0},
-        // Its two lists have locks of their own, and so have their copies.
-        {"GetAppInfo", [] { KSystem::GetAppInfo(); }, 4},
-        {"GetStorageInfo", [] { KSystem::GetStorageInfo(); }, 0},
+        {"SetOSInfo", [&] { system.SetOSInfo(); }, 1},
+        {"SetAppInfo", [&] { system.SetAppInfo("name", path); }, 1},
+        {"GetOSInfo", [] { KSystem::GetOSInfo(); }, 1},
+        {"GetHWInfo", [] { KSystem::GetHWInfo(); }, 1},
+        {"GetUserInfo", [] { KSystem::GetUserInfo(); }, 1},
+        // Each of its lists has a lock of its own, and so has the copy.
+        {"GetAppInfo", [] { KSystem::GetAppInfo(); }, 3},
+        {"GetStorageInfo", [] { KSystem::GetStorageInfo(); }, 1},
     };
     for (const Case& each : cases) {
         const support::ScopedCalls calls;
         each.run();
-        EXPECT_EQ(LocksWithinTheFirst(calls.Names()), each.nLocksWithin) << each.pszName;
+        EXPECT_EQ(support::MostLocksAtOnce(calls.Names()), each.nLocks) << each.pszName;
     }
 }
 
