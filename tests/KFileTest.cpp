@@ -15,8 +15,10 @@
 #include <thread>
 #include <vector>
 
+#include "support/Interpose.h"
 #include "support/LeaveProcess.h"
 #include "support/LogLines.h"
+#include "support/MutexCalls.h"
 #include "support/Support.h"
 
 using support::ContentOf;
@@ -730,6 +732,28 @@ TEST_F(KFileTest, DeletesItselfOnlyWhileOpen) {
     EXPECT_EQ(LogOf([&] { EXPECT_TRUE(file.Delete()); }), "Log: ****File Close\n");
     EXPECT_FALSE(file.IsValid());
     EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST_F(KFileTest, WhetherAStreamIsOpenIsAskedUnderTheLock) {
+    const KPath path = PathOf(Directory().Entry("a"));
+    KPath other = PathOf(Directory().Entry("b"));
+    KFile open(path, true);
+    ASSERT_TRUE(open.Open());
+    KFile closed(path, true);
+    struct Case {
+        const char* pszName;
+        std::function<bool()> refuse;
+    };
+    const Case cases[] = {
+        {"creating", [&] { return !open.Create(false); }},
+        {"renaming", [&] { return !closed.Rename(other); }},
+        {"deleting", [&] { return !closed.Delete(); }},
+    };
+    for (const Case& each : cases) {
+        const support::ScopedCalls calls;
+        EXPECT_TRUE(each.refuse()) << each.pszName;
+        EXPECT_EQ(calls.Names(), (std::vector<std::string>{support::kLock, support::kUnlock})) << each.pszName;
+    }
 }
 
 // --------------------------------------------------------------------------------------------------- Files by any path

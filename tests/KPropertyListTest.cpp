@@ -12,7 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "KDebug.h"
 #include "KPath.h"
+#include "support/FailingMalloc.h"
 #include "support/HeapUse.h"
 #include "support/LogLines.h"
 #include "support/PropertyTree.h"
@@ -491,6 +493,26 @@ TEST(KPropertyListTest, InitReadsTheProcesssListOnce) {
     const ScopedInstance instance(second);
     const ScopedChecks checks(true);
     EXPECT_EQ(DumpOfInstance(), "key(second)");
+}
+
+TEST(KPropertyListTest, ANodeWithoutMemoryForItsPlaceInTheTreeIsGivenBack) {
+    const ScopedLevel silent(kNoLines);
+    // The log has its buffers before memory is lacking: with one of them alone it would make both again.
+    KDebug::Deinit();
+    KDebug::Init();
+    EXPECT_EQ(support::BytesLeftBy([] {
+                  // Each block is refused in turn, with all that are asked for after it.
+                  for (int nWorks = 0, nRefused = 1; nRefused > 0; ++nWorks) {
+                      Tree tree;
+                      KPropertyList list{KString()};
+                      KString text("<dict><key>a</key><string>b</string></dict>");
+                      const support::ScopedNoMalloc none(nWorks);
+                      list.Parshing(text, &tree.Root());
+                      nRefused = none.Refused();
+                  }
+              }),
+              0u);
+    KDebug::Deinit();
 }
 
 TEST(KPropertyListTest, WhatWasReadGivesItsMemoryBackWhereverTheReadEnded) {

@@ -1,14 +1,19 @@
 #include <climits>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <new>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "KPropertyList.h"
+#include "support/Interpose.h"
+#include "support/MutexCalls.h"
 #include "support/PropertyTree.h"
 #include "support/Support.h"
 
@@ -496,6 +501,32 @@ TEST(KPropertyNodeTest, DestroysATreeOfAnyDepth) {
 }
 
 // ------------------------------------------------------------------------------------------------------------ Threads
+
+TEST(KPropertyNodeTest, EveryChangeHoldsTheNodesLockAndTakesTheListsInsideIt) {
+    const ScopedChecks checks(false);
+    std::optional<KPropertyNode> node(std::in_place);
+    KPropertyNode child;
+    KPropertyList list{KString()};
+    KString text("<dict></dict>");
+    struct Case {
+        const char* pszName;
+        std::function<void()> run;
+        int nLocks;
+    };
+    const Case cases[] = {
+        {"Set", [&] { node->Set(PROPERTY_STRING, "text"); }, 1},
+        {"AddNode", [&] { node->AddNode(&child); }, 2},
+        {"RemoveNode", [&] { node->RemoveNode(0); }, 2},
+        // The children of one list become those of another.
+        {"Parshing", [&] { list.Parshing(text, &*node); }, 3},
+        {"the destructor", [&] { node.reset(); }, 2},
+    };
+    for (const Case& each : cases) {
+        const support::ScopedCalls calls;
+        each.run();
+        EXPECT_EQ(support::MostLocksAtOnce(calls.Names()), each.nLocks) << each.pszName;
+    }
+}
 
 TEST(KPropertyNodeTest, TwoThreadsCanAddChildrenAtOnce) {
     constexpr int kChildren = 300;

@@ -8,6 +8,7 @@
 #include <functional>
 #include <mutex>
 #include <numeric>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -414,6 +415,13 @@ TEST(KQueueTest, ABufferIsLockedFromTheLockToTheUnlockAlsoWhenItCouldNotBeServed
         each.pUnlock(buffer);
         EXPECT_THAT(calls.Names(), ElementsAre(kLock, kUnlock));
     }
+}
+
+TEST(KQueueTest, DestroyingABufferTakesItsLock) {
+    std::optional<Buffer> buffer(1024);
+    const ScopedCalls calls;
+    buffer.reset();
+    EXPECT_THAT(calls.Names(), ElementsAre(kLock, kUnlock));
 }
 
 TEST(KQueueTest, ThreadsThatWriteOneBufferTakeTurns) {

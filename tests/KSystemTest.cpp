@@ -482,6 +482,33 @@ TEST_F(KSystemTest, AHookIsLookedUpUnderTheLockAndCalledWithoutIt) {
     }
 }
 
+TEST_F(KSystemTest, EveryRecordIsSetAndReadUnderTheLock) {
+    // Of no interest here is the lock that messages take.
+    const ScopedLevel level(3);
+    KSystem& system = *KSystem::Init();
+    KPath path("path");
+    struct Case {
+        const char* pszName;
+        std::function<void()> run;
+        int nLocks;
+    };
+    const Case cases[] = {
+        {"SetOSInfo", [&] { system.SetOSInfo(); }, 1},
+        {"SetAppInfo", [&] { system.SetAppInfo("name", path); }, 1},
+        {"GetOSInfo", [] { KSystem::GetOSInfo(); }, 1},
+        {"GetHWInfo", [] { KSystem::GetHWInfo(); }, 1},
+        {"GetUserInfo", [] { KSystem::GetUserInfo(); }, 1},
+        // Each of its lists has a lock of its own, and so has the copy.
+        {"GetAppInfo", [] { KSystem::GetAppInfo(); }, 3},
+        {"GetStorageInfo", [] { KSystem::GetStorageInfo(); }, 1},
+    };
+    for (const Case& each : cases) {
+        const support::ScopedCalls calls;
+        each.run();
+        EXPECT_EQ(support::MostLocksAtOnce(calls.Names()), each.nLocks) << each.pszName;
+    }
+}
+
 TEST_F(KSystemTest, AHookMayUseTheSystem) {
     KSystem& system = *KSystem::Init();
     system.SetRegistryHooks(UseTheSystem, nullptr);

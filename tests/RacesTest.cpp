@@ -1374,6 +1374,32 @@ TEST_P(RacesTest, LocksAreTakenInOneOrder) {
     EXPECT_EQ(CountOf(log, "Error****: File Position["), 2 * nReceived);
 }
 
+// ---------------------------------------------------------------------------------------------- From list to list
+
+TEST_P(RacesTest, ElementsAreMovedOutOfAListUnderThoseWhoFillIt) {
+    KList<int> source;
+    KList<int> target;
+    const int nRounds = Rounds(16000);
+    Hammer(Threads(), [&](int nThread) {
+        for (int i = 0; i < nRounds; ++i) {
+            EXPECT_TRUE(source.Add(nThread * nRounds + i));
+            if (i % 8 == nThread % 8) {
+                KList<int>::Appender appender(target);
+                appender.Take(source);
+            }
+        }
+    });
+    KList<int>::Appender(target).Take(source);
+    EXPECT_EQ(source.GetCount(), 0);
+    // Each thread's elements stand in the order in which it added them, and all are there.
+    std::vector<int> next(static_cast<std::size_t>(Threads()), 0);
+    KList<int>::Reader reader(target);
+    while (const int* const pValue = reader.Next()) {
+        ASSERT_EQ(*pValue % nRounds, next[static_cast<std::size_t>(*pValue / nRounds)]++);
+    }
+    EXPECT_EQ(next, std::vector<int>(static_cast<std::size_t>(Threads()), nRounds));
+}
+
 INSTANTIATE_TEST_SUITE_P(Threads, RacesTest, testing::Values(2, 4, 16), testing::PrintToStringParamName());
 
 }  // namespace

@@ -5,6 +5,10 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include "support/Interpose.h"
 
 namespace support {
@@ -12,6 +16,17 @@ namespace support {
 constexpr const char* kLock = "pthread_mutex_lock";
 constexpr const char* kTryLock = "pthread_mutex_trylock";
 constexpr const char* kUnlock = "pthread_mutex_unlock";
+
+/// How many locks were held at the same time, of those that were taken and given back.
+inline int MostLocksAtOnce(const std::vector<std::string>& calls) {
+    int nHeld = 0;
+    int nMost = 0;
+    for (const std::string& call : calls) {
+        nHeld += call == kLock ? 1 : call == kUnlock ? -1 : 0;
+        nMost = std::max(nMost, nHeld);
+    }
+    return nMost;
+}
 
 }  // namespace support
 
