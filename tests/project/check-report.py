@@ -19,6 +19,22 @@ import instruction_cost  # noqa: E402
 import report  # noqa: E402
 import shown  # noqa: E402
 
+# The jobs whose instructions are counted, by those whose times are to grow in some way; and how much more than in proportion
+# check-linear.sh may allow there.
+COUNTED = {
+    "append 16 bytes n times": ["Append"],
+    "divide a line of n fields": ["Divide"],
+    "fill a list and destroy it": ["FillList", "CopyList"],
+    "walk a list": ["WalkList"],
+    "fill a list and pop all": ["FillList", "PopList"],
+    "read a property list of n bytes": ["ReadFlat", "ReadNested"],
+    "dispatch by name": ["Dispatch", "DispatchAmong"],
+    "open a directory of n entries": ["OpenDirectory"],
+    "open a directory of n entries, with libc's own settings": ["OpenDirectory"],
+    "allocate and free 64 bytes beside n live blocks": ["ReuseABlock"],
+}
+ALLOWED = {"linear": 1.02, "n log n": 1, "constant": 1.3}
+
 WITH_NOTE = "compare equal texts of n bytes"  # a job that has one
 CONTEXT = {"date": "2024-05-06T14:20:07+00:00", "num_cpus": 2}
 
@@ -237,6 +253,23 @@ def check_every_job_has_a_goal():
         sys.exit(f"check-report: jobs without a goal, or goals without a job: {names ^ set(comparison.GOALS)}")
 
 
+def check_growth_is_counted():
+    """What the report says is judged by a test is: each job that is to grow in some way is one whose instructions are counted,
+    at two sizes, and the test allows no more than that way."""
+    listed = subprocess.run([SOURCE / "tests/project/check-linear.sh", "--list"], stdout=subprocess.PIPE, text=True, check=True)
+    checks = {job: [int(number) for number in numbers] for job, *numbers in map(str.split, listed.stdout.splitlines())}
+    growing = {job: (words, cost) for words, (cost, jobs) in comparison.GROWTH.items() for job in jobs}
+    if set(growing) != set(COUNTED):
+        sys.exit(f"check-report: jobs that grow and are not said to be counted, or the reverse: {set(growing) ^ set(COUNTED)}")
+    for title, (words, cost) in growing.items():
+        for job in COUNTED[title]:
+            if job not in checks:
+                sys.exit(f"check-report: {title} is to be {words}, and check-linear.sh does not count {job}")
+            small, large, percent = checks[job]
+            if large < 4 * small or percent > 100 * ALLOWED[words] * cost(large) / cost(small):
+                sys.exit(f"check-report: {title} is to be {words}: for that, check-linear.sh allows {job} too much")
+
+
 def jobs_missed(text, heading):
     """The jobs of a document's parts below such headings, as far as something is missed there."""
     parts = re.findall(rf"^### {heading}(.*?)\n(.*?)(?=^##|\Z)", text, re.MULTILINE | re.DOTALL)
@@ -281,6 +314,7 @@ def main():
     check_plots()
     check_figures()
     check_every_job_has_a_goal()
+    check_growth_is_counted()
     check_notes()
 
 
