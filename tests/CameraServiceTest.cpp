@@ -20,6 +20,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -300,6 +301,9 @@ class Client {
         send(m_nSocket, text.data(), text.size(), MSG_NOSIGNAL);  // The camera may be gone already, and rightly.
     }
 
+    /// Says that there is nothing more to come from here; what the camera has to send can still be read.
+    void EndSending() const { shutdown(m_nSocket, SHUT_WR); }
+
     /// Reads until @p fgEnough or the end. What came before stays in the text.
     const std::string& ReadUntil(const std::function<bool(const std::string&)>& fgEnough) {
         const auto end = Clock::now() + kPatience;
@@ -459,6 +463,95 @@ TEST(CameraServiceTest, ASlowClientLosesPicturesAndNobodyElseDoes) {
     nWanted += 10;
     EXPECT_TRUE(hasEnough(good.ReadUntil(hasEnough)));
     EXPECT_EQ(camera.End(), 0);
+}
+
+// What the stub encoder had been asked for when it made a picture.
+struct Made {
+    unsigned int nEncodings;
+    unsigned int nPictures;  // different ones
+};
+
+/// The pictures of a stream, of which each is sent whole and nothing else is.
+std::vector<Made> PicturesIn(const std::string& answer) {
+    const std::string head = "--picture\r\nContent-Type: image/jpeg\r\nContent-Length: 32768\r\n\r\n" + kPictureBegins;
+    const std::string end = kPictureEnds + "\r\n";
+    const std::size_t nSize = head.size() - kPictureBegins.size() + 32768 + 2;
+    const std::string stream = BodyOf(answer);
+    std::vector<Made> pictures;
+    for (std::size_t n = 0; n < stream.size(); n += nSize) {
+        const std::string part = stream.substr(n, nSize);
+        Made made = {};
+        if (part.size() != nSize || part.compare(0, head.size(), head) != 0 ||
+            part.compare(nSize - end.size(), end.size(), end) != 0 ||
+            std::sscanf(&part[head.size()], "encodings %u pictures %u", &made.nEncodings, &made.nPictures) != 2) {
+            ADD_FAILURE() << "byte " << n << " of " << stream.size() << " does not begin a picture";
+            break;
+        }
+        pictures.push_back(made);
+    }
+    return pictures;
+}
+
+/// Watches the stream for some pictures, and takes all that were sent by then.
+std::vector<Made> Watch(int nPort) {
+    constexpr std::size_t kEnough = 10;
+    Client client(nPort, "GET /stream.mjpg HTTP/1.1\r\n\r\n");
+    client.ReadUntil([](const std::string& text) { return Count(text, "--picture\r\n") > kEnough; });
+    client.EndSending();
+    std::vector<Made> pictures = PicturesIn(client.ReadAll());
+    EXPECT_GT(pictures.size(), kEnough);
+    return pictures;
+}
+
+std::vector<std::vector<Made>> WatchTogether(int nPort, std::size_t nClients) {
+    std::vector<std::vector<Made>> all(nClients);
+    std::vector<std::thread> threads;
+    threads.reserve(nClients);
+    for (std::vector<Made>& pictures : all) {
+        threads.emplace_back([&pictures, nPort] { pictures = Watch(nPort); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    return all;
+}
+
+/// How many pictures clients did not get, once none is left.
+long long SkippedInTheEnd(int nPort) {
+    EXPECT_TRUE(WaitUntil([&] { return NumberInStatus(nPort, "clients") == 0; }));
+    // The camera gathers its figures once a second. The next ones may have been begun before, those after them were not.
+    for (int i = 0; i < 2; ++i) {
+        const long long nNow = NumberInStatus(nPort, "uptime");
+        EXPECT_TRUE(WaitUntil([&] { return NumberInStatus(nPort, "uptime") > nNow; }));
+    }
+    return NumberInStatus(nPort, "skipped");
+}
+
+// Counted, not timed: a machine that is too slow for all pictures skips some, and says how many.
+TEST(CameraServiceTest, EncodesAPictureOnceAndSendsItOnceToEachClient) {
+    for (const std::size_t nClients : {std::size_t{1}, std::size_t{16}}) {
+        // Wide enough for the picture's number to be in it, so that no two are the same.
+        Camera camera({{"Picture/Width", Integer(320)}, {"Http/Clients", Integer(32)}});
+        const int nPort = camera.Port();
+        const std::vector<std::vector<Made>> all = WatchTogether(nPort, nClients);
+        const long long nSkipped = SkippedInTheEnd(nPort);
+        EXPECT_EQ(camera.End(), 0);
+        long long nSent = 0;
+        long long nDue = 0;
+        for (const std::vector<Made>& pictures : all) {
+            unsigned int nLast = 0;
+            for (const Made& made : pictures) {
+                ASSERT_EQ(made.nEncodings, made.nPictures) << nClients << " clients";
+                ASSERT_GT(made.nEncodings, nLast) << "sent again";
+                nLast = made.nEncodings;
+            }
+            ASSERT_FALSE(pictures.empty());
+            nSent += static_cast<long long>(pictures.size());
+            nDue += nLast - pictures.front().nEncodings + 1LL;
+        }
+        // From a client's first picture to its last each was sent, or found the client busy and was skipped.
+        EXPECT_EQ(nSent + nSkipped, nDue) << nClients << " clients, " << nSkipped << " skipped";
+    }
 }
 
 // --------------------------------------------------------------------------------------------------------- Bad clients

@@ -169,20 +169,52 @@ REMARKS = {
 }  # fmt: skip
 
 
+GROWING = {"linear": "linear growth", "n log n": "growth by n log n", "constant": "a constant time"}
+
+
+def shown_factor(factor, digits=3):
+    """Without an exponent: so many digits of those in front of the point, or three in all."""
+    return f"{float(f'{factor:.{digits}g}'):,.0f}" if factor >= 100 else f"{factor:.3g}"
+
+
+def shown_range(first, last):
+    """From one size to another, of which only the last number differs."""
+    start, end = (f"{size_order(size)[-1]:,}" for size in (first, last))
+    *fixed, growing = [part.split(":") for part in first.split("/")]
+    words = f" {growing[0]}" if len(growing) > 1 else ""
+    return f"from {start} to {end}{words}" + (f" ({', '.join(': '.join(part) for part in fixed)})" if fixed else "")
+
+
+def steepest(rows, cost):
+    """The step from one size to the next that goes farthest beyond what is in proportion: both rows, the times' factor and
+    what it would be."""
+    steps = []
+    for before, row in zip(rows, rows[1:]):
+        wanted = cost(size_order(row.size)[-1]) / cost(size_order(before.size)[-1])
+        steps.append((before, row, row.medians[row.us] / before.medians[before.us], wanted))
+    return max(steps, key=lambda step: step[2] / step[3])
+
+
 def growth_of(job, rows):
     """How a job is to grow, or None, and how the times grew from its smallest size that is not 0 to its largest, and what would
     be in proportion. Of several numbers the last is the one that grows, with the others as in the first row."""
     words, (cost, _) = next(((words, way) for words, way in GROWTH.items() if job in way[1]), (None, (None, None)))
     sized = [row for row in rows if words and size_order(row.size) and size_order(row.size)[-1] > 0]
+    sized = [row for row in sized if cost(size_order(row.size)[-1]) > 0]
     sized = [row for row in sized if size_order(row.size)[:-1] == size_order(sized[0].size)[:-1]]
     if len(sized) < 2:
         return words, []
     first, last = sized[0], sized[-1]
     start, end = (size_order(row.size)[-1] for row in (first, last))
-    grown = [f"{who}: {last.medians[who] / first.medians[who]:,.3g}" for who in first.medians if who in last.medians]
-    proportion = "" if start == 1 else f", {words} is times {cost(end) / cost(start):,.3g}"
-    return words, paragraph(f"From {shown_size(first.size)} to {shown_size(last.size)}{proportion}. Measured were times:",
-                            f"{'; '.join(grown)}.")
+    grown = [f"{who} {shown_factor(last.medians[who] / first.medians[who])}" for who in first.medians if who in last.medians]
+    would_be = GROWING[words]
+    lines = [f"{would_be[0].upper()}{would_be[1:]} {shown_range(first.size, last.size)} would be a factor of",
+             f"{shown_factor(cost(end) / cost(start), 9)}. Measured: {'; '.join(grown)}."]
+    if len(sized) > 2 and all(row.us for row in sized):
+        before, after, factor, wanted = steepest(sized, cost)
+        lines.append(f"The library's steepest step is {shown_range(before.size, after.size)}: a factor of "
+                     f"{shown_factor(factor)}, where {would_be} would be {shown_factor(wanted, 9)}.")
+    return words, paragraph(*lines)
 
 
 class Results:
@@ -260,19 +292,21 @@ def introduction(results):
     return paragraph(
         f"Made by `{MAKE}`; medians of {results.repetitions} interleaved repetitions on {platform.machine()},",
         f"{results.context['num_cpus']} processors, {results.context['date'][:10]}{results.versions()}.",
-        "Times are of the processor, or of the wall clock where several threads or processes take part. All of a row are measured",
-        "one behind the other; in brackets: how many times the library's time of the same repetition, the median of that, by which",
-        "the goals go. \"Limit\" is what the bare calls take that it names; where no calls of libc do the job, there is none.",
-        "Below the times: the most memory that was allocated at once, with what the job works on and 408 bytes of the measurement",
-        "(GLib's by malloc alone, which its times are not). Where a program is started, it is its resident memory, with by how much",
-        "it grows between the first line of its main function and the end of the start, and by how much until it was stopped and",
-        "started again. Where blocks are registered, \"growth\" is what the registry makes the process grow, which comes straight",
-        "from the system. A size is the n of the job's name, or bytes. The log's level is 3, except where lines are what is",
-        "measured; what level 0 costs the library is below, and nobody else has it. What a job frees stays with its process, and",
+        "Times are of the processor, or of the wall clock where several threads or processes take part. Within a repetition all",
+        "columns of a row are measured one after the other. The figure in brackets is the column's time divided by the library's",
+        "time in the same repetition, as the median over the repetitions, and the goals are judged by it; where a goal names the",
+        "best of the others, the fastest in each repetition counts. \"Limit\" is what the bare calls take that it names; where no",
+        "calls of libc do the job, there is none. Below the times: the most memory that was allocated at once, with what the job",
+        "works on and 408 bytes of the measurement (GLib's by malloc alone, which its times are not). Where a program is started,",
+        "it is its resident memory, with by how much it grows between the first line of its main function and the end of the",
+        "start, and by how much until it was stopped and started again. Where blocks are registered, \"growth\" is what the registry",
+        "makes the process grow, which comes straight from the system. A size is the n of the job's name, or bytes. The log's level",
+        "is 3, except where lines are what is measured; what level 0 costs the library is below, and nobody else has it. What a",
+        "job frees stays with its process, and",
         "where long texts are copied, libc does so without the processor's own instruction: without these two settings the same",
         "row differs by a factor from one run to the next. The kernel's work of clearing fresh pages, 2 KB for each entry of a",
         "directory, comes on top in a process with libc's own settings. From one run of all this to the next most rows differ by a",
-        "tenth, and those that hang on the caches by up to a half: a row that is near its goal meets it in one run and misses it in",
+        "tenth, and those that depend on the caches by up to a half: a row that is near its goal meets it in one run and misses it in",
         "the next. Where its repetitions do not agree, it says how many of them meet it. Whether a job grows as it is to is judged",
         "by a test that counts instructions, not by these times.")
 

@@ -4,6 +4,7 @@ import pathlib
 from shown import paragraph, read_runs, shown_size, shown_time, size_order, split_name, table
 
 TITLE, MAKE = "What the log costs", "scripts/bench --log"
+LINE = 100.0  # ns: writing one to /dev/null takes more
 
 
 def read(directory):
@@ -26,13 +27,17 @@ def read(directory):
 
 def section(directory):
     times, date, lines = read(directory)
-    rows = []
+    rows, untold = [], []
     for (job, size), count in sorted(lines.items(), key=lambda item: (item[0][0], size_order(item[0][1]))):
         levels = times.get((job, size), {})
-        if count > 0 and {0, 3} <= set(levels):
-            rows.append([job + (f", {shown_size(size)}" if size else ""), f"{count:,}", shown_time(levels[3]),
-                         shown_time(levels[0]), f"{levels[0] / levels[3]:.2f}"])
-    if not rows:
+        if count == 0 or not {0, 3} <= set(levels):
+            continue
+        name = job + (f", {shown_size(size)}" if size else "")
+        if levels[0] - levels[3] < LINE * count:
+            untold.append(f"{name} ({count:,}; {shown_time(levels[3])} at level 3 and {shown_time(levels[0])} at level 0)")
+        else:
+            rows.append([name, f"{count:,}", shown_time(levels[3]), shown_time(levels[0]), f"{levels[0] / levels[3]:.2f}"])
+    if not rows and not untold:
         return None
     writing = {job for (job, _), count in lines.items() if count > 0}
     quiet = list(dict.fromkeys(job for job, _ in lines if job not in writing))
@@ -41,6 +46,9 @@ def section(directory):
                    "and at 0, at which everything is, to /dev/null. The lines are those of the job done once, with what it takes",
                    "to set it up."),
         *table(["", "lines", "level 3", "level 0", "ratio"], rows), ""]
+    if untold:
+        text += paragraph(f"These write lines, but level 0 adds less than {shown_time(LINE)} for each: the lines belong to what",
+                          f"sets the job up, or are too few to be told: {'; '.join(untold)}.")
     if quiet:
         text += paragraph(f"These write no line, so that the level makes no difference to them: {'; '.join(quiet)}.")
     return text
