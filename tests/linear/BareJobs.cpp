@@ -118,9 +118,9 @@ void Divide(int n) {
 }
 
 void FillList(int n) {
-    std::mutex mutex;
-    std::list<int> list;
     Measured([&] {
+        std::mutex mutex;
+        std::list<int> list;
         const std::lock_guard<std::mutex> guard(mutex);
         for (int i = 0; i < n; ++i) {
             list.push_back(i);

@@ -156,9 +156,10 @@ void SearchNearlyThere(int n) {
     Measured([&] { text.Find(word, 0); });
 }
 
+/// With the list's destruction.
 void FillList(int n) {
-    KList<int> list;
     Measured([&] {
+        KList<int> list;
         KList<int>::Appender appender(list);
         for (int i = 0; i < n; ++i) {
             appender.Add(i);
@@ -528,7 +529,7 @@ const Entry kEntries[] = {
      SearchNearlyThere},
     {"Replace", "replace n words of a text by longer ones", "n", "1000,4000,16000", Replace},
     {"Divide", "divide a line of n fields", "n", "900,9000,90000", Divide},
-    {"FillList", "fill a list with n numbers", "n", "100,1000,10000", FillList},
+    {"FillList", "fill a list with n numbers and destroy it", "n", "100,1000,10000", FillList},
     {"WalkList", "walk a list of n numbers", "n", "100,1000,10000", WalkList},
     {"CopyList", "copy a list of n texts", "n", "100,1000,10000", CopyList},
     {"PopList", "pop n numbers", "n", "100,1000,10000", PopList},

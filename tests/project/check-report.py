@@ -24,7 +24,7 @@ import shown  # noqa: E402
 COUNTED = {
     "append 16 bytes n times": ["Append"],
     "divide a line of n fields": ["Divide"],
-    "fill a list and destroy it": ["FillList", "CopyList"],
+    "fill a list and destroy it": ["FillList"],
     "walk a list": ["WalkList"],
     "fill a list and pop all": ["FillList", "PopList"],
     "read a property list of n bytes": ["ReadFlat", "ReadNested"],
