@@ -605,7 +605,7 @@ int Starts() {
     return support::IsUnderValgrind() ? 100 : 1000;
 }
 
-/// Starts and stops the library a thousand times with work between. Expects that each time leaves so many bytes allocated,
+/// Starts and stops the library as often as Starts() says, with work between. Expects that each time leaves so many bytes allocated,
 /// where no sanitizer has an allocator of its own, and no descriptor.
 template <typename Code>
 void ExpectLeftByEachStart(std::size_t nWanted, const Code& work) {

@@ -559,10 +559,11 @@ int KindOf(const std::string& line) {
     return -1;
 }
 
-/// A log that has its buffers before threads write to it, and gives them back.
+/// A log that has its buffers before threads write to it, and gives them back: threads that write the first message at once
+/// would each make them.
 class ScopedLog {
  public:
-    ScopedLog() : m_Level(0) {
+    explicit ScopedLog(int nLevel = 0) : m_Level(nLevel) {
         KDebug::Deinit();
         KDebug::Init();
     }
@@ -647,7 +648,7 @@ TEST_P(RacesTest, TimesAreWrittenWholeBetweenTheLinesOfOthers) {
 
 TEST_P(RacesTest, RecordsOfAFileAreWrittenAndReadWhole) {
     constexpr std::size_t kRecord = 64;
-    const support::ScopedLevel level(3);
+    const ScopedLog quiet(3);
     const support::ScopedDirectory directory;
     KFile file;
     ASSERT_TRUE(file.Open(KPath(directory.Entry("file").c_str()), true));
@@ -680,7 +681,7 @@ void ExpectWhole(const char* pRecord, int nThread) {
 }
 
 TEST_P(RacesTest, TheSizeOfAFileIsThatOfWholeRecordsAndNeverFalls) {
-    const support::ScopedLevel level(3);
+    const ScopedLog quiet(3);
     const support::ScopedDirectory directory;
     KFile file;
     ASSERT_TRUE(file.Open(KPath(directory.Entry("file").c_str()), true));
@@ -753,7 +754,7 @@ void TakeTurnOfUser(KFile& file, int nThread, int nThreads, int nTurn) {
 }
 
 TEST_P(RacesTest, AFileIsOpenedRenamedAndDeletedUnderThoseWhoUseIt) {
-    const support::ScopedLevel level(3);
+    const ScopedLog quiet(3);
     const support::ScopedChecks checks(false);
     const support::ScopedDirectory directory;
     const std::vector<int> before = support::OpenDescriptors();
@@ -775,7 +776,7 @@ TEST_P(RacesTest, AFileIsOpenedRenamedAndDeletedUnderThoseWhoUseIt) {
 
 TEST_P(RacesTest, AFileThatHasNoPositionGivesItsLockBackToAll) {
     // A success would keep the lock for good. A pipe has no position, and a closed file has none either.
-    const support::ScopedLevel level(3);
+    const ScopedLog quiet(3);
     const support::ScopedChecks checks(false);
     const support::ScopedDirectory directory;
     const std::string name = directory.Entry("pipe");
@@ -911,7 +912,7 @@ TEST_P(RacesTest, ChildrenAreTakenOutOfANodeOneByOne) {
 }
 
 TEST_P(RacesTest, ATreeIsReadByAllThreadsAtOnce) {
-    const support::ScopedLevel level(3);
+    const ScopedLog quiet(3);
     support::ReadList read(
         KString("<dict><key>Camera</key><dict><key>Name</key><string>North gate, beside the bridge over the river"
                 "</string></dict><key>Ports</key><array><integer>80</integer><integer>554</integer></array></dict>"));
@@ -933,7 +934,7 @@ TEST_P(RacesTest, ATreeIsReadByAllThreadsAtOnce) {
 }
 
 TEST_P(RacesTest, PropertyListsAreReadSideBySide) {
-    const support::ScopedLevel level(3);
+    const ScopedLog quiet(3);
     const support::ScopedDirectory directory;
     Hammer(Threads(), [&](int nThread) {
         const std::string name =
@@ -1029,7 +1030,7 @@ TEST_P(RacesTest, AThreadHasOneOwnerAtATimeAndTheStatusOperationsAreEverybodys) 
 }
 
 TEST_P(RacesTest, TheSystemsDescriptionIsReadWhole) {
-    const support::ScopedLevel level(3);
+    const ScopedLog quiet(3);
     KSystem& system = *KSystem::Init();
     ASSERT_TRUE(system.SetOSInfo());
     const KSystem::OSInformation wanted = KSystem::GetOSInfo();

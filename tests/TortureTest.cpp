@@ -37,15 +37,29 @@ std::vector<Scenario> AllScenarios() {
     return all;
 }
 
+std::string WayOf(int nError) {
+    switch (nError) {
+        case torture::kShort:
+            return "came out short";
+        case torture::kNothing:
+            return "came to nothing";
+        case torture::kSocketError:
+            return "told of an error of the socket's";
+        case torture::kHangUp:
+            return "told that the other side is gone";
+        case torture::kNotOpen:
+            return "told that nothing is open there";
+        default:
+            return "failed with error " + std::to_string(nError);
+    }
+}
+
 std::string Describe(const Fault& fault, const Outcome& outcome) {
     if (!outcome.fgFailed) {
         return "in the run in which nothing failed";
     }
-    const std::string strWay = outcome.nError == torture::kShort ? "came out short"
-                               : outcome.nError == torture::kNothing
-                                   ? "came to nothing"
-                                   : "failed with error " + std::to_string(outcome.nError);
-    return "in the run in which call " + std::to_string(fault.nCall) + ", " + outcome.szFunction + ", " + strWay;
+    return "in the run in which call " + std::to_string(fault.nCall) + ", " + outcome.szFunction + ", " +
+           WayOf(outcome.nError);
 }
 
 /// One run, with what it has to leave as it was.

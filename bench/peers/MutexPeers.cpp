@@ -62,7 +62,7 @@ BENCHMARK(LockGlib)->Name("lock and unlock|GMutex");
 
 // ------------------------------------------------------------------------------------------------------ Threads
 
-/// So many threads that do nothing: all are started, then each is waited for.
+/// A thread that does nothing.
 class Errand : public KThread {
  public:
     ~Errand() override { Stop(); }
@@ -72,6 +72,8 @@ class Errand : public KThread {
 std::size_t Count(const benchmark::State& state) {
     return static_cast<std::size_t>(state.range(0));
 }
+
+// All are started, then each is waited for.
 
 void StartKalvoren(benchmark::State& state) {
     std::vector<Errand> threads(Count(state));

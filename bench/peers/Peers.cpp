@@ -51,18 +51,14 @@ void KeepMemory() {
 
 }  // namespace
 
-LibcsOwnSettings::LibcsOwnSettings() {
-    constexpr int kDefault = 128 << 10;
-    mallopt(M_TRIM_THRESHOLD, kDefault);
-    mallopt(M_MMAP_THRESHOLD, kDefault);
-}
-
-LibcsOwnSettings::~LibcsOwnSettings() {
-    KeepMemory();
+bool HasLibcsOwnSettings() {
+    return std::getenv("KALVOREN_BENCH_LIBCS_OWN") != nullptr;
 }
 
 int main(int argc, char** argv) {
-    KeepMemory();
+    if (!HasLibcsOwnSettings()) {
+        KeepMemory();
+    }
     SetLevel();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {

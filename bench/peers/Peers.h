@@ -28,14 +28,9 @@ inline std::string TextOf(std::int64_t nSize) {
 constexpr int kNoLines = 3;
 constexpr int kAllLines = 0;
 
-/// For the length of a block, libc gives memory back to the kernel as it does in a program that leaves it to libc.
-class LibcsOwnSettings {
- public:
-    LibcsOwnSettings();
-    ~LibcsOwnSettings();
-    LibcsOwnSettings(const LibcsOwnSettings&) = delete;
-    LibcsOwnSettings& operator=(const LibcsOwnSettings&) = delete;
-};
+/// Whether libc gives memory back to the kernel as it does in a program that leaves it to libc. What a job frees stays with the
+/// process unless KALVOREN_BENCH_LIBCS_OWN is set: libc has no way back from another setting.
+bool HasLibcsOwnSettings();
 
 /// A directory of the program's own below the one for temporary files, gone with everything in it at the end.
 class ScratchDirectory {

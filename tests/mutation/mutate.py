@@ -379,13 +379,13 @@ class Tests:
                 noticing[:] = [outcome.case] + [other for other in noticing if other != outcome.case]
         return Noticed(os.path.basename(program), outcome.case, outcome.late)
 
-    def start_again(self, setting, program, cases, first):
+    def start_again(self, setting, program, cases, before):
         """What comes of cases that failed once: of the one that failed by itself, then of all."""
         usual = sum(self.seconds[program][case] for case in cases)
-        if first.case:
+        if before.case:
             # How long the case takes now without a change tells how busy the processors are.
-            alone = self.start(Setting(), program, [first.case], 60.0).seconds if first.late else usual
-            outcome = self.start(setting, program, [first.case], max(10.0, 20 * alone))
+            alone = self.start(Setting(), program, [before.case], 60.0).seconds if before.late else usual
+            outcome = self.start(setting, program, [before.case], max(10.0, 20 * alone))
             if not outcome.passed:
                 return outcome
         return self.start(setting, program, cases, max(60.0, 20 * usual))

@@ -12,7 +12,7 @@ source=$1
 preset=$2
 results=$3
 
-# What some tests need of the user or of the machine, as tests/support/Hosts.h does.
+# What some tests need of the user or of the machine, found out as they do it.
 has_root() {
     [[ $(id -u) -eq 0 ]]
 }
@@ -22,7 +22,28 @@ has_namespaces() {
     unshare "${user[@]}" --net --mount --uts sh -c 'mount --make-rprivate / && ip link add here type veth peer name there' \
         >/dev/null 2>&1
 }
-KNOWN=(root namespaces)
+has_raw() {
+    local capabilities
+    capabilities=$(awk '/^CapEff:/ { print $2 }' /proc/self/status)
+    (((0x${capabilities} >> 13) & 1))  # CAP_NET_RAW
+}
+has_network() {
+    ip -4 -oneline address show 2>/dev/null | grep -v ' 127\.' >/dev/null
+}
+has_descriptors() {
+    [[ $(ulimit -H -n) == unlimited || $(ulimit -H -n) -ge 1200 ]]
+}
+has_large() {
+    local file status=0
+    file=$(mktemp)
+    truncate --size 3G "${file}" 2>/dev/null || status=1
+    rm "${file}"
+    return "${status}"
+}
+has_devices() {
+    [[ -c /dev/full && -c /dev/ptmx ]]
+}
+KNOWN=(root namespaces raw network descriptors large devices)
 
 lacking=,
 if [[ $# -gt 3 ]]; then
