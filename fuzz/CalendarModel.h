@@ -2,14 +2,9 @@
 #ifndef KALVOREN_FUZZ_CALENDARMODEL_H
 #define KALVOREN_FUZZ_CALENDARMODEL_H
 
-#include <cstdint>
+#include "Fuzz.h"
 
 namespace fuzz {
-
-/// What 32 bits keep of a number.
-inline int Low32(long long nValue) {
-    return static_cast<int>(static_cast<std::uint32_t>(nValue));
-}
 
 inline bool IsLeap(int nYear) {
     return nYear % 4 == 0 && (nYear % 100 != 0 || nYear % 400 == 0);

@@ -60,7 +60,7 @@ void CompareRecord(const std::string& bytes, unsigned char chBehind) {
         record.bytes[n] = static_cast<unsigned char>(bytes[n]);
         whole[n] = bytes[n];
     }
-    const std::string wanted = whole.substr(0, whole.find('\0'));
+    const std::string wanted = fuzz::Plain(whole);
     const KString text = camera::TextOf(record);
     fuzz::ExpectSame(fuzz::TextOf(text), wanted, "the text in a record");
     CompareCommand(text, wanted);
@@ -74,7 +74,7 @@ void CompareText(const std::string& bytes) {
     std::string wanted = cut;
     wanted.resize(sizeof(record.bytes), '\0');
     fuzz::ExpectSame(std::string(std::begin(record.bytes), std::end(record.bytes)), wanted, "the record of a text");
-    fuzz::ExpectSame(fuzz::TextOf(camera::TextOf(record)), cut.substr(0, cut.find('\0')), "there and back");
+    fuzz::ExpectSame(fuzz::TextOf(camera::TextOf(record)), fuzz::Plain(cut), "there and back");
     CompareCommand(text, bytes);
 }
 
@@ -168,7 +168,7 @@ void CompareExchange(Channel& channel, const std::string& bytes, Then eThen) {
     static int nAnswers = 0;
     const bool fgWhole = bytes.size() >= kRecord;
     const std::string command = bytes.substr(0, kRecord);
-    std::string wanted = (kHeard + command.substr(0, command.find('\0'))).substr(0, kRecord - 1);
+    std::string wanted = (kHeard + fuzz::Plain(command)).substr(0, kRecord - 1);
     wanted.resize(kRecord, '\0');
     nAnswers += fgWhole ? 1 : 0;
     const std::string got = channel.Exchange(bytes, eThen);

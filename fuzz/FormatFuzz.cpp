@@ -186,10 +186,6 @@ void CompareAnyScanf(fuzz::Input& input) {
 
 #pragma GCC diagnostic pop
 
-int Low32(unsigned long long nValue) {
-    return static_cast<int>(static_cast<std::uint32_t>(nValue));
-}
-
 /// Digits of a base from a place on, in arithmetic that wraps.
 int Digits(const std::string& text, std::size_t nFrom, unsigned nBase) {
     const std::string digits = "0123456789abcdef";
@@ -201,7 +197,7 @@ int Digits(const std::string& text, std::size_t nFrom, unsigned nBase) {
         }
         nValue = nValue * nBase + nDigit;
     }
-    return Low32(nValue);
+    return fuzz::Low32(nValue);
 }
 
 int ModelDigit(const std::string& text) {
@@ -215,7 +211,7 @@ int ModelDigit(const std::string& text) {
             // Bytes below '0' count as what they are.
             nValue = nValue * 2 + static_cast<unsigned long long>(static_cast<unsigned char>(text[i]) - '0');
         }
-        return Low32(nValue);
+        return fuzz::Low32(nValue);
     }
     const bool fgMinus = !text.empty() && text[0] == '-';
     const auto nValue = static_cast<std::uint32_t>(Digits(text, fgMinus ? 1 : 0, 10));

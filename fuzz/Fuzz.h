@@ -18,6 +18,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nB
 
 namespace fuzz {
 
+/// A text as far as its first NUL.
+inline std::string Plain(const std::string& text) {
+    return text.substr(0, text.find('\0'));
+}
+
+/// What 32 bits keep of a number.
+template <typename Integer>
+int Low32(Integer nValue) {
+    return static_cast<int>(static_cast<std::uint32_t>(nValue));
+}
+
 /// Numbers and texts out of the bytes that the fuzzer makes. Behind the end everything is 0 or empty.
 class Input {
  public:
@@ -43,10 +54,7 @@ class Input {
     std::string Text() { return Bytes(Byte()); }
 
     /// Like Text(), without NULs.
-    std::string PlainText() {
-        std::string text = Text();
-        return text.substr(0, text.find('\0'));
-    }
+    std::string PlainText() { return Plain(Text()); }
 
     std::string Rest() { return Bytes(static_cast<std::size_t>(m_pEnd - m_p)); }
 

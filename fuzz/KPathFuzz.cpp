@@ -7,11 +7,6 @@ namespace {
 
 constexpr std::size_t kLongest = 3000;
 
-/// A text as far as its first NUL.
-std::string Plain(const std::string& text) {
-    return text.substr(0, text.find('\0'));
-}
-
 std::string WithSlashes(std::string text) {
     for (char& ch : text) {
         ch = ch == '\\' ? '/' : ch;
@@ -76,9 +71,9 @@ struct Model {
             return;
         }
         // As texts are replaced in strings.
-        const std::string from = Plain(old);
-        const std::string to = Plain(ext);
-        text = from.empty() ? text : Plain(text);
+        const std::string from = fuzz::Plain(old);
+        const std::string to = fuzz::Plain(ext);
+        text = from.empty() ? text : fuzz::Plain(text);
         for (std::size_t n = text.find(from); !from.empty() && n != std::string::npos;
              n = text.find(from, n + to.size())) {
             text.replace(n, from.size(), to);
@@ -131,7 +126,7 @@ void Change(KPath& path, Model& model, fuzz::Input& input) {
     const int nByte = input.Byte();
     const bool fgAll = nByte >= kAllFrom;
     const std::string text = fgAll ? input.Text() : input.PlainText();
-    const std::string plain = Plain(text);
+    const std::string plain = fuzz::Plain(text);
     const KString given = fuzz::Made(text);
     switch (nByte % (fgAll ? kOperations : kFirstOperations)) {
         case 0:

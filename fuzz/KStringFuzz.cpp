@@ -14,11 +14,6 @@ namespace {
 
 constexpr std::size_t kLongest = 4000;
 
-/// A text as far as its first NUL.
-std::string Plain(const std::string& text) {
-    return text.substr(0, text.find('\0'));
-}
-
 bool SameLetter(char ch, char chSought) {
     const auto byte = static_cast<unsigned char>(chSought);
     return ch == static_cast<char>(std::tolower(byte)) || ch == static_cast<char>(std::toupper(byte));
@@ -42,7 +37,7 @@ struct Search {
         if (!fgHasBuffer || nStart >= nLength) {
             return -1;
         }
-        const std::string from = Plain(text.substr(static_cast<std::size_t>(nStart)));
+        const std::string from = fuzz::Plain(text.substr(static_cast<std::size_t>(nStart)));
         const std::size_t nHit = from.find(sought);
         return nHit == std::string::npos ? -1 : static_cast<int>(nHit) + nStart;
     }
@@ -52,7 +47,7 @@ struct Search {
             return -1;
         }
         int nFound = -1;
-        const std::string plain = Plain(text);
+        const std::string plain = fuzz::Plain(text);
         for (std::size_t n = plain.find(sought); n != std::string::npos; n = plain.find(sought, n + 1)) {
             if (static_cast<int>(n) <= nLength - nStart) {
                 nFound = static_cast<int>(n);
@@ -175,7 +170,7 @@ void CompareTexts(const KString& text, const std::string& model, const std::stri
 std::vector<std::string> Fields(const std::string& model, const std::string& delimiter) {
     std::vector<std::string> fields;
     for (std::size_t nFrom = 0; nFrom < model.size();) {
-        const std::string rest = Plain(model.substr(nFrom));
+        const std::string rest = fuzz::Plain(model.substr(nFrom));
         const std::size_t nHit = rest.find(delimiter);
         fields.push_back(rest.substr(0, nHit));
         if (nHit == std::string::npos) {
@@ -205,7 +200,7 @@ void CompareFields(const KString& text, const std::string& model, const std::str
         return;
     }
     // Nowhere is a delimiter that is not there.
-    const std::vector<std::string> whole(model.empty() ? 0 : 1, Plain(model));
+    const std::vector<std::string> whole(model.empty() ? 0 : 1, fuzz::Plain(model));
     CompareFieldsBy("", text, whole);
     CompareFieldsBy(nullptr, text, whole);
 }
@@ -261,7 +256,7 @@ bool Widened(const std::string& text, std::wstring& wide) {
 void CompareWide(const KString& text, const std::string& model, int nSize) {
     constexpr std::size_t kZeroed = 4;
     std::wstring wide;
-    const bool fgValid = Widened(Plain(model), wide);
+    const bool fgValid = Widened(fuzz::Plain(model), wide);
     const int nWanted = fgValid ? static_cast<int>(wide.size()) : -1;
     const std::size_t nRoom = nSize > 0 ? static_cast<std::size_t>(nSize) : 0;
     std::wstring target((nRoom < kZeroed ? kZeroed : nRoom) + 1, L'#');
@@ -278,7 +273,7 @@ void CompareWide(const KString& text, const std::string& model, int nSize) {
         fuzz::Expect(target == wanted, "the wide text");
     }
     if (fgValid) {
-        fuzz::ExpectSame(fuzz::TextOf(KString::FromWideString(wide.c_str())), Plain(model), "there and back");
+        fuzz::ExpectSame(fuzz::TextOf(KString::FromWideString(wide.c_str())), fuzz::Plain(model), "there and back");
         fuzz::ExpectSame(KString::LengthOfWideString(wide.c_str()), nWanted, "LengthOfWideString");
     }
 }
@@ -332,8 +327,8 @@ void CompareConversions(const KString& text, const std::string& model, fuzz::Inp
         CompareCharacters(input);
         std::setlocale(LC_CTYPE, "C");
     }
-    fuzz::ExpectSame(fuzz::TextOf(KString::FromUTF8String(model.c_str())), Plain(model), "FromUTF8String");
-    const int nPlain = static_cast<int>(Plain(model).size());
+    fuzz::ExpectSame(fuzz::TextOf(KString::FromUTF8String(model.c_str())), fuzz::Plain(model), "FromUTF8String");
+    const int nPlain = static_cast<int>(fuzz::Plain(model).size());
     fuzz::ExpectSame(KString::LengthOfString(model.c_str()), nPlain, "LengthOfString");
     fuzz::ExpectSame(KString::LengthOfUTF8String(model.c_str()), nPlain, "LengthOfUTF8String");
     const bool fgNothing = KString::LengthOfString(nullptr) == 0 && KString::LengthOfUTF8String(nullptr) == 0 &&
@@ -367,7 +362,7 @@ void CompareCopies(const std::string& model, fuzz::Input& input) {
     const std::string whole = model + '\0';
     const bool fgNone = nCount < -1;
     const std::string wanted = fgNone         ? ""
-                               : nCount == -1 ? Plain(model) + '\0'
+                               : nCount == -1 ? fuzz::Plain(model) + '\0'
                                               : whole.substr(0, static_cast<std::size_t>(nCount) + 1);
     char* pCopy = &source[0];
     fuzz::ExpectSame(KString::AllocAndCopy(&pCopy, &source[0], nCount), !fgNone, "AllocAndCopy");
@@ -402,12 +397,12 @@ void TrimStart(std::string& model, const std::string& set) {
         ++nLeading;
     }
     if (nLeading > 0) {
-        model = Plain(model.substr(nLeading));
+        model = fuzz::Plain(model.substr(nLeading));
     }
 }
 
 std::string Replaced(const std::string& text, const std::string& from, const std::string& to) {
-    std::string result = Plain(text);
+    std::string result = fuzz::Plain(text);
     for (std::size_t n = result.find(from); n != std::string::npos; n = result.find(from, n + to.size())) {
         result.replace(n, from.size(), to);
     }
@@ -422,7 +417,7 @@ std::size_t PlaceIn(const std::string& model, fuzz::Input& input) {
 /// Texts that are part of the string itself.
 void EditByOwnText(KString& text, std::string& model, fuzz::Input& input) {
     const std::size_t nPlace = PlaceIn(model, input);
-    const std::string own = Plain(model.substr(nPlace));
+    const std::string own = fuzz::Plain(model.substr(nPlace));
     switch (input.Range(0, 2)) {
         case 0:
             text = text.GetBuffer() + nPlace;
@@ -437,7 +432,7 @@ void EditByOwnText(KString& text, std::string& model, fuzz::Input& input) {
             constexpr std::size_t kShort = 60;
             const std::size_t nOther = PlaceIn(model, input);
             if (model.size() <= kShort) {
-                const std::string other = Plain(model.substr(nOther));
+                const std::string other = fuzz::Plain(model.substr(nOther));
                 fuzz::ExpectSame(text.Replace(text.GetBuffer() + nPlace, text.GetBuffer() + nOther), !own.empty(),
                                  "Replace by its own text");
                 model = own.empty() ? model : Replaced(model, own, other);
@@ -481,7 +476,8 @@ void EditMore(int nOperation, KString& text, std::string& model, const std::stri
             const std::string bytes = input.Text();
             text = text.Insert(nStart, fuzz::Made(bytes));
             const std::size_t nPlace = static_cast<std::size_t>(nStart < 0 ? 0 : nStart);
-            model = model.empty() ? "" : Plain(model.insert(nPlace < model.size() ? nPlace : model.size(), bytes));
+            model =
+                model.empty() ? "" : fuzz::Plain(model.insert(nPlace < model.size() ? nPlace : model.size(), bytes));
             break;
         }
         case 14:
@@ -506,7 +502,7 @@ void EditMore(int nOperation, KString& text, std::string& model, const std::stri
             break;
         case 18:
             text.TrimL(ch);
-            model = model.find_first_not_of(ch) != std::string::npos ? Plain(model) : model;
+            model = model.find_first_not_of(ch) != std::string::npos ? fuzz::Plain(model) : model;
             break;
         case 19:
             text.Trim(first.c_str());
@@ -583,7 +579,7 @@ void Edit(KString& text, std::string& model, fuzz::Input& input) {
             const std::size_t nStart = input.Byte();
             text = text.Insert(static_cast<int>(nStart), first.c_str());
             if (!model.empty()) {
-                model = Plain(model.insert(nStart < model.size() ? nStart : model.size(), first));
+                model = fuzz::Plain(model.insert(nStart < model.size() ? nStart : model.size(), first));
             }
             break;
         }
@@ -613,7 +609,7 @@ void Edit(KString& text, std::string& model, fuzz::Input& input) {
                 model.back() = '\0';
             }
             if (model.find_first_not_of(ch) != std::string::npos) {
-                model = Plain(model);
+                model = fuzz::Plain(model);
             }
             break;
         case 11:

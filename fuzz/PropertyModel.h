@@ -95,7 +95,7 @@ struct ModelClosing {
 
 class ModelReader {
  public:
-    explicit ModelReader(const std::string& text) : m_Text(text.substr(0, text.find('\0'))) {
+    explicit ModelReader(const std::string& text) : m_Text(fuzz::Plain(text)) {
         Begin(m_Root, ModelLevel::TOP);
         while (ReadElement()) {
         }

@@ -121,7 +121,7 @@ class Writer {
     bool IsFull() const { return m_Text.size() >= kLongest; }
 
     static std::string Value(const Element& element) {
-        std::string text = element.text.substr(0, element.text.find('\0'));
+        std::string text = fuzz::Plain(element.text);
         std::replace(text.begin(), text.end(), '<', '>');
         return text;
     }
