@@ -1,11 +1,10 @@
 // Buffers handed from a writer to a reader and back, by one thread and by two.
 #include <atomic>
-#include <deque>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "BareCalls.h"
 #include "KQueue.h"
 #include "Peers.h"
 
@@ -47,26 +46,7 @@ class StdDeque {
 
  private:
     using Buffer = std::vector<unsigned char>;
-    class Queue {
-     public:
-        void Push(Buffer* pBuffer) {
-            const std::lock_guard<std::mutex> guard(m_Mutex);
-            m_Queue.push_back(pBuffer);
-        }
-        Buffer* Pop() {
-            const std::lock_guard<std::mutex> guard(m_Mutex);
-            if (m_Queue.empty()) {
-                return nullptr;
-            }
-            Buffer* const pBuffer = m_Queue.front();
-            m_Queue.pop_front();
-            return pBuffer;
-        }
-
-     private:
-        std::mutex m_Mutex;
-        std::deque<Buffer*> m_Queue;
-    };
+    using Queue = bare::Queue<Buffer>;
     static bool Move(Queue& from, Queue& to) {
         Buffer* const pBuffer = from.Pop();
         if (pBuffer == nullptr) {

@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
+#include <mutex>
 
 /// What the jobs about paths work on.
 constexpr const char* kPath = "/var/lib/camera/records/2024-05-06/segment-000123.mjpeg";
@@ -82,6 +84,30 @@ inline void Free(Field* pFirst) {
         pFirst = pNext;
     }
 }
+
+/// A queue of buffers that belong to somebody else.
+template <class Buffer>
+class Queue {
+ public:
+    void Push(Buffer* pBuffer) {
+        const std::lock_guard<std::mutex> guard(m_Mutex);
+        m_Buffers.push_back(pBuffer);
+    }
+    /// Null when there is none.
+    Buffer* Pop() {
+        const std::lock_guard<std::mutex> guard(m_Mutex);
+        if (m_Buffers.empty()) {
+            return nullptr;
+        }
+        Buffer* const pBuffer = m_Buffers.front();
+        m_Buffers.pop_front();
+        return pBuffer;
+    }
+
+ private:
+    std::mutex m_Mutex;
+    std::deque<Buffer*> m_Buffers;
+};
 
 }  // namespace bare
 

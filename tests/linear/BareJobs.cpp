@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <deque>
 #include <list>
 #include <mutex>
 #include <random>
@@ -363,28 +362,10 @@ void LogStamped(int n) {
     });
 }
 
-class Queue {
- public:
-    void Push(int* pBuffer) {
-        const std::lock_guard<std::mutex> guard(m_Mutex);
-        m_Buffers.push_back(pBuffer);
-    }
-    int* Pop() {
-        const std::lock_guard<std::mutex> guard(m_Mutex);
-        int* const pBuffer = m_Buffers.front();
-        m_Buffers.pop_front();
-        return pBuffer;
-    }
-
- private:
-    std::mutex m_Mutex;
-    std::deque<int*> m_Buffers;
-};
-
 /// A buffer over and back so many times, beside so many that wait.
 void HandOverAmong(int nTimes, int nWaiting) {
-    Queue empty;
-    Queue full;
+    bare::Queue<int> empty;
+    bare::Queue<int> full;
     std::vector<int> buffers(static_cast<std::size_t>(nWaiting) + 1);
     for (int& nBuffer : buffers) {
         full.Push(&nBuffer);
