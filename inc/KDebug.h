@@ -52,7 +52,8 @@ extern KALVOREN_API KMutex g_Mutex;
 ///
 /// Thread-safety: any thread may write a message; messages are not mixed. A log line's stamp is written before the
 /// lock is taken, so that another thread's message may come between a stamp and its message. Init() and Deinit() are
-/// not protected: call them while no other thread logs.
+/// not protected: call them while no other thread logs. So it is when a message makes the buffers: where several
+/// threads write the first one at once, each makes a pair, and all but one are leaked. KEntry::Init() makes them.
 ///
 /// The log cannot be copied: a copy or an assignment fails the check "0" and, with the checks off, does nothing.
 class KALVOREN_API KDebug {
