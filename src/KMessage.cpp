@@ -71,8 +71,12 @@ namespace {
 /// What tells most names apart without a look at the text: its length and its last bytes.
 struct Digest {
     explicit Digest(const KString& name) : nTail(0), nLength(name.Length()) {
-        const int nBytes = nLength < static_cast<int>(sizeof nTail) ? nLength : static_cast<int>(sizeof nTail);
-        std::memcpy(&nTail, name.GetBuffer() + (nLength - nBytes), static_cast<std::size_t>(nBytes));
+        const char* const pText = name.GetBuffer();
+        if (nLength >= static_cast<int>(sizeof nTail)) {
+            std::memcpy(&nTail, pText + (nLength - static_cast<int>(sizeof nTail)), sizeof nTail);
+        } else {
+            std::memcpy(&nTail, pText, static_cast<std::size_t>(nLength));
+        }
     }
     bool operator==(const Digest& other) const { return nTail == other.nTail && nLength == other.nLength; }
 
@@ -88,7 +92,8 @@ class Index {
         bool Is(const Digest& other, const KString& name) const { return digest == other && *pName == name; }
 
         Digest digest;
-        std::uint64_t nGroup;  ///< The same for equal names, so that a dispatch compares one text only.
+        /// The number of the first registration under this name: a dispatch compares one text only.
+        std::size_t nFirst;
         const KString* pName;  ///< The name in its list.
         KMessageHandler* pHandler;
     };
@@ -125,15 +130,24 @@ class Index {
     /// After Reserve().
     void Add(const KString* pName, KMessageHandler* pHandler) {
         const Digest digest(*pName);
-        const Entry* const pSame = Find(digest, *pName);
-        const std::uint64_t nGroup = pSame != end() ? pSame->nGroup : ++m_nLastGroup;
-        m_pEntries[m_nCount++] = Entry{digest, nGroup, pName, pHandler};
+        // Its own number where there is none.
+        const std::size_t nFirst = static_cast<std::size_t>(Find(digest, *pName) - begin());
+        m_pEntries[m_nCount++] = Entry{digest, nFirst, pName, pHandler};
     }
 
-    void RemoveAt(int nIndex) {
-        Entry* const pEntry = m_pEntries + nIndex;
-        std::copy(pEntry + 1, m_pEntries + m_nCount, pEntry);
+    void RemoveAt(std::size_t nIndex) {
+        std::copy(begin() + nIndex + 1, end(), m_pEntries + nIndex);
         --m_nCount;
+        std::size_t nNext = m_nCount;  // the next of the same name
+        for (std::size_t i = nIndex; i < m_nCount; ++i) {
+            std::size_t& nFirst = m_pEntries[i].nFirst;
+            if (nFirst == nIndex) {
+                nNext = std::min(nNext, i);
+                nFirst = nNext;
+            } else if (nFirst > nIndex) {
+                --nFirst;
+            }
+        }
         if (m_nCount == 0) {
             Release();
         }
@@ -149,7 +163,6 @@ class Index {
     Entry* m_pEntries = nullptr;
     std::size_t m_nCount = 0;
     std::size_t m_nCapacity = 0;
-    std::uint64_t m_nLastGroup = 0;
 };
 
 // Behind the lists, so that it is gone before the names that it points to.
@@ -189,7 +202,7 @@ bool KMessageHandler::Unregister(KMessageHandler* pHandler, KString& name) {
     }
     KMessageHandler* pRemoved = nullptr;
     KString removedName;
-    g_Index.RemoveAt(nIndex);
+    g_Index.RemoveAt(static_cast<std::size_t>(nIndex));
     g_ObjList.Pop(pRemoved, nIndex);
     g_MessageList.Pop(removedName, nIndex);
     return true;
@@ -198,10 +211,10 @@ bool KMessageHandler::Unregister(KMessageHandler* pHandler, KString& name) {
 int KMessageHandler::SendMessage(const KString& name, const KMessage& message) {
     const ScopedLock lock(g_Mutex);
     const Index::Entry* pEntry = g_Index.Find(Digest(name), name);
-    const std::uint64_t nGroup = pEntry != g_Index.end() ? pEntry->nGroup : 0;
+    const std::size_t nFirst = static_cast<std::size_t>(pEntry - g_Index.begin());
     // Nobody registers before the message is through: the registry is locked.
     for (const Index::Entry* const pEnd = g_Index.end(); pEntry != pEnd; ++pEntry) {
-        if (pEntry->nGroup == nGroup && pEntry->pHandler != nullptr) {
+        if (pEntry->nFirst == nFirst && pEntry->pHandler != nullptr) {
             pEntry->pHandler->HandleMessage(message);
         }
     }

@@ -1346,6 +1346,19 @@ TEST(KStringTest, FindsATextWhoseRareLetterIsEverywhere) {
     EXPECT_EQ(KString((std::string(5000, 'a') + text + "aax").c_str()).Find("xaax", 0), 6999);
 }
 
+TEST(KStringTest, AWordThatWouldGoOnBehindTheTextsEndIsNotFound) {
+    // Around the length from which on a word's rarest letter is looked for, and at each end of the block.
+    for (const std::size_t nBefore : {0, 5, 10, 11, 12, 13, 14, 15, 16, 40}) {
+        const std::string text = std::string(nBefore, '-') + "zeb";
+        EXPECT_EQ(KString(text.c_str()).Find("zebra", 0), -1) << nBefore;
+        EXPECT_EQ(KString(text.c_str()).Find("zeb", 0), static_cast<int>(nBefore));
+        EXPECT_EQ(KString(text.c_str()).FindR("zeb", 0), static_cast<int>(nBefore));
+        const std::string reversed = "bra" + std::string(nBefore, '-');
+        EXPECT_EQ(KString(reversed.c_str()).Find("zebra", 0), -1) << nBefore;
+        EXPECT_EQ(KString(reversed.c_str()).Find("bra", 0), 0) << nBefore;
+    }
+}
+
 TEST(KStringTest, NothingIsFoundBehindANul) {
     KString text("some text, x");
     text.TrimR('x');
@@ -1353,6 +1366,10 @@ TEST(KStringTest, NothingIsFoundBehindANul) {
     EXPECT_EQ(text.Find("x", 0), 7);
     EXPECT_EQ(text.Find("x", 8), -1);
     EXPECT_EQ(text.Find(", x", 0), -1);
+    KString longer("some text and more of it, x");
+    longer.TrimR('x');
+    EXPECT_EQ(longer.Find("x", 0), 7);
+    EXPECT_EQ(longer.Find("x", 8), -1);
     EXPECT_EQ(KString("x").Sub(0, 20).Find("y", 0), -1);
 }
 

@@ -103,7 +103,7 @@ class KalvorenLocal {
 };
 
 ssize_t ReceiveBytes(int nSocket, void* pBytes, std::size_t nSize) {
-    return recv(nSocket, pBytes, nSize, 0);
+    return recv(nSocket, pBytes, nSize, MSG_WAITALL);
 }
 ssize_t SendBytes(int nSocket, const void* pBytes, std::size_t nSize) {
     return send(nSocket, pBytes, nSize, 0);

@@ -24,6 +24,14 @@ inline std::string TextOf(std::int64_t nSize) {
     return text;
 }
 
+/// The value, of which the compiler no longer knows where it is from. (benchmark::DoNotOptimize is for what comes out: what goes
+/// in it may leave undefined.)
+template <class T>
+T Hidden(T value) {
+    asm volatile("" : "+r"(value) : : "memory");
+    return value;
+}
+
 /// A level of the log.
 constexpr int kNoLines = 3;
 constexpr int kAllLines = 0;

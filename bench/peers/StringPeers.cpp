@@ -41,8 +41,7 @@ BENCHMARK(MakeStd)->Name("make a text|std::string")->Apply(Sizes);
 void MakeLimit(benchmark::State& state) {
     const std::string text = TextOf(state.range(0));
     for (auto _ : state) {
-        const char* pszText = text.c_str();
-        benchmark::DoNotOptimize(pszText);
+        const char* const pszText = Hidden(text.c_str());
         const std::size_t nSize = std::strlen(pszText) + 1;
         void* const pMade = std::malloc(nSize);
         std::memcpy(pMade, pszText, nSize);
@@ -135,15 +134,14 @@ void CompareLimit(benchmark::State& state) {
     const std::string one = TextOf(state.range(0));
     const std::string other(one);
     for (auto _ : state) {
-        const char* pszOne = one.c_str();
-        const char* pszOther = other.c_str();
-        benchmark::DoNotOptimize(pszOne);
-        benchmark::DoNotOptimize(pszOther);
-        bool fgSame = std::strcmp(pszOne, pszOther) == 0;
+        const std::size_t nSize = Hidden(one.size());
+        bool fgSame =
+            nSize == Hidden(other.size()) && std::memcmp(Hidden(one.data()), Hidden(other.data()), nSize) == 0;
         benchmark::DoNotOptimize(fgSame);
+        benchmark::ClobberMemory();
     }
 }
-BENCHMARK(CompareLimit)->Name("compare equal texts|limit: strcmp")->Apply(Sizes);
+BENCHMARK(CompareLimit)->Name("compare equal texts|limit: lengths, memcmp")->Apply(Sizes);
 
 #ifdef KALVOREN_PEER_GLIB
 void CompareGlib(benchmark::State& state) {
@@ -164,9 +162,11 @@ BENCHMARK(CompareGlib)->Name("compare equal texts|GString")->Apply(Sizes);
 // ---------------------------------------------------------------------------------------------------- Searching
 
 /// The first letter of the one is everywhere in the text, that of the other nowhere else: whoever looks for the first letter
-/// first has a hard time with the one and an easy one with the other.
+/// first has a hard time with the one and an easy one with the other. The letters of the third are all everywhere, and it is not
+/// there.
 constexpr const char* kCommon = "ebra";
 constexpr const char* kRare = "zebra";
+constexpr const char* kEverywhere = "other hints";
 
 void SearchKalvoren(benchmark::State& state, const char* pszSought) {
     const KString text(TextOf(state.range(0)).c_str());
@@ -189,8 +189,7 @@ void SearchStd(benchmark::State& state, const char* pszSought) {
 void SearchLimit(benchmark::State& state, const char* pszSought) {
     const std::string text = TextOf(state.range(0));
     for (auto _ : state) {
-        const char* pszText = text.c_str();
-        benchmark::DoNotOptimize(pszText);
+        const char* const pszText = Hidden(text.c_str());
         const char* pszAt = std::strstr(pszText, pszSought);
         benchmark::DoNotOptimize(pszAt);
     }
@@ -212,6 +211,10 @@ const bool g_fgSearchesRegistered = [] {
         benchmark::RegisterBenchmark(("search a text for its last word|" + who).c_str(), pSearch, kCommon)
             ->Apply(Sizes);
         benchmark::RegisterBenchmark(("search a text, the word's first letter is rare|" + who).c_str(), pSearch, kRare)
+            ->Apply(Sizes);
+        benchmark::RegisterBenchmark(
+            ("search a text for what is not there, of letters that are everywhere|" + who).c_str(), pSearch,
+            kEverywhere)
             ->Apply(Sizes);
     };
     add("Kalvoren", SearchKalvoren);
@@ -258,8 +261,7 @@ void AppendLimit(benchmark::State& state) {
         char* pszText = nullptr;
         std::size_t nSize = 0;
         for (std::int64_t i = 0; i < state.range(0); ++i) {
-            const char* pszPiece = kPiece;
-            benchmark::DoNotOptimize(pszPiece);
+            const char* const pszPiece = Hidden(kPiece);
             const std::size_t nPiece = std::strlen(pszPiece);
             pszText = static_cast<char*>(std::realloc(pszText, nSize + nPiece + 1));
             std::memcpy(pszText + nSize, pszPiece, nPiece + 1);

@@ -48,7 +48,7 @@ int NotNegative(int n) {
     return n < 0 ? 0 : n;
 }
 
-unsigned char Byte(char ch) {
+constexpr unsigned char Byte(char ch) {
     return static_cast<unsigned char>(ch);
 }
 
@@ -106,26 +106,33 @@ long long CopyCount(const char* p, int n) {
     return n == -1 ? static_cast<long long>(std::strlen(p)) + 1 : n + 1LL;
 }
 
-using TextSearch = const char* (*)(const char*, const char*);
+/// Searches a text, of which no byte behind @p pEnd may be read but the NUL there.
+using TextSearch = const char* (*)(const char* pszText, const char* pEnd, const char* pszSought);
 
 /// Whether a byte is one that most texts are full of.
-bool IsOftenMet(char ch) {
-    constexpr auto kLetter = [](char chLetter) { return std::uint32_t{1} << (chLetter % 32); };
-    constexpr std::uint32_t kOften = kLetter('a') | kLetter('e') | kLetter('h') | kLetter('i') | kLetter('n') |
-                                     kLetter('o') | kLetter('r') | kLetter('s') | kLetter('t');
-    return ch == ' ' || (ch >= 'a' && ch <= 'z' && (kOften >> (ch % 32) & 1) != 0);
-}
+class OftenMet {
+ public:
+    constexpr OftenMet() : m_fgIs() {
+        for (const char* p = " aehinorst"; *p != '\0'; ++p) {
+            m_fgIs[Byte(*p)] = true;
+        }
+    }
+    constexpr bool Is(char ch) const { return m_fgIs[Byte(ch)]; }
 
-/// As strncmp finds it, which libc has for some processors byte by byte.
-bool BeginsWith(const char* pszText, const char* pszStart, std::size_t nStart) {
-    return *pszText == *pszStart && strnlen(pszText, nStart) == nStart && std::memcmp(pszText, pszStart, nStart) == 0;
-}
+ private:
+    bool m_fgIs[256];
+};
+constexpr OftenMet g_OftenMet;
 
 /// What strstr finds, and sooner in most texts: it looks for a byte that is not often met, which libc does many bytes at a
 /// time, and leaves the rest to strstr where that byte turns out to be met often.
-const char* FindExact(const char* pszText, const char* pszSought) {
+const char* FindExact(const char* pszText, const char* pEnd, const char* pszSought) {
+    constexpr std::ptrdiff_t kShort = 16;
+    if (pEnd - pszText < kShort) {
+        return std::strstr(pszText, pszSought);
+    }
     std::ptrdiff_t nRare = 0;
-    while (IsOftenMet(pszSought[nRare])) {
+    while (g_OftenMet.Is(pszSought[nRare])) {
         ++nRare;
     }
     if (pszSought[nRare] == '\0') {
@@ -140,14 +147,16 @@ const char* FindExact(const char* pszText, const char* pszSought) {
         if (p == nullptr) {
             return nullptr;
         }
-        if (p - pszText >= nRare && BeginsWith(p - nRare, pszSought, nSought)) {
+        // No NUL is in what is sought, nor in what equals it.
+        if (p - pszText >= nRare && pEnd - p + nRare >= static_cast<std::ptrdiff_t>(nSought) &&
+            std::memcmp(p - nRare, pszSought, nSought) == 0) {
             return p - nRare;
         }
         ++p;
     }
     return std::strstr(p - std::min(p - pszText, nRare), pszSought);
 }
-const char* FindAnyCase(const char* pszText, const char* pszSought) {
+const char* FindAnyCase(const char* pszText, const char*, const char* pszSought) {
     return strcasestr(pszText, pszSought);
 }
 
@@ -156,19 +165,20 @@ bool CanFind(const KString& text, const tchar* pszText, const char* pszSought, i
     return pszSought != nullptr && pszText != nullptr && nStart < text.Length();
 }
 
-int FindText(const tchar* pszText, const char* pszSought, int nStart, TextSearch search) {
-    const char* const pHit = search(pszText + NotNegative(nStart), pszSought);
+int FindText(const tchar* pszText, int nLength, const char* pszSought, int nStart, TextSearch search) {
+    const char* const pHit = search(pszText + NotNegative(nStart), pszText + nLength, pszSought);
     return pHit != nullptr ? static_cast<int>(pHit - pszText) : -1;
 }
 
 /// The last hit at or before @p nLimit.
-int FindLastText(const tchar* pszText, const char* pszSought, long long nLimit, TextSearch search) {
+int FindLastText(const tchar* pszText, int nLength, const char* pszSought, long long nLimit, TextSearch search) {
     int nFound = -1;
-    const char* pHit = search(pszText, pszSought);
+    const char* const pEnd = pszText + nLength;
+    const char* pHit = search(pszText, pEnd, pszSought);
     while (pHit != nullptr && pHit - pszText <= nLimit) {
         nFound = static_cast<int>(pHit - pszText);
         // An empty text is found at the terminating NUL too; there is nothing behind that.
-        pHit = *pHit != '\0' ? search(pHit + 1, pszSought) : nullptr;
+        pHit = *pHit != '\0' ? search(pHit + 1, pEnd, pszSought) : nullptr;
     }
     return nFound;
 }
@@ -606,7 +616,7 @@ int KString::FindRCaseIgnore(char ch, int nStart) const {
 }
 
 int KString::Find(const char* p, int nStart) const {
-    return CanFind(*this, m_pszString, p, nStart) ? FindText(m_pszString, p, nStart, FindExact) : -1;
+    return CanFind(*this, m_pszString, p, nStart) ? FindText(m_pszString, m_nLen, p, nStart, FindExact) : -1;
 }
 
 int KString::Find(const KString& text, int nStart) const {
@@ -614,7 +624,7 @@ int KString::Find(const KString& text, int nStart) const {
 }
 
 int KString::FindCaseIgnore(const char* p, int nStart) const {
-    return CanFind(*this, m_pszString, p, nStart) ? FindText(m_pszString, p, nStart, FindAnyCase) : -1;
+    return CanFind(*this, m_pszString, p, nStart) ? FindText(m_pszString, m_nLen, p, nStart, FindAnyCase) : -1;
 }
 
 int KString::FindCaseIgnore(const KString& text, int nStart) const {
@@ -623,7 +633,7 @@ int KString::FindCaseIgnore(const KString& text, int nStart) const {
 
 int KString::FindR(const char* p, int nStart) const {
     return CanFind(*this, m_pszString, p, nStart)
-               ? FindLastText(m_pszString, p, static_cast<long long>(m_nLen) - nStart, FindExact)
+               ? FindLastText(m_pszString, m_nLen, p, static_cast<long long>(m_nLen) - nStart, FindExact)
                : -1;
 }
 
@@ -633,7 +643,7 @@ int KString::FindR(const KString& text, int nStart) const {
 
 int KString::FindRCaseIgnore(const char* p, int nStart) const {
     return CanFind(*this, m_pszString, p, nStart)
-               ? FindLastText(m_pszString, p, static_cast<long long>(m_nLen) - nStart, FindAnyCase)
+               ? FindLastText(m_pszString, m_nLen, p, static_cast<long long>(m_nLen) - nStart, FindAnyCase)
                : -1;
 }
 
