@@ -204,6 +204,8 @@ GROWTH = {
 REMARKS = {
     "the name without its extension": "GLib has no call for it.",
     "a path's extension": "GLib has no call for it.",
+    "start and join n threads":
+        "The memory is what malloc gave. A thread's stack comes from the system and is not counted.",
     "start a program and the library, stop both":
         "The time and the resident memory include loading the libraries that each program needs. What it grows by includes pages "
         "of the library's file that are read for the first time; [Footprint](footprint.md) has what it writes to.",
@@ -353,7 +355,8 @@ def introduction(results):
         "directory, comes on top in a process with libc's own settings. From one run of all this to the next most rows differ by a",
         "tenth, and those that depend on the caches by up to a half: a row that is near its goal meets it in one run and misses it in",
         "the next. Where its repetitions do not agree, it says how many of them meet it. Whether a job grows as it is to is judged",
-        "by a test that counts instructions, not by these times.")
+        "by a test that counts instructions, not by these times. What was measured at no more than two sizes (paths, times, locks,",
+        "lines of the log, records, the start) has a table and no plot.")
 
 
 def section(results, notes, plot):
