@@ -272,9 +272,11 @@ class Results:
 
         self.directory = pathlib.Path(directory)
         self.samples, self.memory, self.growth, self.context = by_size(), by_size(), by_size(), None
+        self.days = set()
         for file in sorted(self.directory.glob("*.json")):
             context, runs = read_runs(file)
             self.context = self.context or context
+            self.days.add(context["date"][:10])
             for job, who, size, time, run in runs:
                 if file.name.startswith("memory"):
                     self.memory[job][size][who] = run.get("max_bytes_used", 0)
@@ -287,6 +289,11 @@ class Results:
                         [run[key] for key in ("growth_bytes", "growth_again_bytes") if key in run])
         self.repetitions = max((len(values) for rows in self.samples.values() for by_who in rows.values()
                                 for values in by_who.values()), default=0)
+
+    def when(self):
+        """The day, or the first and the last: jobs may have been measured again by themselves."""
+        first, last = min(self.days), max(self.days)
+        return first if first == last else f"measured from {first} to {last}"
 
     def versions(self):
         """What the jobs were built of, as far as it was kept."""
@@ -338,7 +345,7 @@ def job_section(results, job, notes):
 def introduction(results):
     return paragraph(
         f"Made by `{MAKE}`; medians of {results.repetitions} interleaved repetitions on {platform.machine()},",
-        f"{results.context['num_cpus']} processors, {results.context['date'][:10]}{results.versions()}.",
+        f"{results.context['num_cpus']} processors, {results.when()}{results.versions()}.",
         "Times are of the processor, or of the wall clock where several threads or processes take part. Within a repetition all",
         "columns of a row are measured one after the other. The figure in brackets is the column's time divided by the library's",
         "time in the same repetition, as the median over the repetitions, and the goals are judged by it; where a goal names the",
