@@ -113,7 +113,7 @@ def section(file, notes):
             "optimised for size, beside those in the release for x86-64, both counted by the emulator; for x86-64 it is a processor",
             "of 2008, without instructions for 32 bytes at a time. The kernel's are not included, nor those that look up which",
             "function a call leads to; and two threads at a queue are not counted, since it is how they meet that makes the",
-            "difference. Instructions are not time, but what suits only one of the two shows. A unit",
+            "difference; nor is the example camera. Instructions are not time, but what suits only one of the two shows. A unit",
             "is one of the n of the job's name; where n is a size, the job was done 1,000 times, and a unit is one of these. The",
             "last ratios are to the same job done with the bare calls of libc and the language's library."),
         *(paragraph(
