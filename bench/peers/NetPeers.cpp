@@ -73,6 +73,11 @@ class KalvorenTcp {
     KNet m_Peer;
 };
 
+/// What is sent begins with a line of the cache, whoever sends it: the kernel's copying depends on it.
+struct alignas(64) Line {
+    char bytes[64];
+};
+
 /// Moves records of a size of its own.
 class KalvorenLocal {
  public:
@@ -99,7 +104,7 @@ class KalvorenLocal {
     KIPC m_Server;
     KIPC m_Client;
     KIPC m_Peer;
-    KIPC::IPCData m_Data = {};
+    alignas(Line) KIPC::IPCData m_Data = {};
 };
 
 ssize_t ReceiveBytes(int nSocket, void* pBytes, std::size_t nSize) {
@@ -250,13 +255,13 @@ template <class Connection>
 void Echo(benchmark::State& state) {
     const int nSize = static_cast<int>(state.range(0));
     Connection connection;
-    std::vector<char> bytes(static_cast<std::size_t>(nSize));
+    std::vector<Line> lines(static_cast<std::size_t>(nSize) / sizeof(Line) + 1);
+    char* const pBytes = lines.data()->bytes;
     for (auto _ : state) {
-        const int nSent = connection.Send(bytes.data(), nSize) +
-                          ReceiveAll(nSize, [&](int nRest) { return connection.Receive(bytes.data(), nRest); });
-        const int nAnswered = connection.Answer(bytes.data(), nSize) + ReceiveAll(nSize, [&](int nRest) {
-                                  return connection.ReceiveAnswer(bytes.data(), nRest);
-                              });
+        const int nSent = connection.Send(pBytes, nSize) +
+                          ReceiveAll(nSize, [&](int nRest) { return connection.Receive(pBytes, nRest); });
+        const int nAnswered = connection.Answer(pBytes, nSize) +
+                              ReceiveAll(nSize, [&](int nRest) { return connection.ReceiveAnswer(pBytes, nRest); });
         if (nSent + nAnswered != 4 * nSize) {
             state.SkipWithError("bytes were lost");
         }
@@ -267,10 +272,11 @@ template <class Connection>
 void Stream(benchmark::State& state) {
     const int nSize = static_cast<int>(state.range(0));
     Connection connection;
-    std::vector<char> bytes(static_cast<std::size_t>(nSize));
+    std::vector<Line> lines(static_cast<std::size_t>(nSize) / sizeof(Line) + 1);
+    char* const pBytes = lines.data()->bytes;
     for (auto _ : state) {
-        const int nSent = connection.Send(bytes.data(), nSize);
-        if (ReceiveAll(nSent, [&](int nRest) { return connection.Receive(bytes.data(), nRest); }) != nSize) {
+        const int nSent = connection.Send(pBytes, nSize);
+        if (ReceiveAll(nSent, [&](int nRest) { return connection.Receive(pBytes, nRest); }) != nSize) {
             state.SkipWithError("bytes were lost");
         }
     }
