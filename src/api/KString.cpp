@@ -109,18 +109,18 @@ long long CopyCount(const char* p, int n) {
 /// Searches a text, of which no byte behind @p pEnd may be read but the NUL there.
 using TextSearch = const char* (*)(const char* pszText, const char* pEnd, const char* pszSought);
 
-/// Whether a byte is one that most texts are full of.
+/// The bytes that most texts are full of.
 class OftenMet {
  public:
-    constexpr OftenMet() : m_fgIs() {
+    constexpr OftenMet() : m_nBits() {
         for (const char* p = " aehinorst"; *p != '\0'; ++p) {
-            m_fgIs[Byte(*p)] = true;
+            m_nBits[Byte(*p) / 32] |= std::uint32_t{1} << Byte(*p) % 32;
         }
     }
-    constexpr bool Is(char ch) const { return m_fgIs[Byte(ch)]; }
+    constexpr bool Has(char ch) const { return (m_nBits[Byte(ch) / 32] >> Byte(ch) % 32 & 1) != 0; }
 
  private:
-    bool m_fgIs[256];
+    std::uint32_t m_nBits[8];
 };
 constexpr OftenMet g_OftenMet;
 
@@ -132,7 +132,7 @@ const char* FindExact(const char* pszText, const char* pEnd, const char* pszSoug
         return std::strstr(pszText, pszSought);
     }
     std::ptrdiff_t nRare = 0;
-    while (g_OftenMet.Is(pszSought[nRare])) {
+    while (g_OftenMet.Has(pszSought[nRare])) {
         ++nRare;
     }
     if (pszSought[nRare] == '\0') {
