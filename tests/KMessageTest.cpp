@@ -424,6 +424,24 @@ TEST(KMessageTest, RegistrationsThatAreGoneLeaveNothingAllocated) {
               0u);
 }
 
+TEST(KMessageTest, ARegistryThatIsEmptyAgainKeepsNoTable) {
+    Listener::Notes notes;
+    Listener listener("L", notes);
+    const auto registerAndUnregister = [&](int nRegistrations) {
+        for (bool fgRegisters : {true, false}) {
+            for (int i = 0; i < nRegistrations; ++i) {
+                KString name(("KMessageTest/table/" + std::to_string(i)).c_str());
+                fgRegisters ? KMessageHandler::Register(&listener, name) : KMessageHandler::Unregister(&listener, name);
+            }
+        }
+    };
+    registerAndUnregister(8);
+    const std::size_t nBefore = support::BytesInUse();
+    registerAndUnregister(2000);
+    // Libc keeps some small blocks for the next time. The table had more than 40,000 bytes.
+    EXPECT_LT(support::BytesInUse(), nBefore + 20000);
+}
+
 TEST(KMessageTest, ARegistrationWithoutMemoryAmongManyIsTrueAndLeavesNothing) {
     constexpr int kRegistrations = 2000;
     Listener::Notes notes;
