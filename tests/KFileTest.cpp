@@ -19,6 +19,7 @@
 #include "support/LeaveProcess.h"
 #include "support/LogLines.h"
 #include "support/MutexCalls.h"
+#include "support/PointerLeftBy.h"
 #include "support/Support.h"
 
 using support::ContentOf;
@@ -486,6 +487,7 @@ TEST_F(KFileTest, AClosedFileFailsLikeTheSystemWithTheChecksOff) {
     EXPECT_EQ(LogOf([&] { EXPECT_FALSE(file.Read(0, szBuffer, 4)); }), ErrorLine("File Read", path));
     EXPECT_EQ(LogOf([&] { EXPECT_FALSE(file.Write(0, szBuffer, 4)); }), ErrorLine("File Write", path));
     EXPECT_EQ(LogOf([&] { EXPECT_FALSE(file.GetPosition(nPosition)); }), ErrorLine("File Get Position", path));
+    EXPECT_EQ(nPosition, -1) << "as ftell says";
     EXPECT_STREQ(szBuffer, "....");
     EXPECT_EQ(ContentOf(path), "text");
     EXPECT_TRUE(file.Close()) << "the lock was given back";
@@ -689,6 +691,10 @@ TEST_F(KFileTest, EveryOperationChecksForItsRecord) {
     EXPECT_CHECK_FAILS(file.Create(false), "pInfo", "src/api/KFile", "bool KFile::Create(bool)");
     EXPECT_CHECK_FAILS(file.Rename(other), "pInfo", "src/api/KFile", "bool KFile::Rename(KPath&)");
     EXPECT_CHECK_FAILS(file.Delete(), "pInfo", "src/api/KFile", "bool KFile::Delete()");
+}
+
+TEST_F(KFileTest, AFileThatIsGoneHasNoRecord) {
+    EXPECT_EQ(support::PointerLeftBy<KFile>(sizeof(void*)), nullptr);
 }
 
 // -------------------------------------------------------------------------------------------- Files by their own path

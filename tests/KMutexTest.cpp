@@ -16,6 +16,7 @@
 #include "KThread.h"
 #include "support/FailingNew.h"
 #include "support/Interpose.h"
+#include "support/PointerLeftBy.h"
 #include "support/Support.h"
 
 namespace {
@@ -224,6 +225,10 @@ TEST(KMutexTest, TheConstructorInitialisesTheAttributeSetsTheNormalTypeAndInitia
                 ElementsAre("pthread_mutexattr_init", "pthread_mutexattr_settype", "pthread_mutex_init"));
     EXPECT_EQ(t_Given.nType, PTHREAD_MUTEX_NORMAL);
     EXPECT_EQ(PTHREAD_MUTEX_NORMAL, 0);
+}
+
+TEST(KMutexTest, AMutexThatIsGoneHasNoRecord) {
+    EXPECT_EQ(support::PointerLeftBy<KMutex>(offsetof(Layout, pInfo)), nullptr);
 }
 
 TEST(KMutexTest, TheRecordHoldsTheMutexThenTheAttributeAndIsZeroFilledWhenMade) {

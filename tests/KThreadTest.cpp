@@ -19,6 +19,7 @@
 
 #include "support/HeapUse.h"
 #include "support/Interpose.h"
+#include "support/PointerLeftBy.h"
 #include "support/Sanitizers.h"
 #include "support/Support.h"
 
@@ -571,6 +572,18 @@ TEST(KThreadTest, TheCallbackIsNeverCalled) {
     EXPECT_TRUE(thread.ReStart(1, KThread::NORMAL, -1, CountCallback));
     thread.Stop();
     EXPECT_EQ(g_nCallbacks, 0);
+}
+
+TEST(KThreadTest, AThreadThatIsGoneHasNoRecord) {
+    EXPECT_EQ(support::PointerLeftBy<KThread>(offsetof(Layout, pInfo)), nullptr);
+}
+
+TEST(KThreadTest, AStackSizeThatTheSystemTakesFailsNoCheck) {
+    const ScopedChecks checks(true);
+    Body thread;
+    EXPECT_TRUE(Start(thread, 1, 1 << 20));
+    thread.Stop();
+    EXPECT_EQ(thread.Runs(), 1);
 }
 
 TEST(KThreadTest, AStackSizeThatTheSystemRefusesFailsACheck) {
