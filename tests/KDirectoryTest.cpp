@@ -23,10 +23,12 @@
 #include <utility>
 #include <vector>
 
+#include "support/Descriptors.h"
 #include "support/FailingMalloc.h"
 #include "support/FailingNew.h"
 #include "support/Interpose.h"
 #include "support/LogLines.h"
+#include "support/PointerLeftBy.h"
 #include "support/Support.h"
 #include "support/Umask.h"
 
@@ -57,6 +59,7 @@ struct System {
     int nClosed = 0;                  ///< How often closedir was called.
     int nCloseError = 0;              ///< Not 0: closedir closes, but fails with it.
     int nDescriptorError = 0;         ///< Not 0: dirfd fails with it.
+    int nStreamError = 0;             ///< Not 0: fdopendir fails with it.
     int nStatError = 0;               ///< Not 0: stat fails with it.
     int nEntryStatError = 0;          ///< Not 0: fstatat fails with it for the name strEntryStatFails.
     std::string strEntryStatFails;    ///< As above.
@@ -122,6 +125,15 @@ extern "C" int closedir(DIR* pDirectory) {
     ++t_System.nClosed;
     const int nResult = pNext(pDirectory);
     return t_System.nCloseError != 0 ? FailWith(t_System.nCloseError) : nResult;
+}
+
+extern "C" DIR* fdopendir(int nDescriptor) {
+    static const auto pNext = support::NextFunction(&fdopendir, "fdopendir");
+    if (t_System.nStreamError != 0) {
+        errno = t_System.nStreamError;
+        return nullptr;
+    }
+    return pNext(nDescriptor);
 }
 
 extern "C" int dirfd(DIR* pDirectory) noexcept {
@@ -288,6 +300,27 @@ mode_t ModeOf(const std::string& path) {
 bool Exists(const std::string& path) {
     return fs::exists(fs::symlink_status(path));
 }
+
+/// Standard input, put back at the end of the block where it was open.
+class ScopedInput {
+ public:
+    ScopedInput() : m_nSaved(dup(STDIN_FILENO)) {}
+    ~ScopedInput() {
+        Close();
+        if (m_nSaved >= 0) {
+            dup2(m_nSaved, STDIN_FILENO);
+            close(m_nSaved);
+        }
+    }
+    ScopedInput(const ScopedInput&) = delete;
+    ScopedInput& operator=(const ScopedInput&) = delete;
+
+    /// What is opened next has its number.
+    void Close() const { close(STDIN_FILENO); }
+
+ private:
+    int m_nSaved;
+};
 
 /// A directory without its record: made while memory is lacking.
 class WithoutRecord {
@@ -718,6 +751,21 @@ TEST_F(KDirectoryTest, AHandleWithoutADescriptorStaysOpen) {
     m_System->nDescriptorError = 0;
     EXPECT_EQ(m_System->nClosed, 0);
     EXPECT_TRUE(directory.Close());
+}
+
+TEST_F(KDirectoryTest, ADirectoryThatHasTheNumberOfStandardInputIsClosed) {
+    const ScopedDirectory scratch;
+    const ScopedInput input;
+    input.Close();
+    KDirectory directory;
+    EXPECT_TRUE(OpenQuietly(directory, scratch.Path()));
+    EXPECT_EQ(dirfd(m_System->pOpened), STDIN_FILENO);
+    EXPECT_EQ(LogOf([&] { EXPECT_TRUE(directory.Close()); }), "");
+    EXPECT_FALSE(support::IsOpen(STDIN_FILENO));
+}
+
+TEST_F(KDirectoryTest, OneThatIsGoneHasNoRecord) {
+    EXPECT_EQ(support::PointerLeftBy<KDirectory>(sizeof(void*)), nullptr);
 }
 
 TEST_F(KDirectoryTest, AHandleThatFailedToCloseIsForgotten) {
@@ -1160,6 +1208,17 @@ TEST_F(KDirectoryTest, WithoutMemorySortIsFalseAndLeavesTheListAsItWas) {
         EXPECT_FALSE(KDirectory::Sort(list, KDirectory::SORT_ASCENDING));
     }
     EXPECT_EQ(TextsOf(list), (std::vector<std::string>{"b", "a"}));
+}
+
+TEST_F(KDirectoryTest, WithMemoryForTheListAloneSortMakesTheExchanges) {
+    KList<KPath> list;
+    Fill(list, MarkedTexts({"b", "C", "a"}));
+    {
+        const ScopedNoMemory noMemory(1);
+        EXPECT_TRUE(KDirectory::Sort(list, KDirectory::SORT_ASCENDING_NOCASE));
+        EXPECT_FALSE(ScopedNoMemory::Take()) << "more was wanted";
+    }
+    EXPECT_EQ(TextsOf(list), (std::vector<std::string>{"a", "b", "C"}));
 }
 
 TEST_F(KDirectoryTest, AListMayBeSortedWhileAnotherThreadAddsToIt) {
@@ -1653,6 +1712,39 @@ TEST_F(KDirectoryTest, EveryDirectoryThatADeletionOpensIsClosed) {
     fs::create_directories(scratch.Entry("tree/a/b"));
     EXPECT_TRUE(DeleteTree(scratch.Entry("tree")));
     EXPECT_EQ(m_System->nClosed, 3);
+}
+
+TEST_F(KDirectoryTest, ADirectoryOfATreeMayHaveTheNumberOfStandardInput) {
+    const ScopedDirectory scratch;
+    fs::create_directories(scratch.Entry("tree/a/b"));
+    const ScopedInput input;
+    m_System->onEntryStat = [&](const std::string& name) {
+        if (name == "a") {
+            input.Close();
+        }
+    };
+    EXPECT_EQ(LogOf([&] { EXPECT_TRUE(DeleteTree(scratch.Entry("tree"))); }), "");
+    EXPECT_FALSE(Exists(scratch.Entry("tree")));
+}
+
+TEST_F(KDirectoryTest, WhatCannotBeReadInATreeIsClosed) {
+    const ScopedDirectory scratch;
+    fs::create_directories(scratch.Entry("tree/a/b"));
+    const std::vector<int> before = support::OpenDescriptors();
+    for (const bool fgIsInput : {false, true}) {
+        const ScopedInput input;
+        m_System->nStreamError = ENOMEM;
+        m_System->onEntryStat = [&](const std::string& name) {
+            if (fgIsInput && name == "a") {
+                input.Close();
+            }
+        };
+        LogOf([&] { EXPECT_FALSE(DeleteTree(scratch.Entry("tree"))); });
+        EXPECT_EQ(support::IsOpen(STDIN_FILENO), !fgIsInput && before.front() == STDIN_FILENO);
+        m_System->nStreamError = 0;
+    }
+    EXPECT_EQ(support::OpenDescriptors(), before);
+    EXPECT_TRUE(Exists(scratch.Entry("tree/a/b")));
 }
 
 // ------------------------------------------------------------------------------------------------------------- Renaming
