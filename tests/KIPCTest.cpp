@@ -462,6 +462,18 @@ TEST(KIPCTest, DeinitOfAnotherChannelRemovesChannelZero) {
     });
 }
 
+TEST(KIPCTest, OfAChannelThatIsRemovedTheRecordStaysAndNothingElse) {
+    const ScopedTableNames names;
+    InChildProcess([] {
+        const std::size_t nRecord = support::BytesLeftBy([] { const KIPC channel; });
+        EXPECT_EQ(support::BytesLeftBy([] {
+                      KIPC::Init(0, true, KIPC::SHARED_MEMORY, KPath());
+                      KIPC::Deinit(0);
+                  }),
+                  nRecord);
+    });
+}
+
 TEST(KIPCTest, DeinitWithoutChannelZeroDoesNothing) {
     const ScopedTableNames names;
     InChildProcess([] {
