@@ -42,7 +42,6 @@ using support::ScopedUmask;
 using support::StderrOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::StartsWith;
 
 namespace fs = std::filesystem;
