@@ -66,10 +66,14 @@ is_preset() {
 packages_of() {
     # What looks at the built library, at its packages and at the documentation.
     local inspection="abigail-tools lintian dpkg-dev file python3 pkg-config"
+    # What looks at the camera's page, and at texts in it.
+    local browser="chromium fonts-dejavu-core"
     # From the sources in locales a test makes the locales that it needs.
     echo "${BUILD_PACKAGES[*]} googletest locales"
     case $1 in
-        dev | release | clang) echo "libbenchmark-dev clang clang-format ${inspection} gdb doxygen valgrind ${CAMERA_PACKAGES[*]}" ;;
+        dev | release | clang)
+            echo "libbenchmark-dev clang clang-format ${inspection} ${browser} gdb doxygen valgrind ${CAMERA_PACKAGES[*]}"
+            ;;
         asan | tsan) echo "${CAMERA_PACKAGES[*]}" ;;
         ubsan) echo "clang ${CAMERA_PACKAGES[*]}" ;;
         coverage) echo "gcovr ${CAMERA_PACKAGES[*]}" ;;
