@@ -7,7 +7,9 @@ JOBS=${KALVOREN_JOBS:-$(nproc)}
 BUILD_PACKAGES=(cmake ninja-build g++)
 # What the example camera's plug-in needs; without it the camera is built all the same.
 CAMERA_PACKAGES=(libturbojpeg0-dev)
-export ROOT JOBS BUILD_PACKAGES CAMERA_PACKAGES
+# What looks at the camera's page, and at texts in it.
+BROWSER_PACKAGES=(chromium fonts-dejavu-core)
+export ROOT JOBS BUILD_PACKAGES CAMERA_PACKAGES BROWSER_PACKAGES
 
 die() {
     echo "$(basename "$0"): $*" >&2
@@ -66,13 +68,11 @@ is_preset() {
 packages_of() {
     # What looks at the built library, at its packages and at the documentation.
     local inspection="abigail-tools lintian dpkg-dev file python3 pkg-config"
-    # What looks at the camera's page, and at texts in it.
-    local browser="chromium fonts-dejavu-core"
     # From the sources in locales a test makes the locales that it needs.
     echo "${BUILD_PACKAGES[*]} googletest locales"
     case $1 in
         dev | release | clang)
-            echo "libbenchmark-dev clang clang-format ${inspection} ${browser} gdb doxygen valgrind ${CAMERA_PACKAGES[*]}"
+            echo "libbenchmark-dev clang clang-format ${inspection} gdb doxygen valgrind ${CAMERA_PACKAGES[*]} ${BROWSER_PACKAGES[*]}"
             ;;
         asan | tsan) echo "${CAMERA_PACKAGES[*]}" ;;
         ubsan) echo "clang ${CAMERA_PACKAGES[*]}" ;;
