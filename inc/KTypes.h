@@ -17,9 +17,14 @@
 
 /// Marks the small parts of a template whose larger operations the shared library exports: they become part of whatever
 /// calls them, in every build, so that no program needs a symbol for them. (A build that counts how often each function
-/// runs keeps them apart: library and program together define it as `inline`.)
+/// runs keeps them apart: library and program together define it as `inline`.) Clang is not to put its check of function
+/// types in front of them: it would ask the linker for those that are parts of what the library exports.
 #ifndef KALVOREN_INLINE
+#ifdef __clang__
+#define KALVOREN_INLINE __attribute__((always_inline, visibility("hidden"), no_sanitize("function"))) inline
+#else
 #define KALVOREN_INLINE __attribute__((always_inline, visibility("hidden"))) inline
+#endif
 #endif
 
 /// Lets the compiler check the arguments of a printf-like operation. Positions count from 1, and a member's hidden

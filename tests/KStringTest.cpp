@@ -1348,7 +1348,7 @@ TEST(KStringTest, FindsATextWhoseRareLetterIsEverywhere) {
 
 TEST(KStringTest, AWordThatWouldGoOnBehindTheTextsEndIsNotFound) {
     // Around the length from which on a word's rarest letter is looked for, and at each end of the block.
-    for (const std::size_t nBefore : {0, 5, 10, 11, 12, 13, 14, 15, 16, 40}) {
+    for (const std::size_t nBefore : {0U, 5U, 10U, 11U, 12U, 13U, 14U, 15U, 16U, 40U}) {
         const std::string text = std::string(nBefore, '-') + "zeb";
         EXPECT_EQ(KString(text.c_str()).Find("zebra", 0), -1) << nBefore;
         EXPECT_EQ(KString(text.c_str()).Find("zeb", 0), static_cast<int>(nBefore));
