@@ -17,13 +17,14 @@
 #include "KString.h"
 #include "KTime.h"
 #include "support/HeapUse.h"
-#include "support/Interpose.h"
 #include "support/Sanitizers.h"
+#include "support/ScopedClock.h"
 #include "support/Support.h"
 
 namespace {
 
 using support::ScopedChecks;
+using support::ScopedClock;
 using support::ScopedLevel;
 using support::StampPattern;
 using support::StderrOf;
@@ -31,23 +32,6 @@ using testing::MatchesRegex;
 
 constexpr const char* kSource = "src/api/KDebug";
 constexpr std::size_t kBufferSize = 1048576;
-
-// ------------------------------------------------------------------------------------------------------------ The clock
-
-/// The moment that the clock tells this thread; the true one without.
-thread_local const timeval* t_pNow = nullptr;
-constexpr int kMinutesWest = 300;  // of the zone that goes with it
-
-class ScopedClock {
- public:
-    ScopedClock(time_t nSec, suseconds_t nUSec) : m_Now{nSec, nUSec} { t_pNow = &m_Now; }
-    ~ScopedClock() { t_pNow = nullptr; }
-    ScopedClock(const ScopedClock&) = delete;
-    ScopedClock& operator=(const ScopedClock&) = delete;
-
- private:
-    timeval m_Now;
-};
 
 /// How far ahead of UTC every stamp runs, in seconds.
 constexpr int kStampShift = 232200;
@@ -177,17 +161,6 @@ const AtLoad g_AtLoad;
 }  // namespace
 
 // ------------------------------------------------------------------------------------- The functions in front of libc's
-
-extern "C" int gettimeofday(timeval* __restrict pNow, void* __restrict pZone) noexcept {
-    if (t_pNow == nullptr) {
-        return support::NextFunction(&gettimeofday, "gettimeofday")(pNow, pZone);
-    }
-    *pNow = *t_pNow;
-    if (pZone != nullptr) {
-        *static_cast<struct timezone*>(pZone) = {kMinutesWest, 1};
-    }
-    return 0;
-}
 
 #if !KALVOREN_WITH_ASAN && !KALVOREN_WITH_TSAN
 extern "C" void* __libc_malloc(std::size_t nSize);

@@ -17,12 +17,14 @@
 #include "support/FailingNew.h"
 #include "support/Interpose.h"
 #include "support/PointerLeftBy.h"
+#include "support/ScopedClock.h"
 #include "support/Support.h"
 
 namespace {
 
 using support::ScopedCalls;
 using support::ScopedChecks;
+using support::ScopedClock;
 using support::ScopedNoMemory;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -31,22 +33,6 @@ constexpr const char* kSource = "src/api/KThread";
 constexpr long long kMicrosecondsPerSecond = 1000000;
 
 // ------------------------------------------------------------------------- What libc is given in the length of a block
-
-/// The moment that the clock tells this thread; the true one without.
-thread_local const timeval* t_pNow = nullptr;
-
-class ScopedClock {
- public:
-    ScopedClock(time_t nSec, suseconds_t nUSec) : m_Now{nSec, nUSec} { t_pNow = &m_Now; }
-    ~ScopedClock() { t_pNow = nullptr; }
-    ScopedClock(const ScopedClock&) = delete;
-    ScopedClock& operator=(const ScopedClock&) = delete;
-
-    void Set(time_t nSec, suseconds_t nUSec) { m_Now = {nSec, nUSec}; }
-
- private:
-    timeval m_Now;
-};
 
 /// What the last calls of this thread were given.
 struct Given {
@@ -149,14 +135,6 @@ long long SecondsAhead(int nSeconds) {
 }  // namespace
 
 // ------------------------------------------------------------------------------------- The functions in front of libc's
-
-extern "C" int gettimeofday(timeval* __restrict pNow, void* __restrict pZone) noexcept {
-    if (t_pNow != nullptr) {
-        *pNow = *t_pNow;
-        return 0;
-    }
-    return support::NextFunction(&gettimeofday, "gettimeofday")(pNow, pZone);
-}
 
 extern "C" int pthread_mutexattr_init(pthread_mutexattr_t* pAttribute) noexcept {
     if (ScopedCalls::Current() != nullptr) {

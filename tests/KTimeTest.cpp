@@ -13,36 +13,11 @@
 #include <type_traits>
 #include <vector>
 
-#include "support/Interpose.h"
+#include "support/ScopedClock.h"
 #include "support/Support.h"
 
 using support::ScopedChecks;
-
-namespace {
-
-thread_local const struct timezone* t_pZone = nullptr;
-
-/// For the length of a block, this thread's clock has another zone.
-class ScopedZone {
- public:
-    explicit ScopedZone(const struct timezone& zone) : m_Zone(zone) { t_pZone = &m_Zone; }
-    ~ScopedZone() { t_pZone = nullptr; }
-    ScopedZone(const ScopedZone&) = delete;
-    ScopedZone& operator=(const ScopedZone&) = delete;
-
- private:
-    struct timezone m_Zone;
-};
-
-}  // namespace
-
-extern "C" int gettimeofday(timeval* __restrict pNow, void* __restrict pZone) noexcept {
-    const int nResult = support::NextFunction(&gettimeofday, "gettimeofday")(pNow, pZone);
-    if (t_pZone != nullptr && pZone != nullptr) {
-        *static_cast<struct timezone*>(pZone) = *t_pZone;
-    }
-    return nResult;
-}
+using support::ScopedZone;
 
 namespace {
 
