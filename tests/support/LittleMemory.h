@@ -15,7 +15,8 @@
 
 namespace support {
 
-/// More than the heap ever keeps for itself (32 MiB): an allocation of this size always asks the system.
+/// More than the heap takes from the system to hand it out in pieces (32 MiB): an allocation of this size asks the system,
+/// unless as much was given back in small pieces before.
 constexpr int kMuchMemory = 33 << 20;
 
 /// Whether valgrind runs the program: its allocator has memory in hand that no limit touches.
@@ -27,6 +28,18 @@ inline bool IsUnderValgrind() {
 /// What running without memory came to, beside the results of the code itself.
 constexpr int kMemoryCannotBeLimited = 77;
 constexpr int kDiedOfLittleMemory = 78;
+
+/// Takes what the heap has in hand from before; false where the system gives more than that.
+inline bool TakeWhatTheHeapKeeps() {
+    constexpr int kMoreThanItEverKeeps = 32;
+    for (int i = 0; i < kMoreThanItEverKeeps; ++i) {
+        void* volatile pTaken = std::malloc(static_cast<std::size_t>(kMuchMemory));
+        if (pTaken == nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
 
 /// Runs a piece of code in a process of its own that gets no more memory from the system, and returns what the code
 /// returned (0 to 76): 0 where everything was as expected, else the number of the step that was not. Returns
@@ -49,8 +62,7 @@ int InLittleMemory(Code code) {
         if (setrlimit(RLIMIT_AS, &nothingMore) != 0) {
             LeaveProcess(kMemoryCannotBeLimited);
         }
-        void* volatile pProbe = std::malloc(static_cast<std::size_t>(kMuchMemory));
-        const int nResult = pProbe != nullptr ? kMemoryCannotBeLimited : code();
+        const int nResult = TakeWhatTheHeapKeeps() ? code() : kMemoryCannotBeLimited;
         setrlimit(RLIMIT_AS, &before);
         LeaveProcess(nResult);
     }
