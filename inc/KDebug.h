@@ -47,8 +47,8 @@ extern KALVOREN_API KMutex g_Mutex;
 /// `Log` has written its stamp by then, so that a dropped log message leaves its stamp behind. A message that libc cannot
 /// render to its end (`%ls` with a character that the locale lacks) is written up to there.
 ///
-/// The buffers are made by Init() or by the first message. If the memory for them is lacking, messages are dropped. No
-/// operation ever reports a failure: all return true.
+/// The buffers are made by Init() or by the first message. If the memory for one of them is lacking, neither is made, the
+/// message is dropped, and the next one asks for it again. No operation ever reports a failure: all return true.
 ///
 /// Thread-safety: any thread may write a message; messages are not mixed. A log line's stamp is written before the
 /// lock is taken, so that another thread's message may come between a stamp and its message. Init() and Deinit() are
@@ -66,7 +66,7 @@ class KALVOREN_API KDebug {
 
     virtual ~KDebug();
 
-    /// Makes both blocks (`malloc`). Called twice without Deinit() between, it leaks the first pair.
+    /// Makes both blocks (`malloc`), or neither where memory is lacking. Called twice without Deinit() between, it leaks the first pair.
     static void Init();
 
     /// Frees both blocks. May be repeated. A message after it makes new ones.

@@ -65,7 +65,7 @@ class KALVOREN_API KMessageHandler {
     virtual int HandleMessage(const KMessage& message) = 0;
 
     /// Registers a handler under a name, unless it is already registered under it. It is not owned: unregister it
-    /// before it is destroyed. Returns true.
+    /// before it is destroyed. Returns true, also where memory is lacking: the handler is not registered then.
     static bool Register(KMessageHandler* pHandler, KString& name);
 
     /// Removes a handler's registration under a name. Returns false when there is none.

@@ -183,12 +183,15 @@ bool KMessageHandler::Register(KMessageHandler* pHandler, KString& name) {
     const ScopedLock lock(g_Mutex);
     if (Find(pHandler, name) < 0 && g_Index.Reserve() && g_ObjList.Add(pHandler)) {
         const int nLast = g_ObjList.GetCount() - 1;
-        if (g_MessageList.Add(name)) {
-            g_Index.Add(g_MessageList[nLast], pHandler);
+        const KString* const pName = g_MessageList.Add(name) ? g_MessageList[nLast] : nullptr;
+        if (pName != nullptr && pName->Length() == name.Length()) {
+            g_Index.Add(pName, pHandler);
         } else {
-            // Without memory for the name the lists would no longer go together.
+            // Without memory for the name the lists would no longer go together, or the handler would stay under none.
             KMessageHandler* pRemoved = nullptr;
+            KString removedName;
             g_ObjList.Pop(pRemoved, nLast);
+            g_MessageList.Pop(removedName, nLast);
         }
     }
     return true;

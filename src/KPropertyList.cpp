@@ -46,33 +46,34 @@ void KPropertyNode::DestroyDoomed() {
         KList<KPropertyNode*>::End end;
         KPropertyNode* pNode = nullptr;
         while (generations[i].Pop(pNode, -1)) {
-            {
-                KList<KPropertyNode*>::Appender parents(generations[1 - i], end);
-                // Pop() gave a node, and another than the last one.
-                // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage,clang-analyzer-cplusplus.NewDelete)
-                pNode->DetachDoomed(parents);
+            if (pNode != nullptr) {
+                {
+                    KList<KPropertyNode*>::Appender parents(generations[1 - i], end);
+                    pNode->DetachDoomed(parents);
+                }
+                delete pNode;
             }
-            delete pNode;
         }
     }
 }
 
 /// Destroys those children that die with this node, hands over the ones among them that are parents themselves, and
-/// forgets the others. The count falls as the index rises, so that the first half dies, rounded up.
+/// forgets the others. The count falls as the index rises, so that the first half dies, rounded up. The list itself is
+/// handed over, with nulls for those that are destroyed or forgotten: destroying takes no memory.
 void KPropertyNode::DetachDoomed(KList<KPropertyNode*>::Appender& parents) {
     int nDoomed = (m_Children.GetCount() + 1) / 2;
     {
         KList<KPropertyNode*>::Reader children(m_Children);
-        for (; nDoomed > 0; --nDoomed) {
-            KPropertyNode* const pChild = *children.Next();
-            if (pChild == nullptr || pChild->GetNodeCount() == 0) {
-                delete pChild;
-            } else {
-                parents.Add(pChild);
+        for (; KPropertyNode** const ppChild = children.Next(); --nDoomed) {
+            if (nDoomed <= 0) {
+                *ppChild = nullptr;
+            } else if (*ppChild != nullptr && (*ppChild)->GetNodeCount() == 0) {
+                delete *ppChild;
+                *ppChild = nullptr;
             }
         }
     }
-    m_Children.Reset();
+    parents.Take(m_Children);
 }
 
 bool KPropertyNode::Set(KPropertyNodeType eType, const KString& text) {

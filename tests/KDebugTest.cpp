@@ -574,6 +574,23 @@ TEST_F(KDebugTest, WithoutMemoryForTheBuffersMessagesAreDroppedUntilThereIs) {
     }
 }
 
+TEST_F(KDebugTest, WhereOneBufferIsLackingNeitherIsMadeAndNothingIsLeft) {
+    if (!kCanFailMalloc) {
+        GTEST_SKIP() << "the sanitizer's malloc cannot be replaced";
+    }
+    for (const Operation& operation : kOperations) {
+        KDebug::Deinit();
+        const std::size_t nBefore = support::BytesInUse();
+        for (int i = 0; i < 3; ++i) {
+            const ScopedBuffersLeft one(1);
+            EXPECT_EQ(StderrOf([&operation] { EXPECT_TRUE(Write(operation, "x")); }), "");
+            EXPECT_EQ(g_pDebugFormat, nullptr);
+            EXPECT_EQ(g_pDebugBuffer, nullptr);
+        }
+        EXPECT_LT(support::BytesInUse(), nBefore + kBufferSize);
+    }
+}
+
 TEST_F(KDebugTest, WithoutTheRenderingBufferMessagesAreDroppedAndALogMessageLeavesItsStamp) {
     KDebug::Init();
     tchar* const pBuffer = g_pDebugBuffer;

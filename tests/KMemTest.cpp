@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -310,6 +311,15 @@ TEST_F(KMemTest, TheRegistryTakesNoMemoryBeforeItIsNeededAlsoWhenItIsMadeAgain) 
         EXPECT_LE(ResidentPages(), 8);
         KMem::Deinit();
     }
+}
+
+TEST_F(KMemTest, DeinitGivesTheRegistrysMemoryBack) {
+    ASSERT_TRUE(KMem::Init());
+    void* const pRegistry = const_cast<void*>(RegistryAddress());
+    EXPECT_EQ(msync(pRegistry, 1, MS_ASYNC), 0);
+    KMem::Deinit();
+    EXPECT_EQ(msync(pRegistry, 1, MS_ASYNC), -1);
+    EXPECT_EQ(errno, ENOMEM);
 }
 
 TEST_F(KMemTest, DeinitWithoutARegistryFailsACheckAndDoesNothingWithTheChecksOff) {
@@ -891,6 +901,13 @@ TEST_F(KMemTest, MallocGivesABlockAndEntersItsSize) {
     EXPECT_EQ(Registry()->sizes[0], 100u);
     KMem::Free(&pBlock);
     EXPECT_EQ(Registry()->nCount, 0);
+}
+
+TEST_F(KMemTest, MallocOfOneByteFailsNoCheck) {
+    const ScopedChecks checks(true);
+    void* pBlock = KMem::Malloc(1);
+    EXPECT_NE(pBlock, nullptr);
+    KMem::Free(&pBlock);
 }
 
 TEST_F(KMemTest, MallocOfNothingFailsACheckAndWithTheChecksOffEntersWhatMallocGives) {

@@ -399,9 +399,9 @@ TEST(KMessageTest, ARegistrationWithoutMemoryForItsNameIsTrueAndLeavesNothing) {
     Listener second("second", notes);
     EXPECT_TRUE(earlier.Register("memory-earlier"));
     KString name("memory-first");
-    {
-        // There is memory for the handler's place in its list, and none for the name's.
-        const ScopedNoMalloc noMemory(1);
+    // There is memory for the handler's place in its list, and none for the name's; or for that too, and none for the name.
+    for (const int nStillWorks : {1, 2}) {
+        const ScopedNoMalloc noMemory(nStillWorks);
         EXPECT_TRUE(KMessageHandler::Register(&first, name));
         EXPECT_EQ(noMemory.Refused(), 1);
     }
@@ -420,6 +420,17 @@ TEST(KMessageTest, RegistrationsThatAreGoneLeaveNothingAllocated) {
     EXPECT_EQ(support::BytesLeftBy([&] {
                   KMessageHandler::Register(&listener, name);
                   KMessageHandler::Unregister(&listener, name);
+              }),
+              0u);
+}
+
+TEST(KMessageTest, RegistrationsWithoutMemoryForTheNamesTextLeaveNothingAllocated) {
+    Listener::Notes notes;
+    Listener listener("L", notes);
+    KString name("KMessageTest/allocated");
+    EXPECT_EQ(support::BytesLeftBy([&] {
+                  const ScopedNoMalloc noMemory(2);
+                  KMessageHandler::Register(&listener, name);
               }),
               0u);
 }

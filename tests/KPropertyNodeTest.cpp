@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "KPropertyList.h"
+#include "support/FailingMalloc.h"
 #include "support/Interpose.h"
 #include "support/MutexCalls.h"
 #include "support/PropertyTree.h"
@@ -474,6 +475,14 @@ TEST(KPropertyNodeTest, WhatItDestroysLeavesHalfOfItsOwnChildrenToo) {
     EXPECT_EQ(DumpChildren(*pLeft), "key(e)") << "what is left is whole";
     delete pLeft;
     delete pLeftToo;
+}
+
+TEST(KPropertyNodeTest, DestroyingTakesNoMemory) {
+    auto* const pNode = new KPropertyNode();
+    AddKey(AddKey(*pNode, "a"), "b");
+    const support::ScopedNoMalloc noMemory;
+    delete pNode;
+    EXPECT_EQ(noMemory.Refused(), 0);
 }
 
 TEST(KPropertyNodeTest, ANullChildCountsWhenChildrenAreDestroyed) {

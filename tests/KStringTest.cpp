@@ -992,6 +992,10 @@ TEST(KStringTest, ToDigitReadsHexadecimalBinaryAndDecimalNumbers) {
         {"0xFFFFFFFF", -1},
         {"0x80000000", INT_MIN},
         {"0x123456789", 0x23456789},
+        {"0x1:", 1},
+        {"0x1@", 1},
+        {"0x1`", 1},
+        {"0x1/", 1},
         {"0x1\xE1", 1},
         // Binary.
         {"0b1", 1},
@@ -1023,6 +1027,8 @@ TEST(KStringTest, ToDigitReadsHexadecimalBinaryAndDecimalNumbers) {
         {"-0", 0},
         {"007", 7},
         {"abc", 0},
+        {"12:", 12},
+        {"12/", 12},
         {"1\xE9", 1},
         {"1\0002"s, 1},
         {"2147483647", INT_MAX},
@@ -1356,6 +1362,15 @@ TEST(KStringTest, AWordThatWouldGoOnBehindTheTextsEndIsNotFound) {
         const std::string reversed = "bra" + std::string(nBefore, '-');
         EXPECT_EQ(KString(reversed.c_str()).Find("zebra", 0), -1) << nBefore;
         EXPECT_EQ(KString(reversed.c_str()).Find("bra", 0), 0) << nBefore;
+    }
+}
+
+TEST(KStringTest, NoByteInFrontOfTheWordIsRead) {
+    const KString text("in the heat of the xenon lamp, the axe");
+    // A block of its own, in front of which the address sanitizer looks.
+    for (const char* const pszWord : {"hex", "heat o", "the x", "the axe", "theq"}) {
+        const KString word(pszWord);
+        EXPECT_EQ(text.Find(word.GetBuffer(), 0), static_cast<int>(std::string(text.GetBuffer()).find(pszWord)));
     }
 }
 

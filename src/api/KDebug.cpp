@@ -109,9 +109,18 @@ KDebug& KDebug::operator=(const KDebug&) {
 }
 
 void KDebug::Init() {
+    auto* pBuffer = static_cast<tchar*>(std::malloc(kBufferSize));
+    auto* pFormat = static_cast<tchar*>(std::malloc(kBufferSize));
+    if (pBuffer == nullptr || pFormat == nullptr) {
+        // One alone would be lost when the next message makes both again.
+        std::free(pBuffer);
+        std::free(pFormat);
+        pBuffer = nullptr;
+        pFormat = nullptr;
+    }
     // The marker last: whoever sees it finds the buffer too.
-    SetBuffer(g_pDebugBuffer, static_cast<tchar*>(std::malloc(kBufferSize)));
-    SetBuffer(g_pDebugFormat, static_cast<tchar*>(std::malloc(kBufferSize)));
+    SetBuffer(g_pDebugBuffer, pBuffer);
+    SetBuffer(g_pDebugFormat, pFormat);
 }
 
 void KDebug::Deinit() {

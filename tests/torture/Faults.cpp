@@ -172,8 +172,12 @@ int ErrorFor(const Spec& spec, const void* pReturn = __builtin_return_address(0)
     g_CallsBefore = g_Calls;
     ++g_Calls[spec.pszName];
     Outcome& outcome = SharedOutcome();
-    outcome.fgFailed = true;
     outcome.nWays = spec.Ways();
+    if (g_Fault.nWay >= outcome.nWays) {
+        // Another call than that of the run before, which had this way.
+        return 0;
+    }
+    outcome.fgFailed = true;
     outcome.nError = spec.errors[static_cast<std::size_t>(g_Fault.nWay)];
     CopyText(outcome.szFunction, sizeof(outcome.szFunction), spec.pszName);
     return outcome.nError;
@@ -363,7 +367,7 @@ int Munmap(void* pMapped, std::size_t nSize) {
 constexpr Spec kFopen = {"fopen",
                          Tells::NULL_POINTER,
                          {ENOENT, EACCES, EMFILE, ENFILE, EINTR, ENOMEM, ENOSPC, EISDIR, ENOTDIR, EROFS, ENAMETOOLONG,
-                          ELOOP, EPERM, ETXTBSY, ENXIO, EOVERFLOW, EDQUOT, ENODEV}};
+                          ELOOP, EPERM, ETXTBSY, ENXIO, EOVERFLOW, EDQUOT, ENODEV, EIO}};
 constexpr Spec kFseek = {
     "fseek", Tells::MINUS_ONE, {ESPIPE, EINVAL, EIO, EBADF, EINTR, EAGAIN, ENOSPC, EFBIG, EPIPE, EOVERFLOW}};
 constexpr Spec kFtell = {"ftell", Tells::MINUS_ONE, {ESPIPE, EBADF, EOVERFLOW}};
@@ -388,32 +392,33 @@ constexpr Spec kRemove = {"remove",
 constexpr Spec kRename = {"rename",
                           Tells::MINUS_ONE,
                           {EACCES, EPERM, EBUSY, EXDEV, ENOENT, ENOSPC, EDQUOT, ENOTEMPTY, EEXIST, EISDIR, ENOTDIR,
-                           EROFS, EINVAL, ELOOP, EMLINK, ENAMETOOLONG, ENOMEM}};
+                           EROFS, EINVAL, ELOOP, EMLINK, ENAMETOOLONG, ENOMEM, EIO}};
 constexpr Spec kUnlink = {"unlink",
                           Tells::MINUS_ONE,
                           {ENOENT, EACCES, EPERM, EBUSY, EISDIR, ENOTDIR, EROFS, EIO, ELOOP, ENAMETOOLONG, ENOMEM}};
 constexpr Spec kMkdir = {
     "mkdir",
     Tells::MINUS_ONE,
-    {EEXIST, EACCES, EPERM, ENOSPC, ENOENT, ENOTDIR, EROFS, EDQUOT, ELOOP, EMLINK, ENAMETOOLONG, ENOMEM, EINVAL}};
+    {EEXIST, EACCES, EPERM, ENOSPC, ENOENT, ENOTDIR, EROFS, EDQUOT, ELOOP, EMLINK, ENAMETOOLONG, ENOMEM, EINVAL, EIO}};
 constexpr Spec kRmdir = {
     "rmdir",
     Tells::MINUS_ONE,
-    {EACCES, EPERM, EBUSY, ENOTEMPTY, EEXIST, ENOENT, ENOTDIR, EROFS, EINVAL, ELOOP, ENAMETOOLONG, ENOMEM}};
-constexpr Spec kStat = {"stat", Tells::MINUS_ONE, {EACCES, ENOENT, ENOTDIR, ELOOP, ENAMETOOLONG, ENOMEM, EOVERFLOW}};
+    {EACCES, EPERM, EBUSY, ENOTEMPTY, EEXIST, ENOENT, ENOTDIR, EROFS, EINVAL, ELOOP, ENAMETOOLONG, ENOMEM, EIO}};
+constexpr Spec kStat = {
+    "stat", Tells::MINUS_ONE, {EACCES, ENOENT, ENOTDIR, ELOOP, ENAMETOOLONG, ENOMEM, EOVERFLOW, EIO}};
 constexpr Spec kFstatat = {
-    "fstatat", Tells::MINUS_ONE, {EACCES, ENOENT, ENOTDIR, EBADF, ELOOP, ENAMETOOLONG, ENOMEM, EOVERFLOW}};
+    "fstatat", Tells::MINUS_ONE, {EACCES, ENOENT, ENOTDIR, EBADF, ELOOP, ENAMETOOLONG, ENOMEM, EOVERFLOW, EIO}};
 constexpr Spec kUnlinkat = {
     "unlinkat",
     Tells::MINUS_ONE,
     {EISDIR, ENOTEMPTY, EACCES, EPERM, EBUSY, ENOENT, ENOTDIR, EROFS, EBADF, EIO, ELOOP, ENAMETOOLONG, ENOMEM}};
-constexpr Spec kFstat = {"fstat", Tells::MINUS_ONE, {EBADF, EOVERFLOW, ENOMEM}};
+constexpr Spec kFstat = {"fstat", Tells::MINUS_ONE, {EBADF, EOVERFLOW, ENOMEM, EIO}};
 constexpr Spec kOpenat = {
     "openat",
     Tells::MINUS_ONE,
-    {ENOTDIR, ELOOP, EACCES, EPERM, EINTR, EMFILE, ENFILE, ENOENT, ENOMEM, ENAMETOOLONG, EBADF, ENODEV}};
+    {ENOTDIR, ELOOP, EACCES, EPERM, EINTR, EMFILE, ENFILE, ENOENT, ENOMEM, ENAMETOOLONG, EBADF, ENODEV, EIO}};
 constexpr Spec kOpendir = {
-    "opendir", Tells::NULL_POINTER, {EACCES, EMFILE, ENFILE, ENOENT, ENOMEM, ENOTDIR, ELOOP, ENAMETOOLONG}};
+    "opendir", Tells::NULL_POINTER, {EACCES, EMFILE, ENFILE, ENOENT, ENOMEM, ENOTDIR, ELOOP, ENAMETOOLONG, EINTR, EIO}};
 constexpr Spec kFdopendir = {"fdopendir", Tells::NULL_POINTER, {ENOMEM, EBADF, ENOTDIR}};
 constexpr Spec kReaddir = {"readdir", Tells::NULL_POINTER, {EBADF, EIO, ENOENT, EOVERFLOW}};
 constexpr Spec kClosedir = {"closedir", Tells::MINUS_ONE, {EBADF, EINTR}};
@@ -1474,9 +1479,6 @@ int CountIn(const std::map<std::string, int>& calls, const std::string& function
 /// The writes that a message takes, each with its mark and what was rendered.
 std::vector<std::pair<std::string, std::string>> WritesOf(const std::string& message) {
     const std::string strStamp = "Log: ";
-    if (message == kStampAlone) {
-        return {{strStamp, ""}};
-    }
     if (message.rfind(strStamp, 0) == 0) {
         return {{strStamp, ""}, {"", message.substr(strStamp.size()) + "\n"}};
     }

@@ -149,8 +149,8 @@ class Step {
     std::size_t FailedSize() const { return m_nFailedSize; }
 
     /// Says what the library has to have logged, message by message: "Error****: ", "Debug: " or "Log: " (for a stamp) and
-    /// the message, or kStampAlone. What could not be written counts as logged: it was to be. A message that could not be
-    /// rendered is an empty one.
+    /// the message. What could not be written counts as logged: it was to be. A message that could not be rendered is an
+    /// empty one.
     void ExpectLog(const std::vector<std::string>& messages) const;
     /// What the library wrote to standard error.
     const std::string& Log() const { return m_Log; }
@@ -173,9 +173,6 @@ class Step {
     int m_nLine;
     mutable bool m_fgLogExpected = false;
 };
-
-/// A stamp that a message was dropped behind.
-constexpr char kStampAlone[] = "Log: alone";
 
 /// A scenario: what it does, and the checks that end the process in it when they are on and something fails.
 struct Scenario {
