@@ -2508,7 +2508,9 @@ TEST(KNetTest, WritingWithClientInfoToAHostThatIsTooLongFailsWithTheChecksOff) {
     ASSERT_TRUE(net.CreateSocket());
     for (const std::size_t nLength : {2048u, 2049u, 2050u, 100000u}) {
         const std::string tooLong(nLength, '1');
+        const ScopedLookUps lookUps(0, nullptr, SIZE_MAX);
         EXPECT_EQ(net.WriteWithClientInfo("x", 1, tooLong.c_str(), 9), -1);
+        EXPECT_THAT(lookUps.Sizes(), IsEmpty()) << nLength;
         const std::string address = std::string(nLength - 9, '0') + "177.0.0.1";
         EXPECT_EQ(net.WriteWithClientInfo("x", 1, address.c_str(), 9), -1);
     }

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -402,35 +403,71 @@ TEST_P(RacesTest, EveryMessageReachesThoseThatAreRegistered) {
     EXPECT_EQ(always.nReceived, nRounds * Threads());
 }
 
+/// Who has which buffer of a queue.
+class Owners {
+ public:
+    /// Of a queue whose buffers are all free.
+    explicit Owners(KManagedDynamicDataQueue& queue) {
+        while (KDynamicDataBuffer* const pBuffer = queue.PopWrite()) {
+            m_Taken[pBuffer] = false;
+        }
+        for (const auto& entry : m_Taken) {
+            queue.PushWrite(entry.first);
+        }
+        while (KDynamicDataBuffer* const pBuffer = queue.PopRead()) {
+            queue.PushRead(pBuffer);
+        }
+    }
+
+    std::size_t Count() const { return m_Taken.size(); }
+    /// Whether nobody else has it.
+    bool Take(KDynamicDataBuffer* pBuffer) { return !m_Taken.at(pBuffer).exchange(true); }
+    void Give(KDynamicDataBuffer* pBuffer) { m_Taken.at(pBuffer) = false; }
+
+ private:
+    std::map<KDynamicDataBuffer*, std::atomic<bool>> m_Taken;
+};
+
 TEST_P(RacesTest, ABufferOfAQueueBelongsToOneThreadAtATime) {
     constexpr int kBuffers = 5;
     const int nQueue = 40 + Threads();
     KManagedDynamicDataQueue::Create(nQueue, kBuffers);
     KManagedDynamicDataQueue& queue = *KManagedDynamicDataQueue::GetInstance(nQueue);
-    std::atomic<int> nWritten(0), nRead(0), nWrong(0);
+    Owners owners(queue);
+    ASSERT_EQ(owners.Count(), std::size_t{kBuffers});
+    std::atomic<int> nWritten(0), nRead(0), nShared(0), nWrong(0);
     const int nRounds = Rounds(12000);
     Hammer(Threads(), [&](int nThread) {
         for (int i = 0; i < nRounds; ++i) {
             if (KDynamicDataBuffer* const pBuffer = queue.PopWrite()) {
+                nShared += owners.Take(pBuffer) ? 0 : 1;
                 std::memset(pBuffer->LockWriteBuffer(512, 0), nThread + 1, 512);
                 pBuffer->SetDataSize(512);
                 pBuffer->UnlockWriteBuffer();
+                owners.Give(pBuffer);
                 queue.PushWrite(pBuffer);
                 ++nWritten;
             }
             if (KDynamicDataBuffer* const pBuffer = queue.PopRead()) {
+                nShared += owners.Take(pBuffer) ? 0 : 1;
                 const auto* const pBytes = static_cast<const unsigned char*>(pBuffer->LockReadBuffer(0));
                 nWrong += std::count(pBytes, pBytes + 512, pBytes[0]) == 512 ? 0 : 1;
                 pBuffer->UnlockReadBuffer();
+                owners.Give(pBuffer);
                 queue.PushRead(pBuffer);
                 ++nRead;
             }
         }
     });
+    EXPECT_EQ(nShared, 0);
     EXPECT_EQ(nWrong, 0);
+    EXPECT_GT(nWritten, 0);
     EXPECT_LE(nRead, nWritten);
     EXPECT_LE(nWritten - nRead, kBuffers);
-    queue.ClearAll();
+    while (KDynamicDataBuffer* const pBuffer = queue.PopRead()) {
+        queue.PushRead(pBuffer);
+    }
+    EXPECT_EQ(Owners(queue).Count(), std::size_t{kBuffers});
     KManagedDynamicDataQueue::Delete(nQueue);
 }
 

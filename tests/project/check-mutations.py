@@ -136,6 +136,16 @@ def check_results():
             yield "who noticed a change is forgotten"
 
 
+def check_classes():
+    """Every file of the library is some class's, but those that have nothing to change."""
+    there = {str(path.relative_to(SOURCE)) for place in ("inc", "src") for path in (SOURCE / place).rglob("*.*")
+             if path.suffix in (".h", ".cpp")}  # fmt: skip
+    named = {path for paths, *_ in mutate.CLASSES.values() for path in paths}
+    for path in sorted(there ^ named):
+        if path not in there or list(mutate.all_changes(path)):
+            yield f"{path} is in one of the library and the classes, and not in the other"
+
+
 def check_faults():
     """A class fails when too little is noticed, and when a survivor is in no list."""
     for share, reasons, expected in ((95, [], 0), (94, [], 1), (99, ["so"], 0), (99, ["so", None], 1), (90, [None], 2)):
@@ -146,7 +156,7 @@ def check_faults():
 
 
 def main():
-    checks = (check_changes, check_switched, check_ends, check_outcomes, check_results, check_faults)
+    checks = (check_changes, check_switched, check_ends, check_outcomes, check_results, check_classes, check_faults)
     found = [fault for check in checks for fault in check()]
     if found:
         print(*found, sep="\n")
