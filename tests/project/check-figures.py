@@ -14,6 +14,10 @@ CLASSES = {"queues": ["KQueue"], "property lists": ["KPropertyList"], "`KMutex`"
            "the order of sorted directories": ["ExchangeOrder"]}  # fmt: skip
 
 
+# What has to pass before each change may take no longer, on two processors.
+MOST_MINUTES = 25
+
+
 def section(text, preset):
     """What scripts/test printed of a preset."""
     return re.search(rf"^=== {preset} ===$(.*?)(?=^=== |\Z)", text, re.MULTILINE | re.DOTALL)[1]
@@ -29,6 +33,8 @@ def counts(text, preset):
 def figures_of_tests(text):
     passed, failed, skipped = map(int, re.search(r"^(\d+) passed, (\d+) failed, (\d+) skipped", text, re.MULTILINE).groups())
     yield "`.ci/run`", f"{passed:,} passed, {skipped:,} skipped{f', {failed:,} failed' if failed else ''};"
+    minutes = int(re.search(r"^This took (\d+) minutes", text, re.MULTILINE)[1])
+    yield "`.ci/run`", f"{minutes} minutes" if minutes <= MOST_MINUTES else f"no more than {MOST_MINUTES} minutes"
     for preset in ("dev", "asan", "tsan", "arm"):
         total, broken, skipped = counts(text, preset)
         yield f"| `{preset}` |", f"{total:,} | {total - broken - skipped:,} | {skipped:,} |"
@@ -105,20 +111,29 @@ def check_methods(document, kept):
             yield f"{part}.txt does not have the figures that are expected there"
 
 
+def runs_of(kept, part):
+    """What was kept of a part, or of one of its targets, the latest last; of two on one day, that of the target."""
+    runs = sorted((text[:10], name, text) for name, text in kept.items() if name.split("-")[0] == part)
+    return [text for _, _, text in runs]
+
+
 def last(kept, part, pattern):
-    """By name the figures that a pattern finds, of the latest run; of two on one day, of the one of that name alone."""
-    texts = sorted((text[:10], name, text) for name, text in kept.items() if name.split("-")[0] == part)
-    found = {}
-    for _, _, text in texts:
-        for name, *figures in re.findall(pattern, text, re.MULTILINE):
-            found[name] = [int(figure) for figure in figures]
-    return found
+    """By name the figures that a pattern finds, of the latest run."""
+    return {name: figures for text in runs_of(kept, part) for name, *figures in re.findall(pattern, text, re.MULTILINE)}
+
+
+def seconds(kept, target):
+    """How long a fuzz target ran last."""
+    heads = [re.search(r"^=== fuzz targets, (\d+) s each", text, re.MULTILINE)
+             for text in runs_of(kept, "fuzz") if f"\n{target} " in text]  # fmt: skip
+    return heads[-1][1] if heads and heads[-1] else 0
 
 
 def check_fuzzing(document, kept):
-    for target, (executions, edges) in last(kept, "fuzz", r"^(\w+) +(\d+) +\d+ +(\d+)  \w").items():
-        if not re.search(rf"^\| `{target}` \| [\d,]+ \| {executions:,} \| {edges:,} \|", document, re.MULTILINE):
-            yield f"{target} had {executions:,} executions that reached {edges:,} edges, its row says something else"
+    for target, (executions, edges, result) in last(kept, "fuzz", r"^(\w+) +(\d+) +\d+ +(\d+)  (\w[\w ]+)").items():
+        row = rf"^\| `{target}` \| {int(seconds(kept, target)):,} \| {int(executions):,} \| {int(edges):,} \| {result}"
+        if not re.search(row, document, re.MULTILINE):
+            yield f"{target} had {executions} executions that reached {edges} edges, {result}; its row says something else"
 
 
 def classes_of(cell):
@@ -135,7 +150,7 @@ def check_mutations(document, kept):
         names = classes_of(cell)
         figures = [done[name] for name in names if name in done]
         if len(figures) == len(names):
-            changes, total, seen, survived = map(sum, zip(*figures))
+            changes, total, seen, survived = (sum(map(int, column)) for column in zip(*figures))
             there = "all" if changes == total else f"{changes:,} of {total:,}", f"{seen:,} of {seen + survived:,}"
             if (tried, noticed) != there:
                 yield f"of {cell}, {there[0]} were tried and {there[1]} noticed, the row says {tried} and {noticed}"
@@ -182,7 +197,7 @@ def complaints(document, kept, texts):
 
 # A document and what was kept, as the scripts print it, that agree; and what makes them disagree, each in one figure.
 SAMPLE = """
-| What is tested | 7,995 passed, 6 skipped; by build below | `.ci/run` |
+| What is tested | 7,995 passed, 6 skipped; by build below; 18 minutes | `.ci/run` |
 | What is shipped | 3,000 passed | `scripts/test release arm-release` |
 | By Clang | 2,100 tests, none failed | `scripts/test clang` |
 | Every source | nothing found | `scripts/lint` |
@@ -217,7 +232,7 @@ SAMPLE_KEPT = {
              "\n=== asan ===\n100% tests passed, 0 tests failed out of 4001\n\t1 - A.B (Skipped)\n"
              "\n=== tsan ===\n100% tests passed, 0 tests failed out of 1000\n"
              "\n=== arm ===\n100% tests passed, 0 tests failed out of 1000\n"
-             "\n=== summary ===\n7995 passed, 0 failed, 6 skipped\n",
+             "\n=== summary ===\n7995 passed, 0 failed, 6 skipped\n\nThis took 18 minutes.\n",
     "release": "=== release ===\n=== summary ===\n3000 passed, 0 failed, 9 skipped\n",
     "clang": "100% tests passed, 0 tests failed out of 2100\n",
     "lint": "2024-05-06\n\n$ scripts/lint\n\n=== formatting ===\n",
@@ -234,7 +249,7 @@ SAMPLE_KEPT = {
             "pictures dropped                                             1.0  at most 15.0\n"
             "KB more resident at the end                                   63  at most 512\n"
             "\n$ scripts/soak 2 asan\n\npictures            3005\n",
-    "fuzz": "2024-05-06\nKString               20829      347     1361  nothing failed\n",
+    "fuzz": "2024-05-06\n=== fuzz targets, 60 s each, 2 at a time ===\nKString               20829      347     1361  nothing failed\n",
     "mutate": "2024-05-06\n"
               "KPath: 20 of 20 changes tried: 18 noticed (1 for the time that a test took), 2 survived (90.0 % noticed)\n"
               "KThread: 13 of 13 changes tried: 12 noticed (0 for the time that a test took), 0 survived (100.0 % noticed)\n"
@@ -248,7 +263,8 @@ SAMPLE_TEXTS = {
 CHANGES_OF_TEXTS = [("tests/torture/AScenarios.cpp", '{"A", A, {}},', ""), ("tests/RacesTest.cpp", "2, 4, 16", "2, 4"),
                     ("tests/RacesTest.cpp", "TEST_P(RacesTest, B)", ""), ("inc/A.h", "delete p", "p = q"),
                     ("src/A.cpp", "GCOVR", "")]  # fmt: skip
-CHANGES = [("tests", "7995 passed, 0 failed", "7995 passed, 1 failed"), ("tests", "7995 passed", "6995 passed"),
+CHANGES = [("tests", "took 18", "took 19"), ("fuzz", "60 s", "61 s"), ("fuzz", "nothing failed", "failed: see KString.log"),
+           ("tests", "7995 passed, 0 failed", "7995 passed, 1 failed"), ("tests", "7995 passed", "6995 passed"),
            ("tests", "\t1 - A.B (Skipped)\n", ""), ("tests", "out of 4001\n\t1 - A.B (Skipped)", "out of 4001"),
            ("tests", "out of 1000\n\n=== arm", "out of 1001\n\n=== arm"), ("release", "3000", "3001"),
            ("release", "0 failed", "1 failed"), ("clang", "2100", "2101"), ("clang", "0 tests failed", "1 tests failed"),
