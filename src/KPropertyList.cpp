@@ -59,7 +59,7 @@ void KPropertyNode::DestroyDoomed() {
 
 /// Destroys those children that die with this node, hands over the ones among them that are parents themselves, and
 /// forgets the others. The count falls as the index rises, so that the first half dies, rounded up. The list itself is
-/// handed over, with nulls for those that are destroyed or forgotten: destroying takes no memory.
+/// handed over, with nulls for those that are destroyed or forgotten: that takes no memory.
 void KPropertyNode::DetachDoomed(KList<KPropertyNode*>::Appender& parents) {
     int nDoomed = (m_Children.GetCount() + 1) / 2;
     {
