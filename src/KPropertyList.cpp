@@ -44,8 +44,7 @@ void KPropertyNode::DestroyDoomed() {
     // The lists swap their parts: their locks are never held together, or there would be no order to them.
     for (int i = 0; generations[i].GetCount() > 0; i = 1 - i) {
         KList<KPropertyNode*>::End end;
-        KPropertyNode* pNode = nullptr;
-        while (generations[i].Pop(pNode, -1)) {
+        for (KPropertyNode* pNode = nullptr; generations[i].Pop(pNode, -1); pNode = nullptr) {
             if (pNode != nullptr) {
                 {
                     KList<KPropertyNode*>::Appender parents(generations[1 - i], end);
