@@ -50,17 +50,24 @@ std::string StampOf(int nSec, int nUSec) {
 
 // ----------------------------------------------------------------------------------------------------------- The memory
 
-// How many blocks of the buffers' size malloc still gives. The sanitizers have a malloc of their own.
-int g_nBuffersLeft = INT_MAX;
+// Which blocks of the buffers' size malloc does not give, of those that are asked for in a block of code. The sanitizers have
+// a malloc of their own.
+int g_nFirstRefused = INT_MAX;
+int g_nLastRefused = INT_MAX;
+int g_nBuffersAsked = 0;
 
 constexpr bool kCanFailMalloc = !KALVOREN_WITH_ASAN && !KALVOREN_WITH_TSAN;
 
-class ScopedBuffersLeft {
+class ScopedRefusals {
  public:
-    explicit ScopedBuffersLeft(int nLeft) { g_nBuffersLeft = nLeft; }
-    ~ScopedBuffersLeft() { g_nBuffersLeft = INT_MAX; }
-    ScopedBuffersLeft(const ScopedBuffersLeft&) = delete;
-    ScopedBuffersLeft& operator=(const ScopedBuffersLeft&) = delete;
+    ScopedRefusals(int nFirst, int nLast) {
+        g_nFirstRefused = nFirst;
+        g_nLastRefused = nLast;
+        g_nBuffersAsked = 0;
+    }
+    ~ScopedRefusals() { g_nFirstRefused = INT_MAX; }
+    ScopedRefusals(const ScopedRefusals&) = delete;
+    ScopedRefusals& operator=(const ScopedRefusals&) = delete;
 };
 
 // ------------------------------------------------------------------------------------------------------- Small helpers
@@ -166,7 +173,7 @@ const AtLoad g_AtLoad;
 extern "C" void* __libc_malloc(std::size_t nSize);
 
 extern "C" void* malloc(std::size_t nSize) noexcept {
-    if (nSize == kBufferSize && --g_nBuffersLeft < 0) {
+    if (nSize == kBufferSize && ++g_nBuffersAsked >= g_nFirstRefused && g_nBuffersAsked <= g_nLastRefused) {
         return nullptr;
     }
     return __libc_malloc(nSize);
@@ -566,7 +573,7 @@ TEST_F(KDebugTest, WithoutMemoryForTheBuffersMessagesAreDroppedUntilThereIs) {
     for (const Operation& operation : kOperations) {
         KDebug::Deinit();
         {
-            const ScopedBuffersLeft none(0);
+            const ScopedRefusals all(1, INT_MAX);
             EXPECT_EQ(StderrOf([&operation] { EXPECT_TRUE(Write(operation, "x")); }), "");
             EXPECT_EQ(g_pDebugFormat, nullptr);
         }
@@ -579,15 +586,17 @@ TEST_F(KDebugTest, WhereOneBufferIsLackingNeitherIsMadeAndNothingIsLeft) {
         GTEST_SKIP() << "the sanitizer's malloc cannot be replaced";
     }
     for (const Operation& operation : kOperations) {
-        KDebug::Deinit();
-        const std::size_t nBefore = support::BytesInUse();
-        for (int i = 0; i < 3; ++i) {
-            const ScopedBuffersLeft one(1);
-            EXPECT_EQ(StderrOf([&operation] { EXPECT_TRUE(Write(operation, "x")); }), "");
-            EXPECT_EQ(g_pDebugFormat, nullptr);
-            EXPECT_EQ(g_pDebugBuffer, nullptr);
+        for (const int nLacking : {1, 2}) {
+            KDebug::Deinit();
+            const std::size_t nBefore = support::BytesInUse();
+            for (int i = 0; i < 3; ++i) {
+                const ScopedRefusals one(nLacking, nLacking);
+                EXPECT_EQ(StderrOf([&operation] { EXPECT_TRUE(Write(operation, "x")); }), "");
+                EXPECT_EQ(g_pDebugFormat, nullptr);
+                EXPECT_EQ(g_pDebugBuffer, nullptr);
+            }
+            EXPECT_LT(support::BytesInUse(), nBefore + kBufferSize);
         }
-        EXPECT_LT(support::BytesInUse(), nBefore + kBufferSize);
     }
 }
 
