@@ -22,10 +22,12 @@
 #include "Status.h"
 #include "TestCard.h"
 #include "support/Support.h"
+#include "support/Texts.h"
 
 using support::ScopedDirectory;
 using support::ScopedLevel;
 using support::StderrOf;
+using support::TextOf;
 using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
@@ -35,10 +37,6 @@ using testing::IsEmpty;
 namespace {
 
 constexpr int kNoLines = 3;
-
-std::string Text(const KString& text) {
-    return std::string(text.GetBuffer(), static_cast<std::size_t>(text.Length()));
-}
 
 // -------------------------------------------------------------------------------------------------------------- Requests
 
@@ -78,8 +76,8 @@ TEST(CameraTest, ReadsTheFirstLineOfARequest) {
         SCOPED_TRACE(c.pszData);
         camera::Request request = {"before", "before"};
         EXPECT_EQ(camera::ParseRequest(c.pszData, std::strlen(c.pszData), request), c.fgGood);
-        EXPECT_EQ(Text(request.method), c.fgGood ? c.pszMethod : "before");
-        EXPECT_EQ(Text(request.path), c.fgGood ? c.pszPath : "before");
+        EXPECT_EQ(TextOf(request.method), c.fgGood ? c.pszMethod : "before");
+        EXPECT_EQ(TextOf(request.path), c.fgGood ? c.pszPath : "before");
     }
 }
 
@@ -143,20 +141,20 @@ TEST(CameraTest, ReadsCommands) {
 }
 
 TEST(CameraTest, ARecordHoldsATextAndIsReadWithoutANul) {
-    EXPECT_EQ(Text(camera::TextOf(camera::RecordOf("rotate"))), "rotate");
-    EXPECT_EQ(Text(camera::TextOf(camera::RecordOf(""))), "");
+    EXPECT_EQ(TextOf(camera::TextOf(camera::RecordOf("rotate"))), "rotate");
+    EXPECT_EQ(TextOf(camera::TextOf(camera::RecordOf(""))), "");
     const std::string longText(1000, 'x');
-    EXPECT_EQ(Text(camera::TextOf(camera::RecordOf(longText.c_str()))), std::string(519, 'x'));
+    EXPECT_EQ(TextOf(camera::TextOf(camera::RecordOf(longText.c_str()))), std::string(519, 'x'));
     KIPC::IPCData record;
     std::memset(record.bytes, 'y', sizeof(record.bytes));
-    EXPECT_EQ(Text(camera::TextOf(record)), std::string(520, 'y'));
+    EXPECT_EQ(TextOf(camera::TextOf(record)), std::string(520, 'y'));
 }
 
 TEST(CameraTest, QuotesTextsForJson) {
-    EXPECT_EQ(Text(camera::Quoted("")), "\"\"");
-    EXPECT_EQ(Text(camera::Quoted("North gate")), "\"North gate\"");
-    EXPECT_EQ(Text(camera::Quoted("a\"b\\c\n\x01")), "\"a\\\"b\\\\c\\u000a\\u0001\"");
-    EXPECT_EQ(Text(camera::Quoted("T\xC3\xBCr")), "\"T\xC3\xBCr\"");
+    EXPECT_EQ(TextOf(camera::Quoted("")), "\"\"");
+    EXPECT_EQ(TextOf(camera::Quoted("North gate")), "\"North gate\"");
+    EXPECT_EQ(TextOf(camera::Quoted("a\"b\\c\n\x01")), "\"a\\\"b\\\\c\\u000a\\u0001\"");
+    EXPECT_EQ(TextOf(camera::Quoted("T\xC3\xBCr")), "\"T\xC3\xBCr\"");
 }
 
 // -------------------------------------------------------------------------------------------------------------- Settings
@@ -195,10 +193,10 @@ TEST(CameraTest, ReadsTheConfigurationItComesWith) {
     EXPECT_THAT(faults, IsEmpty());
     // What stands in the file is what holds without it.
     std::map<std::string, std::string> read;
-    camera::VisitSettings(settings, [&](const char* pszKey, const KString& value) { read[pszKey] = Text(value); });
+    camera::VisitSettings(settings, [&](const char* pszKey, const KString& value) { read[pszKey] = TextOf(value); });
     std::map<std::string, std::string> own;
     camera::VisitSettings(camera::Settings(),
-                          [&](const char* pszKey, const KString& value) { own[pszKey] = Text(value); });
+                          [&](const char* pszKey, const KString& value) { own[pszKey] = TextOf(value); });
     EXPECT_EQ(read, own);
     EXPECT_EQ(read.size(), 17U);
 }
@@ -213,7 +211,7 @@ TEST(CameraTest, TakesSettingsFromAFileAndKeepsTheOthers) {
     EXPECT_EQ(settings.nRate, 10);
     EXPECT_EQ(settings.nPort, 0);
     EXPECT_TRUE(settings.fgLocalOnly);
-    EXPECT_EQ(Text(settings.name), "North gate");
+    EXPECT_EQ(TextOf(settings.name), "North gate");
     EXPECT_EQ(settings.nWidth, 640);
 }
 
@@ -576,9 +574,9 @@ TEST(CameraTest, RemembersTheLastEventsTheNewestFirst) {
     const auto last = events.Last();
     ASSERT_EQ(last.size(), camera::EventLog::kRemembered);
     EXPECT_EQ(last.front().nNumber, 30U);
-    EXPECT_EQ(Text(last.front().name), "segment.closed");
-    EXPECT_EQ(Text(last.front().text), "30");
-    EXPECT_EQ(Text(last.back().text), "7");
+    EXPECT_EQ(TextOf(last.front().name), "segment.closed");
+    EXPECT_EQ(TextOf(last.front().text), "30");
+    EXPECT_EQ(TextOf(last.back().text), "7");
 }
 
 }  // namespace

@@ -30,6 +30,7 @@
 #include "support/LogLines.h"
 #include "support/PointerLeftBy.h"
 #include "support/Support.h"
+#include "support/Texts.h"
 #include "support/Umask.h"
 
 using support::LogOf;
@@ -40,6 +41,7 @@ using support::ScopedNoMalloc;
 using support::ScopedNoMemory;
 using support::ScopedUmask;
 using support::StderrOf;
+using support::TextOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -221,10 +223,6 @@ KPath DirectoryPath(const std::string& text) {
     KPath path = PathOf(text);
     path.SetType(KPath::TYPE_DIRECTORY);
     return path;
-}
-
-std::string TextOf(const KPath& path) {
-    return path.GetPath().GetBuffer();
 }
 
 /// A text as long as this, one that no system path can hold.

@@ -21,12 +21,14 @@
 #include "support/MutexCalls.h"
 #include "support/PointerLeftBy.h"
 #include "support/Support.h"
+#include "support/Texts.h"
 
 using support::ContentOf;
 using support::LogOf;
 using support::ScopedChecks;
 using support::ScopedDirectory;
 using support::ScopedLevel;
+using support::TextOf;
 
 namespace {
 
@@ -36,10 +38,6 @@ constexpr gid_t kSomeGroup = 4343;
 
 KPath PathOf(const std::string& text) {
     return KPath(text.c_str());
-}
-
-std::string TextOf(const KPath& path) {
-    return path.GetPath().GetBuffer();
 }
 
 /// "Error****: <text>[<path>]" with the two line feeds of an error whose text ends in one.

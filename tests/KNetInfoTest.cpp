@@ -9,6 +9,9 @@
 #include "KNet.h"
 #include "support/FailingNew.h"
 #include "support/Support.h"
+#include "support/Texts.h"
+
+using support::TextOf;
 
 namespace {
 
@@ -37,10 +40,6 @@ struct Fields {
 void PrintTo(const Fields& fields, std::ostream* pStream) {
     *pStream << fields.nDomain << ' ' << fields.nProtocol << ' ' << fields.nCasting << " '" << fields.address << "' "
              << fields.nPort;
-}
-
-std::string TextOf(const KString& text) {
-    return std::string(text.GetBuffer(), static_cast<std::size_t>(text.Length()));
 }
 
 Fields FieldsOf(const KNetInfo& info) {

@@ -37,6 +37,9 @@
 #include "support/Interpose.h"
 #include "support/Process.h"
 #include "support/Support.h"
+#include "support/Texts.h"
+
+using support::TextOf;
 
 namespace {
 
@@ -253,10 +256,6 @@ KNetInfo Udp(int nPort = 0, const char* pszHost = kLocal, KNetInfo::NetCasting e
 KNetInfo Odd(int nDomain, int nProtocol, int nCasting) {
     return KNetInfo(static_cast<KNetInfo::NetAddressDomain>(nDomain), static_cast<KNetInfo::NetProtocol>(nProtocol),
                     static_cast<KNetInfo::NetCasting>(nCasting), kLocal, 0);
-}
-
-std::string TextOf(const KString& text) {
-    return std::string(text.GetBuffer(), static_cast<std::size_t>(text.Length()));
 }
 
 bool IsNonBlocking(const KNet& net) {

@@ -19,6 +19,7 @@
 #include "support/LogLines.h"
 #include "support/PropertyTree.h"
 #include "support/Support.h"
+#include "support/Texts.h"
 
 using support::DestroyChildren;
 using support::LogOf;
@@ -26,6 +27,7 @@ using support::ReadList;
 using support::ScopedChecks;
 using support::ScopedDirectory;
 using support::ScopedLevel;
+using support::TextOf;
 using support::Tree;
 
 namespace {
@@ -34,10 +36,6 @@ constexpr int kNoLines = 3;
 
 KString StringOf(const std::string& text) {
     return KString(text.data(), static_cast<int>(text.size()));
-}
-
-std::string TextOf(const KString& text) {
-    return std::string(text.GetBuffer(), static_cast<std::size_t>(text.Length()));
 }
 
 std::string Repeated(const std::string& text, std::size_t nTimes) {

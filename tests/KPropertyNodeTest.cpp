@@ -18,9 +18,11 @@
 #include "support/MutexCalls.h"
 #include "support/PropertyTree.h"
 #include "support/Support.h"
+#include "support/Texts.h"
 
 using support::DumpChildren;
 using support::ScopedChecks;
+using support::TextOf;
 using support::Tree;
 
 namespace {
@@ -131,10 +133,6 @@ KPropertyNode* Find(KPropertyNode& node, const std::vector<const char*>& keys) {
     KPropertyNode** const ppFound = node.GetNode(path);
     EXPECT_EQ(path.GetCount(), static_cast<int>(keys.size())) << "the path is left as it is";
     return ppFound != nullptr ? *ppFound : nullptr;
-}
-
-std::string TextOf(const KString& text) {
-    return std::string(text.GetBuffer(), static_cast<std::size_t>(text.Length()));
 }
 
 }  // namespace

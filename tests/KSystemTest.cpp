@@ -17,10 +17,12 @@
 #include "support/LogLines.h"
 #include "support/MutexCalls.h"
 #include "support/Support.h"
+#include "support/Texts.h"
 
 using support::LogOf;
 using support::ScopedChecks;
 using support::ScopedLevel;
+using support::TextOf;
 using testing::HasSubstr;
 
 namespace {
@@ -57,10 +59,6 @@ extern "C" int uname(struct utsname* pNames) noexcept {
 }
 
 namespace {
-
-std::string TextOf(const KString& text) {
-    return text.GetBuffer();
-}
 
 std::string NameOf(const KSystem::OSInformation& info) {
     return TextOf(info.m_strName) + "/" + TextOf(info.m_strVersion);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "KPropertyList.h"
+#include "support/Texts.h"
 
 namespace support {
 
@@ -20,9 +21,8 @@ inline std::string DumpChildren(KPropertyNode& node) {
             text += "null";
             continue;
         }
-        const KString value = pChild->GetStringValue();
         text += names[pChild->GetValueType()];
-        text += "(" + std::string(value.GetBuffer(), static_cast<std::size_t>(value.Length())) + ")";
+        text += "(" + TextOf(pChild->GetStringValue()) + ")";
         if (pChild->GetNodeCount() > 0) {
             text += "{" + DumpChildren(*pChild) + "}";
         }

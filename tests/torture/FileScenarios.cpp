@@ -27,7 +27,7 @@ bool Exists(const std::string& path) {
     return std::filesystem::exists(path);
 }
 bool Exists(const KPath& path) {
-    return Exists(TextOf(path.GetPath()));
+    return Exists(TextOf(path));
 }
 
 // ------------------------------------------------------------------------------------------------------------- Files
@@ -219,7 +219,7 @@ using Entries = std::vector<Entry>;
 Entries EntriesOf(const KList<KPath>& list) {
     Entries entries;
     for (int i = 0; i < list.GetCount(); ++i) {
-        entries.push_back({TextOf(list[i]->GetPath()), list[i]->GetType()});
+        entries.push_back({TextOf(*list[i]), list[i]->GetType()});
     }
     return entries;
 }
@@ -228,7 +228,7 @@ Entries EntriesOf(KDirectory& directory) {
     Entries entries;
     KPath entry;
     for (int i = 0; directory.Read(i, entry); ++i) {
-        entries.push_back({TextOf(entry.GetPath()), entry.GetType()});
+        entries.push_back({TextOf(entry), entry.GetType()});
     }
     return entries;
 }

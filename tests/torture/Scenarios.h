@@ -17,13 +17,12 @@
 #include "KPropertyList.h"
 #include "KString.h"
 #include "support/Support.h"
+#include "support/Texts.h"
 #include "torture/Faults.h"
 
 namespace torture {
 
-inline std::string TextOf(const KString& text) {
-    return std::string(text.GetBuffer(), static_cast<std::size_t>(text.Length()));
-}
+using support::TextOf;
 
 inline std::vector<std::string> TextsOf(const KList<KString>& list) {
     std::vector<std::string> texts;
