@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 #include <malloc.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -43,6 +42,7 @@
 #include "support/Locales.h"
 #include "support/LogLines.h"
 #include "support/PropertyTree.h"
+#include "support/Sockets.h"
 #include "support/Support.h"
 
 using support::LogOf;
@@ -511,13 +511,6 @@ void UseAFileAndAPropertyList(const std::string& name) {
     ASSERT_TRUE(KFile::Delete(path));
 }
 
-int PortOf(const KNet& net) {
-    sockaddr_in address = {};
-    socklen_t nSize = sizeof(address);
-    getsockname(net.GetSocket(), reinterpret_cast<sockaddr*>(&address), &nSize);
-    return ntohs(address.sin_port);
-}
-
 /// Ends a connection at once: a thousand would keep their ports for a minute each.
 void Hang(KNet& net) {
     const linger nothing = {1, 0};
@@ -531,7 +524,7 @@ void UseAConnection() {
     KNet server(here, 0);
     ASSERT_TRUE(server.CreateSocket());
     ASSERT_TRUE(server.Bind());
-    KNetInfo there(KNetInfo::IPV4, KNetInfo::TCP, KNetInfo::UNICAST, "127.0.0.1", PortOf(server));
+    KNetInfo there(KNetInfo::IPV4, KNetInfo::TCP, KNetInfo::UNICAST, "127.0.0.1", support::PortOf(server.GetSocket()));
     KNet client(there, 0);
     ASSERT_TRUE(client.GetHostName());
     ASSERT_TRUE(client.CreateSocket());

@@ -36,9 +36,12 @@
 #include "support/Hosts.h"
 #include "support/Interpose.h"
 #include "support/Process.h"
+#include "support/Sockets.h"
 #include "support/Support.h"
 #include "support/Texts.h"
 
+using support::AwaitInput;
+using support::PortOf;
 using support::TextOf;
 
 namespace {
@@ -269,19 +272,6 @@ int Option(int nSocket, int nLevel, int nOption) {
     return nValue;
 }
 
-int PortOf(int nSocket) {
-    sockaddr_in address = {};
-    socklen_t nSize = sizeof(address);
-    EXPECT_EQ(getsockname(nSocket, reinterpret_cast<sockaddr*>(&address), &nSize), 0);
-    return ntohs(address.sin_port);
-}
-
-/// Waits until something has happened to a descriptor.
-void Await(int nDescriptor, int nEvents) {
-    pollfd entry = {nDescriptor, static_cast<short>(nEvents), 0};
-    EXPECT_EQ(poll(&entry, 1, kLong), 1);
-}
-
 /// A descriptor that is closed at the end.
 class Descriptor {
  public:
@@ -360,7 +350,7 @@ class FullServer : public BareServer {
  public:
     FullServer() : BareServer(0), m_First(Tcp(Port())) {
         EXPECT_TRUE(m_First.GetHostName() && m_First.CreateSocket() && m_First.SyncConnectWithBlock());
-        Await(Get(), POLLIN);
+        AwaitInput(Get());
     }
 
  private:
@@ -1180,7 +1170,7 @@ TEST(KNetTest, ThePortOfAConnectionThatHasEndedCanBeBoundAgain) {
     // The side that closes first keeps the port for a while.
     accepted.DeleteSocket();
     server.DeleteSocket();
-    Await(client.GetSocket(), POLLIN);
+    AwaitInput(client.GetSocket());
     client.DeleteSocket();
     Net again(Tcp(nPort));
     ASSERT_TRUE(again.CreateSocket());
@@ -2136,7 +2126,7 @@ TEST(KNetTest, ADatagramComesWithItsSendersAddressAndPort) {
     Receiver receiver;
     const Bare sender(SOCK_DGRAM, "127.0.0.200");
     sender.SendTo("hello", receiver.Port());
-    Await(receiver.GetSocket(), POLLIN);
+    AwaitInput(receiver.GetSocket());
     char buffer[16] = {};
     Sender from;
     EXPECT_EQ(receiver.ReadWithClientInfo(buffer, sizeof(buffer), from.ip, from.nPort, true), 5);
@@ -2161,7 +2151,7 @@ TEST(KNetTest, AnEmptyDatagramIsZeroWithoutAnError) {
     Receiver receiver;
     const Bare sender(SOCK_DGRAM);
     sender.SendTo("", receiver.Port());
-    Await(receiver.GetSocket(), POLLIN);
+    AwaitInput(receiver.GetSocket());
     char buffer[1];
     Sender from;
     EXPECT_EQ(receiver.ReadWithClientInfo(buffer, 1, from.ip, from.nPort, false), 0);
@@ -2174,7 +2164,7 @@ TEST(KNetTest, ReadingNothingWithClientInfoTakesADatagramAndTellsItsSender) {
     Receiver receiver;
     const Bare sender(SOCK_DGRAM);
     sender.SendTo("lost", receiver.Port());
-    Await(receiver.GetSocket(), POLLIN);
+    AwaitInput(receiver.GetSocket());
     char buffer[1];
     Sender from;
     EXPECT_EQ(receiver.ReadWithClientInfo(buffer, 0, from.ip, from.nPort, false), 0);
@@ -2188,7 +2178,7 @@ TEST(KNetTest, ADatagramThatIsTooLongIsCut) {
     Receiver receiver;
     const Bare sender(SOCK_DGRAM);
     sender.SendTo("hello", receiver.Port());
-    Await(receiver.GetSocket(), POLLIN);
+    AwaitInput(receiver.GetSocket());
     char buffer[3] = {'-', '-', '-'};
     Sender from;
     EXPECT_EQ(receiver.ReadWithClientInfo(buffer, 2, from.ip, from.nPort, false), 2);
@@ -2200,14 +2190,14 @@ TEST(KNetTest, ADatagramThatIsTooLongIsCut) {
 TEST(KNetTest, AStreamHasNoSendersAddressAndPrintsZeros) {
     Connection connection;
     connection.peer.Send("hello");
-    Await(connection.client.GetSocket(), POLLIN);
+    AwaitInput(connection.client.GetSocket());
     char buffer[16] = {};
     Sender from;
     EXPECT_EQ(connection.client.ReadWithClientInfo(buffer, sizeof(buffer), from.ip, from.nPort, false), 5);
     EXPECT_EQ(TextOf(from.ip), "0.0.0.0");
     EXPECT_EQ(from.nPort, 0);
     connection.peer.Close();
-    Await(connection.client.GetSocket(), POLLIN);
+    AwaitInput(connection.client.GetSocket());
     EXPECT_EQ(connection.client.ReadWithClientInfo(buffer, sizeof(buffer), from.ip, from.nPort, false), 0);
     EXPECT_EQ(connection.client.GetError(), KNet::NONE);
 }
@@ -2215,7 +2205,7 @@ TEST(KNetTest, AStreamHasNoSendersAddressAndPrintsZeros) {
 TEST(KNetTest, AResetStreamFailsToReadWithClientInfo) {
     Connection connection;
     connection.peer.Reset();
-    Await(connection.client.GetSocket(), POLLIN);
+    AwaitInput(connection.client.GetSocket());
     char buffer[1];
     Sender from;
     EXPECT_EQ(connection.client.ReadWithClientInfo(buffer, 1, from.ip, from.nPort, false), 0);
@@ -2236,7 +2226,7 @@ TEST(KNetTest, ReadingANegativeLengthWithClientInfoFailsAndTakesNothing) {
     Receiver receiver;
     const Bare sender(SOCK_DGRAM);
     sender.SendTo("hello", receiver.Port());
-    Await(receiver.GetSocket(), POLLIN);
+    AwaitInput(receiver.GetSocket());
     char buffer[5];
     Sender from;
     EXPECT_EQ(receiver.ReadWithClientInfo(buffer, -1, from.ip, from.nPort, false), 0);
@@ -2271,7 +2261,7 @@ TEST(KNetTest, AWriteToAPeerThatIsGoneIsLogged) {
     const ScopedLevel all(0);
     Connection connection;
     connection.peer.Reset();
-    Await(connection.client.GetSocket(), POLLIN);
+    AwaitInput(connection.client.GetSocket());
     EXPECT_THAT(StderrOf([&] { EXPECT_EQ(connection.client.Write("x", 1), -1); }),
                 MatchesRegex(WriteError(ECONNRESET)));
     EXPECT_THAT(StderrOf([&] { EXPECT_EQ(connection.client.Write("x", 1), -1); }), MatchesRegex(WriteError(EPIPE)));
@@ -2292,7 +2282,7 @@ TEST(KNetTest, AWriteToAPeerThatIsGoneRaisesSigpipe) {
         std::signal(SIGPIPE, SIG_DFL);
         Connection connection;
         connection.peer.Reset();
-        Await(connection.client.GetSocket(), POLLIN);
+        AwaitInput(connection.client.GetSocket());
         connection.client.Write("x", 1);
         connection.client.Write("x", 1);
     };
@@ -2861,7 +2851,7 @@ TEST(KNetTest, AHostThatVanishesWithoutAWordEndsAReadThatHasSomethingOnItsWay) {
             EXPECT_TRUE(Connect(client));
             const Descriptor peer = server.Accept();
             peer.Send(std::string(100, 'x'));
-            Await(client.GetSocket(), POLLIN);
+            AwaitInput(client.GetSocket());
             network.Centre().Run("ip link set left down");
             const unsigned int nPatience = 200;
             EXPECT_EQ(setsockopt(client.GetSocket(), IPPROTO_TCP, TCP_USER_TIMEOUT, &nPatience, sizeof(nPatience)), 0);

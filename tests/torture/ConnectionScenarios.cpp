@@ -2,7 +2,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -16,12 +15,16 @@
 #include "KIPC.h"
 #include "KNet.h"
 #include "support/Channels.h"
+#include "support/Sockets.h"
 #include "support/Support.h"
 #include "torture/Scenarios.h"
 
 namespace torture {
 
 namespace {
+
+using support::AwaitInput;
+using support::PortOf;
 
 constexpr char kLocalHost[] = "127.0.0.1";
 
@@ -37,23 +40,9 @@ const sockaddr* Plain(const sockaddr_in& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
-int PortOf(int nSocket) {
-    sockaddr_in address = {};
-    socklen_t nSize = sizeof(address);
-    getsockname(nSocket, reinterpret_cast<sockaddr*>(&address), &nSize);
-    return ntohs(address.sin_port);
-}
-
 /// Whether a look-up failed for good: where only the room for the answer was short, there is more the next time.
 bool FoundNoHost(const Step& step) {
     return step.Failed("gethostbyname_r") && TheOutcome().nError != ERANGE;
-}
-
-/// Waits for what is on its way to a socket.
-void AwaitInput(int nSocket) {
-    constexpr int kPatience = 120 * 1000;
-    pollfd poller = {nSocket, POLLIN, 0};
-    EXPECT_EQ(poll(&poller, 1, kPatience), 1);
 }
 
 /// A socket of the test's own, closed at the end.
