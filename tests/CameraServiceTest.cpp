@@ -37,8 +37,10 @@
 #include "support/Process.h"
 #include "support/Sanitizers.h"
 #include "support/Support.h"
+#include "support/Texts.h"
 
 using support::ContentOf;
+using support::CountOf;
 using support::ScopedDirectory;
 using testing::AllOf;
 using testing::HasSubstr;
@@ -365,14 +367,6 @@ long long NumberInStatus(int nPort, const std::string& name) {
     return n != std::string::npos ? std::atoll(json.c_str() + n + name.size() + 3) : -1;
 }
 
-std::size_t Count(const std::string& text, const std::string& part) {
-    std::size_t nCount = 0;
-    for (std::size_t n = text.find(part); n != std::string::npos; n = text.find(part, n + part.size())) {
-        ++nCount;
-    }
-    return nCount;
-}
-
 const std::string kPictureBegins = "\xFF\xD8";
 const std::string kPictureEnds = "\xFF\xD9";
 
@@ -420,13 +414,13 @@ TEST(CameraServiceTest, StreamsPictureAfterPictureToSeveralClients) {
     const std::string request = "GET /stream.mjpg HTTP/1.1\r\n\r\n";
     Client first(nPort, request);
     Client second(nPort, request);
-    const auto hasSome = [](const std::string& text) { return Count(text, "--picture\r\n") > 5; };
+    const auto hasSome = [](const std::string& text) { return CountOf(text, "--picture\r\n") > 5; };
     for (Client* pClient : {&first, &second}) {
         const std::string& text = pClient->ReadUntil(hasSome);
         EXPECT_THAT(text,
                     StartsWith("HTTP/1.1 200 OK\r\nContent-Type: multipart/x-mixed-replace; boundary=picture\r\n"));
-        EXPECT_GE(Count(text, "Content-Type: image/jpeg\r\nContent-Length: 32768\r\n\r\n\xFF\xD8"), 5U);
-        EXPECT_GE(Count(text, "\xFF\xD9\r\n--picture\r\n"), 4U);
+        EXPECT_GE(CountOf(text, "Content-Type: image/jpeg\r\nContent-Length: 32768\r\n\r\n\xFF\xD8"), 5);
+        EXPECT_GE(CountOf(text, "\xFF\xD9\r\n--picture\r\n"), 4);
     }
     EXPECT_EQ(NumberInStatus(nPort, "clients"), 2);
     EXPECT_EQ(camera.End(), 0);
@@ -437,12 +431,12 @@ TEST(CameraServiceTest, TellsClientsThatComeAndGo) {
     const int nPort = camera.Port();
     {
         Client client(nPort, "GET /stream.mjpg HTTP/1.1\r\n\r\n");
-        client.ReadUntil([](const std::string& text) { return Count(text, "--picture\r\n") > 1; });
+        client.ReadUntil([](const std::string& text) { return CountOf(text, "--picture\r\n") > 1; });
         EXPECT_EQ(NumberInStatus(nPort, "clients"), 1);
         EXPECT_THAT(Get(nPort, "/status.json"), HasSubstr("\"name\":\"client.joined\",\"text\":\"127.0.0.1\""));
     }
     EXPECT_TRUE(WaitUntil([&] { return NumberInStatus(nPort, "clients") == 0; }));
-    EXPECT_TRUE(WaitUntil([&] { return Count(Get(nPort, "/status.json"), "\"name\":\"client.left\"") == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(Get(nPort, "/status.json"), "\"name\":\"client.left\"") == 1; }));
     EXPECT_EQ(camera.End(), 0);
 }
 
@@ -454,8 +448,8 @@ TEST(CameraServiceTest, ASlowClientLosesPicturesAndNobodyElseDoes) {
     slow.Send("GET /stream.mjpg HTTP/1.1\r\n\r\n");
     Client good(nPort, "GET /stream.mjpg HTTP/1.1\r\n\r\n");
     // The good one gets picture after picture while the slow one reads none.
-    std::size_t nWanted = 50;
-    const auto hasEnough = [&](const std::string& text) { return Count(text, "--picture\r\n") > nWanted; };
+    int nWanted = 50;
+    const auto hasEnough = [&](const std::string& text) { return CountOf(text, "--picture\r\n") > nWanted; };
     good.ReadUntil(hasEnough);
     // What the slow one lost is known once it has taken what was sent before.
     slow.ReadUntil([](const std::string& text) { return text.size() > std::size_t{1024} * 1024; });
@@ -494,12 +488,12 @@ std::vector<Made> PicturesIn(const std::string& answer) {
 
 /// Watches the stream for some pictures, and takes all that were sent by then.
 std::vector<Made> Watch(int nPort) {
-    constexpr std::size_t kEnough = 10;
+    constexpr int kEnough = 10;
     Client client(nPort, "GET /stream.mjpg HTTP/1.1\r\n\r\n");
-    client.ReadUntil([](const std::string& text) { return Count(text, "--picture\r\n") > kEnough; });
+    client.ReadUntil([](const std::string& text) { return CountOf(text, "--picture\r\n") > kEnough; });
     client.EndSending();
     std::vector<Made> pictures = PicturesIn(client.ReadAll());
-    EXPECT_GT(pictures.size(), kEnough);
+    EXPECT_GT(static_cast<int>(pictures.size()), kEnough);
     return pictures;
 }
 
@@ -626,7 +620,7 @@ TEST(CameraServiceTest, SendsOthersAwayWhereItIsForThisMachineAlone) {
         }
         EXPECT_THAT(Get(nPort, "/"), StartsWith("HTTP/1.1 200 OK\r\n"));
         EXPECT_EQ(camera.End(), 0);
-        EXPECT_EQ(Count(camera.Process().Err(), "Http/LocalOnly is set"), fgLocalOnly ? 1U : 0U);
+        EXPECT_EQ(CountOf(camera.Process().Err(), "Http/LocalOnly is set"), fgLocalOnly ? 1 : 0);
     }
 }
 
@@ -647,7 +641,7 @@ TEST(CameraServiceTest, RefusesClientsBeyondItsNumber) {
     Camera camera({{"Http/Clients", Integer(2)}});
     const int nPort = camera.Port();
     const std::string request = "GET /stream.mjpg HTTP/1.1\r\n\r\n";
-    const auto hasBegun = [](const std::string& text) { return Count(text, "--picture\r\n") > 0; };
+    const auto hasBegun = [](const std::string& text) { return CountOf(text, "--picture\r\n") > 0; };
     Client first(nPort, request);
     first.ReadUntil(hasBegun);
     {
@@ -690,7 +684,7 @@ TEST(CameraServiceTest, SurvivesAThousandConnections) {
     EXPECT_TRUE(WaitUntil([&] { return Get(nPort, "/").find("200 OK") != std::string::npos; }));
     EXPECT_TRUE(WaitUntil([&] { return NumberInStatus(nPort, "refused") >= 900; }));
     EXPECT_EQ(camera.End(), 0);
-    EXPECT_EQ(Count(camera.Process().Err(), "was not accepted"), 0U);
+    EXPECT_EQ(CountOf(camera.Process().Err(), "was not accepted"), 0);
     setrlimit(RLIMIT_NOFILE, &before);
 }
 
@@ -704,7 +698,7 @@ TEST(CameraServiceTest, ListensAnewWhenItRunsOutOfDescriptors) {
     Camera camera({{"Http/Clients", Integer(64)}, {"Recording/Enabled", "<false/>"}});
     setrlimit(RLIMIT_NOFILE, &before);
     const int nPort = camera.Port();
-    const auto lines = [&] { return Count(camera.Process().Err(), "a client was not accepted; listening anew"); };
+    const auto lines = [&] { return CountOf(camera.Process().Err(), "a client was not accepted; listening anew"); };
     {
         std::vector<std::unique_ptr<Client>> clients;
         clients.reserve(30);
@@ -840,7 +834,7 @@ void ExpectServingWithoutRecording(Camera& camera, const std::string& line) {
     EXPECT_EQ(answer, "camera-ctl: the picture cannot be saved\n");
     EXPECT_EQ(camera.End(), 0);
     EXPECT_THAT(camera.Process().Err(), HasSubstr("Error****: recording is paused: directory " + line));
-    EXPECT_EQ(Count(camera.Process().Err(), "recording is paused"), 1U);
+    EXPECT_EQ(CountOf(camera.Process().Err(), "recording is paused"), 1);
 }
 
 TEST(CameraServiceTest, ServesWithoutRecordingWhereTheDirectoryCannotBeMade) {
@@ -952,10 +946,10 @@ TEST(CameraServiceTest, TheWatchedStatusIsOneLineDrawnAnewUntilTheCameraEnds) {
     Camera camera;
     camera.Port();
     Program watch(KALVOREN_CAMERA_CTL, Words{"status", "--watch"}, camera.Directory().Path(), "watch");
-    EXPECT_TRUE(WaitUntil([&] { return Count(watch.Out(), "\r") >= 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return CountOf(watch.Out(), "\r") >= 2; }));
     EXPECT_EQ(camera.End(), 0);
     EXPECT_EQ(watch.Wait(), 1);
-    EXPECT_EQ(Count(watch.Out(), "\n"), 1U);
+    EXPECT_EQ(CountOf(watch.Out(), "\n"), 1);
     EXPECT_EQ(watch.Err(), "camera-ctl: no camera on channel " + std::to_string(camera.Channel()) + "\n");
 }
 
@@ -1023,13 +1017,13 @@ TEST(CameraServiceTest, EndsBySignalsAndLeavesNothingButWhatTheLibraryKeeps) {
         Camera camera({{"Log/Level", Integer(0)}});
         const int nPort = camera.Port();
         Client client(nPort, "GET /stream.mjpg HTTP/1.1\r\n\r\n");
-        client.ReadUntil([](const std::string& text) { return Count(text, "--picture\r\n") > 1; });
+        client.ReadUntil([](const std::string& text) { return CountOf(text, "--picture\r\n") > 1; });
         const Client silent(nPort);
         const SilentPeer peer(camera.SocketFile(), "");
         EXPECT_EQ(camera.End(nSignal), 0);
         const std::string log = camera.Process().Err();
-        EXPECT_EQ(Count(log, "OBJ "), 2U) << log;  // the tables of the two queues
-        EXPECT_EQ(Count(log, "Error****"), 0U) << log;
+        EXPECT_EQ(CountOf(log, "OBJ "), 2) << log;  // the tables of the two queues
+        EXPECT_EQ(CountOf(log, "Error****"), 0) << log;
         EXPECT_EQ(access(camera.SharedMemory().c_str(), F_OK), -1);
         EXPECT_EQ(access(camera.SocketFile().c_str(), F_OK), -1);
     }

@@ -44,7 +44,9 @@
 #include "support/PropertyTree.h"
 #include "support/Sockets.h"
 #include "support/Support.h"
+#include "support/Texts.h"
 
+using support::CountOf;
 using support::LogOf;
 using testing::HasSubstr;
 
@@ -583,14 +585,6 @@ void UseAQueue() {
     ASSERT_EQ(queue.PopRead(), pBuffer);
     ASSERT_TRUE(queue.PushRead(pBuffer));
     ASSERT_TRUE(KManagedDynamicDataQueue::Delete(kQueue));
-}
-
-int CountOf(const std::string& text, const std::string& sought) {
-    int nCount = 0;
-    for (auto n = text.find(sought); n != std::string::npos; n = text.find(sought, n + 1)) {
-        ++nCount;
-    }
-    return nCount;
 }
 
 /// A thousand; under valgrind, where each takes a quarter of a second, fewer.

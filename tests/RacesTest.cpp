@@ -42,6 +42,7 @@
 #include "support/LittleMemory.h"
 #include "support/PropertyTree.h"
 #include "support/Support.h"
+#include "support/Texts.h"
 
 namespace {
 
@@ -1372,14 +1373,6 @@ struct Taker : KMessageHandler {
     int nReceived = 0;
 };
 
-int CountOf(const std::string& text, const std::string& sought) {
-    int nCount = 0;
-    for (auto n = text.find(sought); n != std::string::npos; n = text.find(sought, n + sought.size())) {
-        ++nCount;
-    }
-    return nCount;
-}
-
 TEST_P(RacesTest, LocksAreTakenInOneOrder) {
     const ScopedLog written;
     const support::ScopedChecks checks(false);
@@ -1408,8 +1401,8 @@ TEST_P(RacesTest, LocksAreTakenInOneOrder) {
         nReceived = taker.nReceived;
     });
     EXPECT_EQ(nReceived, nRounds * Threads());
-    EXPECT_EQ(CountOf(log, "AppName: races\n"), 2 * nReceived);
-    EXPECT_EQ(CountOf(log, "Error****: File Position["), 2 * nReceived);
+    EXPECT_EQ(support::CountOf(log, "AppName: races\n"), 2 * nReceived);
+    EXPECT_EQ(support::CountOf(log, "Error****: File Position["), 2 * nReceived);
 }
 
 // ---------------------------------------------------------------------------------------------- From list to list

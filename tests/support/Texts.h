@@ -19,6 +19,15 @@ inline std::string TextOf(const KPath& path) {
     return TextOf(path.GetPath());
 }
 
+/// How often a text stands in another, each time behind the last.
+inline int CountOf(const std::string& text, const std::string& sought) {
+    int nCount = 0;
+    for (auto n = text.find(sought); n != std::string::npos; n = text.find(sought, n + sought.size())) {
+        ++nCount;
+    }
+    return nCount;
+}
+
 }  // namespace support
 
 #endif  // KALVOREN_TESTS_TEXTS_H
