@@ -33,6 +33,7 @@
 #include "support/Texts.h"
 #include "support/Umask.h"
 
+using support::Exists;
 using support::LogOf;
 using support::ScopedChecks;
 using support::ScopedDirectory;
@@ -292,10 +293,6 @@ mode_t ModeOf(const std::string& path) {
     struct stat status = {};
     EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
     return status.st_mode & 07777;
-}
-
-bool Exists(const std::string& path) {
-    return fs::exists(fs::symlink_status(path));
 }
 
 /// Standard input, put back at the end of the block where it was open.

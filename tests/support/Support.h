@@ -92,6 +92,11 @@ inline std::string ContentOf(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
 }
 
+/// Whether there is an entry by this path, be it a link that leads nowhere.
+inline bool Exists(const std::string& path) {
+    return std::filesystem::exists(std::filesystem::symlink_status(path));
+}
+
 /// Matches what a failed check with exactly this condition, source and signature writes to standard error.
 inline testing::Matcher<const std::string&> ReportOfCheck(const std::string& condition, const std::string& source,
                                                           const std::string& signature) {

@@ -23,9 +23,8 @@ namespace torture {
 
 namespace {
 
-bool Exists(const std::string& path) {
-    return std::filesystem::exists(path);
-}
+using support::Exists;
+
 bool Exists(const KPath& path) {
     return Exists(TextOf(path));
 }
