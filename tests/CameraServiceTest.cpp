@@ -38,6 +38,7 @@
 #include "support/Sanitizers.h"
 #include "support/Support.h"
 #include "support/Texts.h"
+#include "support/Threads.h"
 
 using support::ContentOf;
 using support::CountOf;
@@ -499,14 +500,8 @@ std::vector<Made> Watch(int nPort) {
 
 std::vector<std::vector<Made>> WatchTogether(int nPort, std::size_t nClients) {
     std::vector<std::vector<Made>> all(nClients);
-    std::vector<std::thread> threads;
-    threads.reserve(nClients);
-    for (std::vector<Made>& pictures : all) {
-        threads.emplace_back([&pictures, nPort] { pictures = Watch(nPort); });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    support::RunInThreads(static_cast<int>(nClients),
+                          [&all, nPort](int nClient) { all[static_cast<std::size_t>(nClient)] = Watch(nPort); });
     return all;
 }
 

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <random>
-#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -20,6 +19,7 @@
 #include "support/Sanitizers.h"
 #include "support/ScopedClock.h"
 #include "support/Support.h"
+#include "support/Threads.h"
 
 namespace {
 
@@ -656,18 +656,12 @@ TEST_F(KDebugTest, MessagesOfSeveralThreadsAreNotMixed) {
     constexpr std::size_t kLength = 2000;
     KDebug::Init();
     const std::string strWritten = StderrOf([] {
-        std::vector<std::thread> threads;
-        for (int i = 0; i < kThreads; ++i) {
-            threads.emplace_back([i] {
-                const std::string text(kLength, static_cast<char>('a' + i));
-                for (int nRound = 0; nRound < kRounds; ++nRound) {
-                    Write(kOperations[nRound % 3], text);
-                }
-            });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
+        support::RunInThreads(kThreads, [](int nThread) {
+            const std::string text(kLength, static_cast<char>('a' + nThread));
+            for (int nRound = 0; nRound < kRounds; ++nRound) {
+                Write(kOperations[nRound % 3], text);
+            }
+        });
     });
     const std::vector<std::string> lines = LinesOf(WithoutStamps(strWritten));
     EXPECT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kRounds));

@@ -17,6 +17,7 @@
 #include "support/HeapUse.h"
 #include "support/LittleMemory.h"
 #include "support/Support.h"
+#include "support/Threads.h"
 
 namespace {
 
@@ -847,24 +848,11 @@ namespace {
 constexpr int kThreads = 4;
 constexpr int kPerThread = 200;
 
-/// Runs a piece of code in several threads, with the number of the thread, and waits for all of them.
-template <typename Code>
-void RunInThreads(Code code) {
-    std::vector<std::thread> threads;
-    threads.reserve(kThreads);
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back(code, i);
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-}
-
 }  // namespace
 
 TEST(KListTest, ThreadsThatAddLoseNothingAndKeepTheirOrder) {
     KList<int> list;
-    RunInThreads([&](int nThread) {
+    support::RunInThreads(kThreads, [&](int nThread) {
         for (int i = 0; i < kPerThread; ++i) {
             list.Add(nThread * kPerThread + i);
         }
@@ -882,7 +870,7 @@ TEST(KListTest, EveryElementIsHandedOutToOneThread) {
         list.Add(i);
     }
     std::vector<std::vector<int>> taken(kThreads);
-    RunInThreads([&](int nThread) {
+    support::RunInThreads(kThreads, [&](int nThread) {
         int nOut = 0;
         while (list.Pop(nOut, -1)) {
             taken[static_cast<std::size_t>(nThread)].push_back(nOut);
@@ -931,7 +919,7 @@ TEST(KListTest, ListsCanBeAssignedToEachOtherByTwoThreads) {
     KList<int> right;
     Fill(left, {1, 2, 3});
     Fill(right, {1, 2, 3});
-    RunInThreads([&](int nThread) {
+    support::RunInThreads(kThreads, [&](int nThread) {
         for (int i = 0; i < kPerThread; ++i) {
             (nThread % 2 == 0 ? left : right) = nThread % 2 == 0 ? right : left;
         }

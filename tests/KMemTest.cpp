@@ -16,7 +16,6 @@
 #include <numeric>
 #include <random>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -25,6 +24,7 @@
 #include "support/LittleMemory.h"
 #include "support/Sanitizers.h"
 #include "support/Support.h"
+#include "support/Threads.h"
 
 namespace {
 
@@ -648,20 +648,14 @@ TEST_F(KMemTest, EntriesFromSeveralThreadsWithoutALockLoseNothingButEntries) {
         GTEST_SKIP() << "the registry has no lock: a race is what this test makes";
     }
     KMem::Init();
-    std::vector<std::thread> threads;
-    for (int nThread = 0; nThread < 4; ++nThread) {
-        threads.emplace_back([] {
-            for (int nRound = 0; nRound < 30000; ++nRound) {
-                const KMem first(3);
-                const auto second = std::make_unique<KMem>(first);
-                void* pBlock = KMem::Malloc(4);
-                KMem::Free(&pBlock);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    support::RunInThreads(4, [](int) {
+        for (int nRound = 0; nRound < 30000; ++nRound) {
+            const KMem first(3);
+            const auto second = std::make_unique<KMem>(first);
+            void* pBlock = KMem::Malloc(4);
+            KMem::Free(&pBlock);
+        }
+    });
     // A slot must not outlive its object, or the leak report would look at what is gone.
     EXPECT_TRUE(std::all_of(std::begin(Registry()->objects), std::end(Registry()->objects),
                             [](const void* p) { return p == nullptr; }));

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -22,6 +21,7 @@
 #include "support/MutexCalls.h"
 #include "support/Process.h"
 #include "support/Support.h"
+#include "support/Threads.h"
 
 namespace {
 
@@ -636,16 +636,6 @@ class Counter : public KMessageHandler {
     int m_nCount = 0;
 };
 
-void RunThreads(int nThreads, const std::function<void(int)>& body) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < nThreads; ++i) {
-        threads.emplace_back([&body, i] { body(i); });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-}
-
 TEST(KMessageTest, DispatchesFromManyThreadsReachAHandlerOneAtATime) {
     constexpr int kThreads = 4;
     constexpr int kMessages = 2000;
@@ -653,7 +643,7 @@ TEST(KMessageTest, DispatchesFromManyThreadsReachAHandlerOneAtATime) {
     KString name("KMessageTest/threads");
     KMessageHandler::Register(&counter, name);
     const KMessage message;
-    RunThreads(kThreads, [&](int) {
+    support::RunInThreads(kThreads, [&](int) {
         for (int i = 0; i < kMessages; ++i) {
             KMessageHandler::SendMessage(name, message);
         }
@@ -670,7 +660,7 @@ TEST(KMessageTest, ThreadsRegisterUnregisterAndDispatchAtOnce) {
     KMessageHandler::Register(&constant, shared);
     std::vector<Counter> own(kThreads);
     const KMessage message;
-    RunThreads(kThreads, [&](int nThread) {
+    support::RunInThreads(kThreads, [&](int nThread) {
         Counter& counter = own[static_cast<std::size_t>(nThread)];
         KString name(("KMessageTest/own" + std::to_string(nThread)).c_str());
         for (int i = 0; i < kRounds; ++i) {
@@ -726,7 +716,7 @@ TEST(KMessageTest, MessagesAreMadeAndSentByManyThreadsUnderALockOfTheirOwn) {
     Listener listener("L", notes);
     listener.Register("KMessageTest/made");
     std::mutex memory;
-    RunThreads(kThreads, [&](int nThread) {
+    support::RunInThreads(kThreads, [&](int nThread) {
         for (int i = 0; i < kMessages; ++i) {
             const std::string text = std::to_string(nThread) + "." + std::to_string(i);
             std::unique_ptr<KMessage> message;

@@ -19,6 +19,7 @@
 #include "support/PointerLeftBy.h"
 #include "support/ScopedClock.h"
 #include "support/Support.h"
+#include "support/Threads.h"
 
 namespace {
 
@@ -261,19 +262,13 @@ TEST(KMutexTest, LockKeepsOtherThreadsOut) {
     constexpr int kRounds = 2000;
     KMutex mutex;
     int nSum = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&mutex, &nSum] {
-            for (int nRound = 0; nRound < kRounds; ++nRound) {
-                mutex.Lock();
-                ++nSum;
-                mutex.Unlock();
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    support::RunInThreads(kThreads, [&mutex, &nSum](int) {
+        for (int nRound = 0; nRound < kRounds; ++nRound) {
+            mutex.Lock();
+            ++nSum;
+            mutex.Unlock();
+        }
+    });
     EXPECT_EQ(nSum, kThreads * kRounds);
 }
 

@@ -39,6 +39,7 @@
 #include "support/Sockets.h"
 #include "support/Support.h"
 #include "support/Texts.h"
+#include "support/Threads.h"
 
 using support::AwaitInput;
 using support::PortOf;
@@ -826,7 +827,7 @@ TEST(KNetTest, LookUpsOfManyThreadsDoNotMix) {
     constexpr int kThreads = 8;
     constexpr int kRounds = 50;
     std::atomic<int> nMixed(0);
-    const auto lookUp = [&nMixed](int nThread) {
+    support::RunInThreads(kThreads, [&nMixed](int nThread) {
         for (int i = 0; i < kRounds; ++i) {
             const std::string host = "127.0." + std::to_string(nThread) + "." + std::to_string(i + 1);
             Net net(Udp(9, host.c_str()));
@@ -837,38 +838,25 @@ TEST(KNetTest, LookUpsOfManyThreadsDoNotMix) {
                 ++nMixed;
             }
         }
-    };
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back(lookUp, i);
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    });
     EXPECT_EQ(nMixed, 0);
 }
 
 TEST(KNetTest, DatagramsOfManyThreadsGoToTheirOwnHosts) {
     constexpr int kThreads = 4;
     constexpr int kRounds = 50;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([i] {
-            const std::string host = "127.0.0." + std::to_string(i + 2);
-            const Bare receiver(SOCK_DGRAM, host.c_str());
-            Net net(Udp());
-            EXPECT_TRUE(net.CreateSocket());
-            for (int nRound = 0; nRound < kRounds; ++nRound) {
-                EXPECT_EQ(net.WriteWithClientInfo(host.c_str(), static_cast<int>(host.size()), KString(host.c_str()),
-                                                  receiver.Port()),
-                          static_cast<int>(host.size()));
-                EXPECT_EQ(receiver.Receive(), host);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    support::RunInThreads(kThreads, [](int nThread) {
+        const std::string host = "127.0.0." + std::to_string(nThread + 2);
+        const Bare receiver(SOCK_DGRAM, host.c_str());
+        Net net(Udp());
+        EXPECT_TRUE(net.CreateSocket());
+        for (int nRound = 0; nRound < kRounds; ++nRound) {
+            EXPECT_EQ(net.WriteWithClientInfo(host.c_str(), static_cast<int>(host.size()), KString(host.c_str()),
+                                              receiver.Port()),
+                      static_cast<int>(host.size()));
+            EXPECT_EQ(receiver.Receive(), host);
+        }
+    });
 }
 
 TEST(KNetTest, CopiesInManyThreadsShareAHostEntrySafely) {

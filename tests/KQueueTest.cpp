@@ -24,6 +24,7 @@
 #include "support/MutexCalls.h"
 #include "support/Process.h"
 #include "support/Support.h"
+#include "support/Threads.h"
 
 namespace {
 
@@ -429,19 +430,13 @@ TEST(KQueueTest, ThreadsThatWriteOneBufferTakeTurns) {
     constexpr int kTurns = 5000;
     Buffer buffer(sizeof(int));
     std::memset(buffer.GetBuffer(), 0, sizeof(int));
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
-            for (int n = 0; n < kTurns; ++n) {
-                int* const pCounter = static_cast<int*>(buffer.LockWriteBuffer(sizeof(int), 0));
-                *pCounter = *pCounter + 1;
-                buffer.UnlockWriteBuffer();
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    support::RunInThreads(kThreads, [&](int) {
+        for (int n = 0; n < kTurns; ++n) {
+            int* const pCounter = static_cast<int*>(buffer.LockWriteBuffer(sizeof(int), 0));
+            *pCounter = *pCounter + 1;
+            buffer.UnlockWriteBuffer();
+        }
+    });
     int nCounter = 0;
     std::memcpy(&nCounter, buffer.GetBuffer(), sizeof nCounter);
     EXPECT_EQ(nCounter, kThreads * kTurns);

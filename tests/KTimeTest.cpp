@@ -9,12 +9,11 @@
 #include <new>
 #include <random>
 #include <string>
-#include <thread>
 #include <type_traits>
-#include <vector>
 
 #include "support/ScopedClock.h"
 #include "support/Support.h"
+#include "support/Threads.h"
 
 using support::ScopedChecks;
 using support::ScopedZone;
@@ -848,21 +847,13 @@ TEST(KTimeTest, ATimeAndItsHumanTimeAreMadeFromEachOther) {
 }
 
 TEST(KTimeTest, ThreadsMayConvertAtOnce) {
-    constexpr int kThreads = 4;
-    std::vector<std::thread> threads;
-    threads.reserve(kThreads);
-    for (int nThread = 0; nThread < kThreads; ++nThread) {
-        threads.emplace_back([nThread] {
-            const int nSec = nThread * 500000000;
-            const std::string expected = TextByLibc(nSec, nThread, 0, 0);
-            for (int i = 0; i < 500; ++i) {
-                EXPECT_EQ(TextOf(At(nSec, nThread).GetHumanTime(0, 0)), expected);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    support::RunInThreads(4, [](int nThread) {
+        const int nSec = nThread * 500000000;
+        const std::string expected = TextByLibc(nSec, nThread, 0, 0);
+        for (int i = 0; i < 500; ++i) {
+            EXPECT_EQ(TextOf(At(nSec, nThread).GetHumanTime(0, 0)), expected);
+        }
+    });
 }
 
 // --------------------------------------------------------------------------------------------------------- The zone

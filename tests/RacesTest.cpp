@@ -43,6 +43,7 @@
 #include "support/PropertyTree.h"
 #include "support/Support.h"
 #include "support/Texts.h"
+#include "support/Threads.h"
 
 namespace {
 
@@ -75,16 +76,10 @@ class Meeting {
 template <typename Code>
 void Hammer(int nThreads, const Code& code) {
     Meeting start(nThreads);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < nThreads; ++i) {
-        threads.emplace_back([&start, &code, i] {
-            start.Wait();
-            code(i);
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    support::RunInThreads(nThreads, [&](int nThread) {
+        start.Wait();
+        code(nThread);
+    });
 }
 
 class RacesTest : public testing::TestWithParam<int> {
