@@ -80,15 +80,15 @@ function(kalvoren_link_realtime target)
   endif()
 endfunction()
 
-# Programs compiled for the sanitizers of GCC 12 and Clang 14 need the address-space layout of kernels with at most 28
-# random bits. Where there are more, the tests are started without randomisation.
-if(KALVOREN_SANITIZE
-   AND NOT CMAKE_CROSSCOMPILING
-   AND EXISTS "/proc/sys/vm/mmap_rnd_bits")
-  file(STRINGS "/proc/sys/vm/mmap_rnd_bits" KALVOREN_RANDOM_BITS LIMIT_COUNT 1)
-  if(KALVOREN_RANDOM_BITS GREATER 28)
-    find_program(KALVOREN_SETARCH setarch REQUIRED)
-    message(STATUS "Starting the tests with 'setarch -R': ${KALVOREN_RANDOM_BITS} random address bits are too many")
-    set(CMAKE_CROSSCOMPILING_EMULATOR "${KALVOREN_SETARCH};-R")
+# What the tests of programs with sanitizers are started by, if anything; scripts/lib.sh tells why.
+if(KALVOREN_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
+  execute_process(
+    COMMAND bash -c "source scripts/lib.sh && sanitized_start"
+    WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}"
+    OUTPUT_VARIABLE KALVOREN_START
+    OUTPUT_STRIP_TRAILING_WHITESPACE)
+  if(KALVOREN_START)
+    message(STATUS "Starting the tests with '${KALVOREN_START}': addresses may be too random for the sanitizers")
+    separate_arguments(CMAKE_CROSSCOMPILING_EMULATOR UNIX_COMMAND "${KALVOREN_START}")
   endif()
 endif()

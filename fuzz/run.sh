@@ -8,6 +8,8 @@
 # With "keep" it looks for nothing: of what it found before in this build directory, and of what was kept before, it takes as
 # few inputs as reach everything that all of them reach into the corpus that is kept. Those with a name of their own stay.
 set -euo pipefail
+# shellcheck source=scripts/lib.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../scripts/lib.sh"
 
 program=$1
 target=$2
@@ -22,11 +24,7 @@ for place in corpus regressions; do
     fi
 done
 
-# Kernels with more random address bits than the sanitizers of Clang 14 can take: without any.
-start=()
-if [[ $(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 28) -gt 28 ]]; then
-    start=(setarch -R)
-fi
+read -r -a start <<<"$(sanitized_start)"
 dictionary=()
 if [[ -f ${source}/dictionaries/${target} ]]; then
     dictionary=("-dict=${source}/dictionaries/${target}")

@@ -82,6 +82,16 @@ packages_of() {
     esac
 }
 
+# Prints what a program with sanitizers is started by: those of GCC 12 and Clang 14 need the address-space layout of kernels
+# with at most 28 random bits. Where there are more, or only root may know, its addresses are not random at all.
+sanitized_start() {
+    local bits
+    bits=$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null) || bits=unknown
+    if [[ ${bits} == unknown || ${bits} -gt 28 ]] && setarch -R true 2>/dev/null; then
+        echo "setarch -R"
+    fi
+}
+
 # configure_preset PRESET [CMAKE-OPTION...]
 configure_preset() {
     (cd "${ROOT}" && cmake --preset "$@" --log-level=WARNING >/dev/null)

@@ -3,6 +3,8 @@
 #
 # What is compiled with these flags ends at an access to a misaligned address.
 set -euo pipefail
+# shellcheck source=scripts/lib.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../../scripts/lib.sh"
 
 compiler=$1
 shift
@@ -18,9 +20,7 @@ int main(int, char** argv) {
 }
 END
 "${compiler}" "$@" "${scratch}/access.cpp" -o "${scratch}/access"
-# Started the way the tests are, or the sanitizers of these compilers meet too random an address space.
-start=()
-! setarch -R true 2>/dev/null || start=(setarch -R)
+read -r -a start <<<"$(sanitized_start)"
 "${start[@]}" "${scratch}/access" 4 || { echo "an aligned access does not work"; exit 1; }
 if "${start[@]}" "${scratch}/access" 1 2>"${scratch}/log"; then
     echo "a misaligned access goes unnoticed"
