@@ -90,9 +90,8 @@ class Program {
         : m_Out(directory + "/" + name + ".out"), m_Err(directory + "/" + name + ".err") {
         Words words = {Startable(program)};
         words.insert(words.end(), arguments.begin(), arguments.end());
-        Words environment = {"LD_LIBRARY_PATH=" KALVOREN_ENCODERS,
-                             "LSAN_OPTIONS=print_suppressions=0:suppressions=" KALVOREN_SUPPRESSIONS "/lsan.supp",
-                             "TSAN_OPTIONS=halt_on_error=1:suppressions=" KALVOREN_SUPPRESSIONS "/tsan.supp"};
+        Words environment = support::SanitizerVariables();
+        environment.emplace_back("LD_LIBRARY_PATH=" KALVOREN_ENCODERS);
         for (char** ppVariable = environ; *ppVariable != nullptr; ++ppVariable) {
             environment.emplace_back(*ppVariable);
         }

@@ -1,6 +1,10 @@
-// Which sanitizer the tests are built with, as compilers tell it: KALVOREN_WITH_ASAN and KALVOREN_WITH_TSAN, 1 or 0.
+// Which sanitizer the tests are built with, as compilers tell it: KALVOREN_WITH_ASAN and KALVOREN_WITH_TSAN, 1 or 0. And what
+// the sanitizers are told.
 #ifndef KALVOREN_TESTS_SANITIZERS_H
 #define KALVOREN_TESTS_SANITIZERS_H
+
+#include <string>
+#include <vector>
 
 #if defined(__SANITIZE_ADDRESS__)
 #define KALVOREN_WITH_ASAN 1
@@ -20,5 +24,13 @@
 #ifndef KALVOREN_WITH_TSAN
 #define KALVOREN_WITH_TSAN 0
 #endif
+
+namespace support {
+
+/// The environment in which the sanitizers of a program without the tests' main function halt at what those of the tests halt
+/// at, and report nothing that they do not: "NAME=value".
+std::vector<std::string> SanitizerVariables();
+
+}  // namespace support
 
 #endif  // KALVOREN_TESTS_SANITIZERS_H

@@ -2,6 +2,9 @@
 #include <unistd.h>
 
 #include <string>
+#include <vector>
+
+#include "Sanitizers.h"
 
 #ifndef KALVOREN_LSAN_OPTIONS
 #define KALVOREN_LSAN_OPTIONS ""
@@ -9,6 +12,9 @@
 #ifndef KALVOREN_TSAN_OPTIONS
 #define KALVOREN_TSAN_OPTIONS ""
 #endif
+// What other programs that the tests start are told too.
+#define KALVOREN_LSAN_OPTIONS_OF_ALL "print_suppressions=0" KALVOREN_LSAN_OPTIONS
+#define KALVOREN_TSAN_OPTIONS_OF_ALL "halt_on_error=1" KALVOREN_TSAN_OPTIONS
 
 // The sanitizers ask the program for its options by these names. Set here, they hold however the program is started; the
 // environment (ASAN_OPTIONS and so on) still has the last word.
@@ -19,17 +25,20 @@ const char* __asan_default_options() {
            "allocator_may_return_null=1";
 }
 const char* __lsan_default_options() {
-    return "print_suppressions=0" KALVOREN_LSAN_OPTIONS;
+    return KALVOREN_LSAN_OPTIONS_OF_ALL;
 }
 const char* __ubsan_default_options() {
     return "halt_on_error=1:print_stacktrace=1";
 }
 const char* __tsan_default_options() {
-    return "halt_on_error=1:detect_deadlocks=1:second_deadlock_stack=1:"
-           "allocator_may_return_null=1" KALVOREN_TSAN_OPTIONS;
+    return "detect_deadlocks=1:second_deadlock_stack=1:allocator_may_return_null=1:" KALVOREN_TSAN_OPTIONS_OF_ALL;
 }
 }
 // NOLINTEND(bugprone-reserved-identifier)
+
+std::vector<std::string> support::SanitizerVariables() {
+    return {"LSAN_OPTIONS=" KALVOREN_LSAN_OPTIONS_OF_ALL, "TSAN_OPTIONS=" KALVOREN_TSAN_OPTIONS_OF_ALL};
+}
 
 namespace {
 
