@@ -32,8 +32,9 @@ constexpr int kDiedOfLittleMemory = 78;
 /// Takes what the heap has in hand from before; false where the system gives more than that.
 inline bool TakeWhatTheHeapKeeps() {
     constexpr int kMoreThanItEverKeeps = 32;
-    for (int i = 0; i < kMoreThanItEverKeeps; ++i) {
-        void* volatile pTaken = std::malloc(static_cast<std::size_t>(kMuchMemory));
+    static void* volatile s_pTaken[kMoreThanItEverKeeps];
+    for (void* volatile& pTaken : s_pTaken) {
+        pTaken = std::malloc(static_cast<std::size_t>(kMuchMemory));
         if (pTaken == nullptr) {
             return true;
         }
