@@ -66,7 +66,8 @@ class KALVOREN_API KDebug {
 
     virtual ~KDebug();
 
-    /// Makes both blocks (`malloc`), or neither where memory is lacking. Called twice without Deinit() between, it leaks the first pair.
+    /// Makes both blocks (`malloc`), or neither where memory is lacking. Called twice without Deinit() between, it leaks
+    /// the first pair.
     static void Init();
 
     /// Frees both blocks. May be repeated. A message after it makes new ones.
