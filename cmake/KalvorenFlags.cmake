@@ -17,6 +17,11 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_SYSTEM_PROCESSOR MATCHES "^arm
   target_compile_options(kalvoren-private-flags INTERFACE -Wno-psabi)
 endif()
 
+# Debian's valgrind 3.19 ends at the debug information that Clang 14 makes by itself.
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  add_compile_options($<$<CONFIG:Debug>:-gdwarf-4>)
+endif()
+
 # Sanitizers and coverage are for the whole build, the test framework included: a thread sanitizer that sees only half of
 # the program reports what is not there.
 if(KALVOREN_SANITIZE)
