@@ -513,6 +513,28 @@ TEST(KPropertyListTest, ANodeWithoutMemoryForItsPlaceInTheTreeIsGivenBack) {
     KDebug::Deinit();
 }
 
+TEST(KPropertyListTest, WhereThereIsNoMemoryForWhatATagOpensTheReadEnds) {
+    const ScopedChecks checks(false);
+    KDebug::Deinit();
+    KDebug::Init();
+    // The reader itself asks for three blocks, and for one for each tag that opens something.
+    constexpr int kBefore = 3;
+    const std::string opened = "Log: plist\nLog: dict\nLog: array\n";
+    const std::string expected[] = {"Log: plist\n", "Log: plist\nLog: dict\n", opened,
+                                    opened + "Log: /array\nLog: /dict\nLog: /plist\n"};
+    for (int nOpened = 0; nOpened < 4; ++nOpened) {
+        KPropertyList list{KString()};
+        KPropertyNode root;
+        KString text("<plist><dict><array></array></dict></plist>");
+        EXPECT_EQ(LogOf([&] {
+                      const support::ScopedNoMalloc noMemory(kBefore + nOpened);
+                      list.Parshing(text, &root);
+                  }),
+                  expected[nOpened]);
+    }
+    KDebug::Deinit();
+}
+
 TEST(KPropertyListTest, WhatWasReadGivesItsMemoryBackWhereverTheReadEnded) {
     const ScopedChecks checks(false);
     const ScopedLevel silent(kNoLines);
