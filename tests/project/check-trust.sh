@@ -55,6 +55,18 @@ status=$(lint 'seq 300; echo end')
 expect "a part that prints more" 0 end
 [[ $(grep -cx 100 "${kept}" || true) -eq 0 ]] || { echo "more is kept than the end"; exit 1; }
 rm "${kept}"
+
+# What a part printed is not kept before all have ended; then it is, also of those before the one that was interrupted.
+kept="${work}/docs/trust/coverage.txt"
+# shellcheck disable=SC2016
+printf '#!/bin/sh\nls docs/trust; kill -TERM $PPID; exit 1\n' >"${work}/scripts/lint"
+printf '#!/bin/sh\necho fifth\n' >"${work}/scripts/coverage"
+chmod +x "${work}/scripts/coverage"
+status=0
+"${work}/scripts/trust" coverage lint >"${work}/output" 2>&1 || status=$?
+expect "a part before one during which the script is ended" 130 fifth
+! grep -qx coverage.txt "${work}/output" || { echo "a part is kept before all have ended"; exit 1; }
+rm "${kept}"
 kept="${work}/docs/trust/mutate.txt"
 status=$(part mutate 'seq 300')
 expect "a part of which all is kept" 0 1
