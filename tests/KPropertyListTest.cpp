@@ -15,6 +15,7 @@
 #include "KDebug.h"
 #include "KPath.h"
 #include "support/FailingMalloc.h"
+#include "support/FailingNew.h"
 #include "support/HeapUse.h"
 #include "support/LogLines.h"
 #include "support/PropertyTree.h"
@@ -515,9 +516,7 @@ TEST(KPropertyListTest, ANodeWithoutMemoryForItsPlaceInTheTreeIsGivenBack) {
 
 TEST(KPropertyListTest, WhereThereIsNoMemoryForWhatATagOpensTheReadEnds) {
     const ScopedChecks checks(false);
-    KDebug::Deinit();
-    KDebug::Init();
-    // The reader itself asks for three blocks, and for one for each tag that opens something.
+    // The reader itself makes three objects, and one for each tag that opens something.
     constexpr int kBefore = 3;
     const std::string opened = "Log: plist\nLog: dict\nLog: array\n";
     const std::string expected[] = {"Log: plist\n", "Log: plist\nLog: dict\n", opened,
@@ -527,12 +526,11 @@ TEST(KPropertyListTest, WhereThereIsNoMemoryForWhatATagOpensTheReadEnds) {
         KPropertyNode root;
         KString text("<plist><dict><array></array></dict></plist>");
         EXPECT_EQ(LogOf([&] {
-                      const support::ScopedNoMalloc noMemory(kBefore + nOpened);
+                      const support::ScopedNoMemory noMemory(kBefore + nOpened);
                       list.Parshing(text, &root);
                   }),
                   expected[nOpened]);
     }
-    KDebug::Deinit();
 }
 
 TEST(KPropertyListTest, WhatWasReadGivesItsMemoryBackWhereverTheReadEnded) {
