@@ -15,8 +15,8 @@
 
 #include "KString.h"
 #include "KTime.h"
+#include "support/FailingMalloc.h"
 #include "support/HeapUse.h"
-#include "support/Interpose.h"
 #include "support/ScopedClock.h"
 #include "support/Support.h"
 #include "support/Threads.h"
@@ -26,6 +26,7 @@ namespace {
 using support::ScopedChecks;
 using support::ScopedClock;
 using support::ScopedLevel;
+using support::ScopedNoMalloc;
 using support::StampPattern;
 using support::StderrOf;
 using testing::MatchesRegex;
@@ -47,25 +48,6 @@ std::string StampOf(int nSec, int nUSec) {
                   fields.tm_wday);
     return szText;
 }
-
-// ----------------------------------------------------------------------------------------------------------- The memory
-
-// Which blocks of the buffers' size malloc does not give, of those that are asked for in a block of code.
-int g_nFirstRefused = INT_MAX;
-int g_nLastRefused = INT_MAX;
-int g_nBuffersAsked = 0;
-
-class ScopedRefusals {
- public:
-    ScopedRefusals(int nFirst, int nLast) {
-        g_nFirstRefused = nFirst;
-        g_nLastRefused = nLast;
-        g_nBuffersAsked = 0;
-    }
-    ~ScopedRefusals() { g_nFirstRefused = INT_MAX; }
-    ScopedRefusals(const ScopedRefusals&) = delete;
-    ScopedRefusals& operator=(const ScopedRefusals&) = delete;
-};
 
 // ------------------------------------------------------------------------------------------------------- Small helpers
 
@@ -161,21 +143,6 @@ struct AtLoad {
     const tchar* pBuffer = g_pDebugBuffer;
 };
 const AtLoad g_AtLoad;
-
-}  // namespace
-
-// ------------------------------------------------------------------------------------- The functions in front of libc's
-
-/// The sanitizers call this before code that they instrumented could run.
-extern "C" __attribute__((no_sanitize("thread", "address", "undefined"))) void* malloc(std::size_t nSize) noexcept {
-    const auto pNext = support::Next<&malloc>("malloc");
-    if (nSize == kBufferSize && ++g_nBuffersAsked >= g_nFirstRefused && g_nBuffersAsked <= g_nLastRefused) {
-        return nullptr;
-    }
-    return pNext(nSize);
-}
-
-namespace {
 
 // -------------------------------------------------------------------------------------------------- Globals and life time
 
@@ -565,8 +532,11 @@ TEST_F(KDebugTest, WithoutMemoryForTheBuffersMessagesAreDroppedUntilThereIs) {
     for (const Operation& operation : kOperations) {
         KDebug::Deinit();
         {
-            const ScopedRefusals all(1, INT_MAX);
-            EXPECT_EQ(StderrOf([&operation] { EXPECT_TRUE(Write(operation, "x")); }), "");
+            EXPECT_EQ(StderrOf([&operation] {
+                          const ScopedNoMalloc noMemory;
+                          EXPECT_TRUE(Write(operation, "x"));
+                      }),
+                      "");
             EXPECT_EQ(g_pDebugFormat, nullptr);
         }
         EXPECT_NE(StderrOf([&operation] { EXPECT_TRUE(Write(operation, "x")); }), "");
@@ -575,12 +545,16 @@ TEST_F(KDebugTest, WithoutMemoryForTheBuffersMessagesAreDroppedUntilThereIs) {
 
 TEST_F(KDebugTest, WhereOneBufferIsLackingNeitherIsMadeAndNothingIsLeft) {
     for (const Operation& operation : kOperations) {
-        for (const int nLacking : {1, 2}) {
+        for (const int nStillWorks : {0, 1}) {
             KDebug::Deinit();
             const std::size_t nBefore = support::BytesInUse();
             for (int i = 0; i < 3; ++i) {
-                const ScopedRefusals one(nLacking, nLacking);
-                EXPECT_EQ(StderrOf([&operation] { EXPECT_TRUE(Write(operation, "x")); }), "");
+                EXPECT_EQ(StderrOf([&operation, nStillWorks] {
+                              const ScopedNoMalloc noMemory(nStillWorks, 1);
+                              EXPECT_TRUE(Write(operation, "x"));
+                              EXPECT_EQ(noMemory.Refused(), 1);
+                          }),
+                          "");
                 EXPECT_EQ(g_pDebugFormat, nullptr);
                 EXPECT_EQ(g_pDebugBuffer, nullptr);
             }

@@ -399,6 +399,13 @@ TEST_P(RacesTest, EveryMessageReachesThoseThatAreRegistered) {
     EXPECT_EQ(always.nReceived, nRounds * Threads());
 }
 
+/// Makes all buffers of a queue free.
+void GiveBackAll(KManagedDynamicDataQueue& queue) {
+    while (KDynamicDataBuffer* const pBuffer = queue.PopRead()) {
+        queue.PushRead(pBuffer);
+    }
+}
+
 /// Who has which buffer of a queue.
 class Owners {
  public:
@@ -410,9 +417,7 @@ class Owners {
         for (const auto& entry : m_Taken) {
             queue.PushWrite(entry.first);
         }
-        while (KDynamicDataBuffer* const pBuffer = queue.PopRead()) {
-            queue.PushRead(pBuffer);
-        }
+        GiveBackAll(queue);
     }
 
     std::size_t Count() const { return m_Taken.size(); }
@@ -460,9 +465,7 @@ TEST_P(RacesTest, ABufferOfAQueueBelongsToOneThreadAtATime) {
     EXPECT_GT(nWritten, 0);
     EXPECT_LE(nRead, nWritten);
     EXPECT_LE(nWritten - nRead, kBuffers);
-    while (KDynamicDataBuffer* const pBuffer = queue.PopRead()) {
-        queue.PushRead(pBuffer);
-    }
+    GiveBackAll(queue);
     EXPECT_EQ(Owners(queue).Count(), std::size_t{kBuffers});
     KManagedDynamicDataQueue::Delete(nQueue);
 }

@@ -11,13 +11,23 @@ mkdir "${work}/scripts"
 cp "$1/scripts/lib.sh" "$1/scripts/trust" "${work}/scripts"
 kept="${work}/docs/trust/lint.txt"
 
-# part NAME BODY: scripts/trust with a part of these commands; prints its exit status.
-part() {
-    local status=0
+# script NAME BODY: makes a part's script of these commands.
+script() {
     printf '#!/bin/sh\n%s\n' "$2" >"${work}/scripts/$1"
     chmod +x "${work}/scripts/$1"
-    "${work}/scripts/trust" "$1" >"${work}/output" 2>&1 || status=$?
+}
+
+# trust PART...: runs scripts/trust; prints its exit status.
+trust() {
+    local status=0
+    "${work}/scripts/trust" "$@" >"${work}/output" 2>&1 || status=$?
     echo "${status}"
+}
+
+# part NAME BODY: scripts/trust with a part of these commands; prints its exit status.
+part() {
+    script "$1" "$2"
+    trust "$1"
 }
 
 lint() {
@@ -59,11 +69,9 @@ rm "${kept}"
 # What a part printed is not kept before all have ended; then it is, also of those before the one that was interrupted.
 kept="${work}/docs/trust/coverage.txt"
 # shellcheck disable=SC2016
-printf '#!/bin/sh\nls docs/trust; kill -TERM $PPID; exit 1\n' >"${work}/scripts/lint"
-printf '#!/bin/sh\necho fifth\n' >"${work}/scripts/coverage"
-chmod +x "${work}/scripts/coverage"
-status=0
-"${work}/scripts/trust" coverage lint >"${work}/output" 2>&1 || status=$?
+script lint 'ls docs/trust; kill -TERM $PPID; exit 1'
+script coverage 'echo fifth'
+status=$(trust coverage lint)
 expect "a part before one during which the script is ended" 130 fifth
 ! grep -qx coverage.txt "${work}/output" || { echo "a part is kept before all have ended"; exit 1; }
 rm "${kept}"

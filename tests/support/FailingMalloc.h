@@ -11,11 +11,13 @@
 
 namespace support {
 
-/// For the length of a block, this thread's malloc gives null, after a number of times that it still works.
+/// For the length of a block, this thread's malloc gives null, after a number of times that it still works; after so many
+/// refusals it works again.
 class ScopedNoMalloc {
  public:
-    explicit ScopedNoMalloc(int nStillWorks = 0) {
+    explicit ScopedNoMalloc(int nStillWorks = 0, int nMostRefused = INT_MAX) {
         t_nLeft = nStillWorks;
+        t_nMostRefused = nMostRefused;
         t_nRefused = 0;
     }
     ~ScopedNoMalloc() { t_nLeft = INT_MAX; }
@@ -27,7 +29,7 @@ class ScopedNoMalloc {
 
     /// Whether the next one works; counts it.
     __attribute__((no_sanitize("thread", "address", "undefined"))) static bool Take() {
-        if (t_nLeft == INT_MAX) {
+        if (t_nLeft == INT_MAX || t_nRefused == t_nMostRefused) {
             return true;
         }
         if (t_nLeft > 0) {
@@ -40,6 +42,7 @@ class ScopedNoMalloc {
 
  private:
     static inline thread_local int t_nLeft = INT_MAX;
+    static inline thread_local int t_nMostRefused = INT_MAX;
     static inline thread_local int t_nRefused = 0;
 };
 

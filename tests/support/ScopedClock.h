@@ -53,7 +53,7 @@ class ScopedZone {
 extern "C" int gettimeofday(timeval* __restrict pNow, void* __restrict pZone) noexcept {
     const timeval* const pSet = support::ScopedClock::Now();
     if (pSet == nullptr) {
-        support::NextFunction(&gettimeofday, "gettimeofday")(pNow, pZone);
+        support::Next<&gettimeofday>("gettimeofday")(pNow, pZone);
     } else {
         *pNow = *pSet;
     }
