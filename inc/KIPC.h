@@ -18,7 +18,9 @@
 /// closes the channel removes the name, and the next server makes a new object.
 ///
 /// @par Local socket
-/// The socket file's name is the path, "_" and the number.
+/// The socket file's name is the path, "_" and the number. @b Beware: of a name longer than 107 characters the rest is cut
+/// off, without a word: first the number, so that channels with different numbers have the same file, and each takes it
+/// away from the one before.
 /// - The server calls `Init(n, true, KIPC::LOCAL_SOCKET, path)` and WaitForConnectToMe() with another KIPC as the peer,
 ///   on which it then reads and writes. Prepare the peer before: `peer.SetType(KIPC::LOCAL_SOCKET)`, or closing it acts
 ///   on shared memory (see Close()).

@@ -143,8 +143,8 @@ class SlotIndex {
     }
 
     /// Blocks of one page of memory have their homes side by side, so that few blocks touch few pages of the table; the
-    /// pages' own homes are spread over all of it. Addresses that are closer together than malloc's blocks, which AddForNonClass() takes
-    /// as well, have theirs in different parts of the table.
+    /// pages' own homes are spread over all of it. Addresses that are closer together than malloc's blocks, which
+    /// AddForNonClass() takes as well, have theirs in different parts of the table.
     static std::uint32_t Home(const void* p) {
         constexpr unsigned int kPageBits = 12;
         constexpr unsigned int kGrainBits = sizeof(void*) == 8 ? 4 : 3;  // those that are 0 in an address of malloc's

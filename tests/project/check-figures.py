@@ -160,6 +160,18 @@ def check_mutations(document, kept):
             yield f"of {cell}, not all that the row has were kept, which says {tried}"
 
 
+def check_mutations_together(document, kept):
+    """The sentence below the table."""
+    found = last(kept, "mutate",
+                 r"^(\w+): \d+ of \d+ changes tried: (\d+) noticed .*?, (\d+) survived(?:.*?; (\d+) listed)?")
+    if found:
+        noticed, survived, listed = (sum(int(figure or 0) for figure in column) for column in zip(*found.values()))
+        together = (f"Together {noticed:,} of {noticed + survived:,} are noticed; "
+                    f"of {noticed + survived + listed:,}, {100 * noticed / (noticed + survived + listed):.1f} %,")
+        if together not in " ".join(document.split()):
+            yield f"of mutations the document does not say '{together}'"
+
+
 def check_claims(document, kept):
     for part in re.findall(r"by\s`scripts/trust\s?([\w:]*)`", document):
         if not any(f"{name}-".startswith(part.replace(":", "-") + "-") for name in kept) and (part or not kept):
@@ -191,7 +203,7 @@ def check_counts(document, texts):
 
 
 def complaints(document, kept, texts):
-    checks = (check_methods, check_fuzzing, check_mutations, check_claims)
+    checks = (check_methods, check_fuzzing, check_mutations, check_mutations_together, check_claims)
     return [*(complaint for check in checks for complaint in check(document, kept)), *check_counts(document, texts)]
 
 
@@ -220,6 +232,8 @@ SAMPLE = """
 | `KPath`, `KThread`, `KMutex` | all | 30 of 32 | |
 | queues | 100 of 2,000 | 90 of 90 | |
 | `KTime` | none yet | | |
+
+Together 120 of 122 are noticed; of 126, 95.2 %, where 4 count that are listed.
 
 | `KString` | 60 | 20,829 | 1,361 | nothing failed |
 
@@ -254,7 +268,7 @@ SAMPLE_KEPT = {
               "KPath: 20 of 20 changes tried: 18 noticed (1 for the time that a test took), 2 survived (90.0 % noticed)\n"
               "KThread: 13 of 13 changes tried: 12 noticed (0 for the time that a test took), 0 survived (100.0 % noticed)\n"
               "KQueue: 9 of 2000 changes tried: 9 noticed (0 for the time that a test took), 0 survived (100.0 % noticed)\n",
-    "mutate-KQueue": "2024-05-07\nKQueue: 100 of 2000 changes tried: 90 noticed (0 for the time), 0 survived\n"}  # fmt: skip
+    "mutate-KQueue": "2024-05-07\nKQueue: 100 of 2000 changes tried: 90 noticed (0 for the time), 0 survived (100.0 % noticed); 4 listed as equivalent\n"}  # fmt: skip
 SAMPLE_TEXTS = {
     "tests/torture/AScenarios.cpp": 'return {{"A", A, {}},\n            {"B",\n             B,\n             {"new in B"}}};\n',
     "tests/RacesTest.cpp": "TEST_P(RacesTest, A) {\nTEST_P(RacesTest, B) {\nINSTANTIATE(testing::Values(2, 4, 16))\n",
@@ -277,7 +291,7 @@ CHANGES = [("tests", "took 18", "took 19"), ("fuzz", "60 s", "61 s"), ("fuzz", "
            ("repeat", "tsan: run 3 of 3", "tsan: run 2 of 3"), ("fuzz", "20829", "20830"), ("fuzz", "1361", "1362"),
            ("mutate", "18 noticed", "19 noticed"), ("mutate", "13 of 13", "12 of 13"), ("mutate", "KThread", "KTime"),
            ("mutate", "KThread", "KList"), ("mutate", "KThread: 13", "KNothing: none"), ("mutate-KQueue", "90 noticed", "91 noticed"),
-           ("mutate-KQueue", "2024-05-07", "2024-05-05")]  # fmt: skip
+           ("mutate-KQueue", "2024-05-07", "2024-05-05"), ("mutate-KQueue", "4 listed", "5 listed")]  # fmt: skip
 
 
 def control():

@@ -590,7 +590,7 @@ __attribute__((format(scanf, 2, 0))) int Vsscanf(const char* pszText, const char
 // ------------------------------------------------------------------------------------------------------ Connections
 
 constexpr Spec kSocket = {
-    "socket", Tells::MINUS_ONE, {EMFILE, ENFILE, EACCES, ENOBUFS, ENOMEM, EAFNOSUPPORT, EPROTONOSUPPORT}};
+    "socket", Tells::MINUS_ONE, {EMFILE, ENFILE, EACCES, ENOBUFS, ENOMEM, EINVAL, EAFNOSUPPORT, EPROTONOSUPPORT}};
 constexpr Spec kBind = {
     "bind",
     Tells::MINUS_ONE,
@@ -615,7 +615,7 @@ constexpr Spec kSelect = {"select", Tells::MINUS_ONE, {EINTR, ENOMEM, EBADF, EIN
 constexpr Spec kRecv = {"recv",
                         Tells::MINUS_ONE,
                         {EINTR, EAGAIN, ECONNRESET, ECONNREFUSED, ETIMEDOUT, EHOSTUNREACH, ENETUNREACH, ENOTCONN,
-                         ENOMEM, ENOBUFS, EBADF, kShort, kNothing}};
+                         ENOMEM, ENOBUFS, EINVAL, EBADF, kShort, kNothing}};
 constexpr Spec kRecvfrom = {"recvfrom", Tells::MINUS_ONE, kRecv.errors};
 constexpr Spec kSend = {"send",
                         Tells::MINUS_ONE,
@@ -624,13 +624,13 @@ constexpr Spec kSend = {"send",
 constexpr Spec kSendto = {"sendto",
                           Tells::MINUS_ONE,
                           {EINTR, EAGAIN, EACCES, EPERM, EHOSTUNREACH, ENETUNREACH, ENETDOWN, EMSGSIZE, ENOBUFS, EPIPE,
-                           ECONNREFUSED, ENOMEM, EINVAL, EBADF}};
+                           ECONNREFUSED, ECONNRESET, ETIMEDOUT, ENOTCONN, ENOMEM, EINVAL, EBADF}};
 constexpr Spec kRead = {"read", Tells::MINUS_ONE, {EINTR, EAGAIN, EIO, ECONNRESET, ENOTCONN, EBADF, kShort, kNothing}};
 constexpr Spec kWrite = {"write",
                          Tells::MINUS_ONE,
                          {EINTR, EAGAIN, EPIPE, ENOSPC, EIO, ECONNRESET, ENOTCONN, ENOBUFS, ENOMEM, EBADF, kShort}};
 constexpr Spec kGethostname = {"gethostname", Tells::MINUS_ONE, {ENAMETOOLONG, EFAULT}};
-constexpr Spec kLookUp = {"gethostbyname_r", Tells::ERROR_NUMBER, {EAGAIN, ENOENT, ENODATA, ERANGE}};
+constexpr Spec kLookUp = {"gethostbyname_r", Tells::ERROR_NUMBER, {EAGAIN, ENOENT, ENODATA, ENOMSG, EBADMSG, ERANGE}};
 constexpr char kOwnName[] = "torture";
 
 /// A transfer that may be short, or of nothing.
@@ -751,6 +751,18 @@ int Found(hostent& storage, hostent** ppEntry, const char* const* ppAddresses) {
     return 0;
 }
 
+/// What a look-up that fails returns, and what it says in the number of its own. Without an entry it returns 0.
+struct LookUpFailure {
+    int nWay;
+    int nReturned;
+    int nSaid;
+};
+constexpr LookUpFailure kLookUpFailures[] = {{EAGAIN, EAGAIN, TRY_AGAIN},
+                                             {ENOENT, 0, HOST_NOT_FOUND},
+                                             {ENOMSG, 0, NO_DATA},
+                                             {EBADMSG, EBADMSG, NO_RECOVERY},
+                                             {ERANGE, ERANGE, NETDB_INTERNAL}};
+
 /// A look-up fails with an error, without an entry, with an entry that has no address, and for want of room as often as it
 /// is tried.
 int Gethostbyname(const char* pszHost, hostent* pStorage, char* pBuffer, std::size_t nSize, hostent** ppEntry,
@@ -768,8 +780,15 @@ int Gethostbyname(const char* pszHost, hostent* pStorage, char* pBuffer, std::si
         return gethostbyname_r(pszHost, pStorage, pBuffer, nSize, ppEntry, pnError);
     }
     *ppEntry = nullptr;
-    *pnError = nError == EAGAIN ? TRY_AGAIN : nError == ERANGE ? NETDB_INTERNAL : HOST_NOT_FOUND;
-    return nError == EAGAIN || nError == ERANGE ? nError : 0;
+    for (const LookUpFailure& failure : kLookUpFailures) {
+        if (failure.nWay == nError) {
+            *pnError = failure.nSaid;
+            return failure.nReturned;
+        }
+    }
+    // The empty name.
+    *pnError = HOST_NOT_FOUND;
+    return 0;
 }
 
 // ------------------------------------------------------------------------------------ Threads, clock, loader, locale
