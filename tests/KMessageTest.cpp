@@ -11,7 +11,6 @@
 #include <utility>
 #include <vector>
 
-#include "KMem.h"
 #include "KMessage.h"
 #include "support/FailingMalloc.h"
 #include "support/HeapUse.h"
@@ -20,6 +19,7 @@
 #include "support/LogLines.h"
 #include "support/MutexCalls.h"
 #include "support/Process.h"
+#include "support/Registry.h"
 #include "support/Support.h"
 #include "support/Threads.h"
 
@@ -29,10 +29,11 @@ using support::InChildProcess;
 using support::kLock;
 using support::kUnlock;
 using support::LogOf;
+using support::ReportedSizes;
 using support::ScopedCalls;
 using support::ScopedChecks;
-using support::ScopedLevel;
 using support::ScopedNoMalloc;
+using support::StartWithAnEmptyRegistry;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -56,25 +57,6 @@ KMessage StaleMessage(const std::string& payload) {
     KMessage message = MessageOf("old", "old", payload);
     message = KMessage();
     return message;
-}
-
-/// What the leak report says about blocks, in order: their sizes. The registry is gone afterwards.
-std::vector<std::size_t> ReportedSizes() {
-    const ScopedChecks checks(false);
-    const std::string report = LogOf([] { KMem::Deinit(); });
-    const std::string label = " Size:";
-    std::vector<std::size_t> sizes;
-    for (std::size_t n = report.find(label); n != std::string::npos; n = report.find(label, n + 1)) {
-        sizes.push_back(std::stoul(report.substr(n + label.size())));
-    }
-    return sizes;
-}
-
-/// Forgets what other tests left in the registry.
-void StartWithAnEmptyRegistry() {
-    const ScopedChecks checks(false);
-    const ScopedLevel level(3);
-    KMem::Deinit();
 }
 
 /// A handler that notes what it receives, under a name of its own, in a list that several may share.

@@ -7,22 +7,15 @@
 #include <type_traits>
 
 #include "support/Support.h"
+#include "support/Texts.h"
 
 using namespace std::string_literals;
 using support::ScopedChecks;
+using support::TextOf;
 
 namespace {
 
 constexpr const char* kNull = nullptr;
-
-/// All bytes of a text, NULs included.
-std::string Bytes(const KString& text) {
-    return std::string(text.GetBuffer(), static_cast<std::size_t>(text.Length()));
-}
-
-std::string Bytes(const KPath& path) {
-    return Bytes(path.GetPath());
-}
 
 /// A path with this text as it stands.
 KPath AsItStands(const std::string& text, KPath::Type eType = KPath::TYPE_NONE) {
@@ -83,27 +76,27 @@ TEST(KPathTest, TypesAndConversionsHaveTheirNumbers) {
 
 TEST(KPathTest, TheDefaultIsEmptyAndOfNoType) {
     const KPath path;
-    EXPECT_EQ(Bytes(path), "");
+    EXPECT_EQ(TextOf(path), "");
     EXPECT_EQ(path.GetType(), KPath::TYPE_NONE);
 }
 
 TEST(KPathTest, TextsComeInWithASlashForEveryBackslash) {
     const char* const pszText = "C:\\dir\\\\f.txt\\";
     const std::string expected = "C:/dir//f.txt/";
-    EXPECT_EQ(Bytes(KPath(pszText)), expected);
-    EXPECT_EQ(Bytes(KPath(KString(pszText))), expected);
+    EXPECT_EQ(TextOf(KPath(pszText)), expected);
+    EXPECT_EQ(TextOf(KPath(KString(pszText))), expected);
     EXPECT_EQ(KPath(pszText).GetType(), KPath::TYPE_NONE);
 
     KPath path = Typed("old", KPath::TYPE_DIRECTORY);
     KPath& result = path = pszText;
     EXPECT_EQ(&result, &path);
-    EXPECT_EQ(Bytes(path), expected);
+    EXPECT_EQ(TextOf(path), expected);
     EXPECT_EQ(path.GetType(), KPath::TYPE_NONE);
 
     KPath other = Typed("old", KPath::TYPE_FILE);
     KPath& otherResult = other = KString(pszText);
     EXPECT_EQ(&otherResult, &other);
-    EXPECT_EQ(Bytes(other), expected);
+    EXPECT_EQ(TextOf(other), expected);
     EXPECT_EQ(other.GetType(), KPath::TYPE_NONE);
 }
 
@@ -112,14 +105,14 @@ TEST(KPathTest, MakingAPathLeavesTheTextAlone) {
     const KPath made(text);
     KPath assigned;
     assigned = text;
-    EXPECT_EQ(Bytes(text), "a\\b");
+    EXPECT_EQ(TextOf(text), "a\\b");
 }
 
 TEST(KPathTest, ANullTextMakesAnEmptyPath) {
-    EXPECT_EQ(Bytes(KPath(kNull)), "");
+    EXPECT_EQ(TextOf(KPath(kNull)), "");
     KPath path = Typed("old", KPath::TYPE_DIRECTORY);
     path = kNull;
-    EXPECT_EQ(Bytes(path), "");
+    EXPECT_EQ(TextOf(path), "");
     EXPECT_EQ(path.GetType(), KPath::TYPE_NONE);
 }
 
@@ -127,27 +120,27 @@ TEST(KPathTest, ACopyHasTheTextAndTheTypeAndABufferOfItsOwn) {
     KPath path = Typed("/a", KPath::TYPE_DIRECTORY);
     const char* const pszRendered = path.GetSystemPath(KPath::CONV_SLASH);
     KPath copy(path);
-    EXPECT_EQ(Bytes(copy), "/a");
+    EXPECT_EQ(TextOf(copy), "/a");
     EXPECT_EQ(copy.GetType(), KPath::TYPE_DIRECTORY);
     copy = "/b";
     EXPECT_STREQ(copy.GetSystemPath(KPath::CONV_SLASH), "/b");
     EXPECT_STREQ(pszRendered, "/a/");
-    EXPECT_EQ(Bytes(path), "/a");
+    EXPECT_EQ(TextOf(path), "/a");
 }
 
 TEST(KPathTest, ACopyKeepsBackslashes) {
     const KPath path = AsItStands("a\\b");
-    EXPECT_EQ(Bytes(KPath(path)), "a\\b");
+    EXPECT_EQ(TextOf(KPath(path)), "a\\b");
     KPath assigned;
     assigned = path;
-    EXPECT_EQ(Bytes(assigned), "a\\b");
+    EXPECT_EQ(TextOf(assigned), "a\\b");
 }
 
 TEST(KPathTest, AssigningAPathTakesItsTextAndItsType) {
     KPath path("old");
     KPath& result = path = Typed("/a", KPath::TYPE_OTHER);
     EXPECT_EQ(&result, &path);
-    EXPECT_EQ(Bytes(path), "/a");
+    EXPECT_EQ(TextOf(path), "/a");
     EXPECT_EQ(path.GetType(), KPath::TYPE_OTHER);
 }
 
@@ -155,28 +148,28 @@ TEST(KPathTest, AssigningAPathToItselfDoesNothing) {
     KPath path = AsItStands("a\\b", KPath::TYPE_FILE);
     const KPath& same = path;
     path = same;
-    EXPECT_EQ(Bytes(path), "a\\b");
+    EXPECT_EQ(TextOf(path), "a\\b");
     EXPECT_EQ(path.GetType(), KPath::TYPE_FILE);
 }
 
 TEST(KPathTest, ItsOwnTextCanBeAssigned) {
     KPath path = AsItStands("a\\b", KPath::TYPE_FILE);
     path = path.GetPath();
-    EXPECT_EQ(Bytes(path), "a/b");
+    EXPECT_EQ(TextOf(path), "a/b");
     EXPECT_EQ(path.GetType(), KPath::TYPE_NONE);
     path = path.GetPath().GetBuffer() + 1;
-    EXPECT_EQ(Bytes(path), "/b");
+    EXPECT_EQ(TextOf(path), "/b");
     EXPECT_TRUE(path.SetPath(path.GetPath()));
-    EXPECT_EQ(Bytes(path), "/b");
+    EXPECT_EQ(TextOf(path), "/b");
 }
 
 TEST(KPathTest, SetPathTakesATextAsItStandsAndLeavesTheType) {
     KPath path = Typed("old", KPath::TYPE_DIRECTORY);
     EXPECT_TRUE(path.SetPath("C:\\dir\\f.txt"));
-    EXPECT_EQ(Bytes(path), "C:\\dir\\f.txt");
+    EXPECT_EQ(TextOf(path), "C:\\dir\\f.txt");
     EXPECT_EQ(path.GetType(), KPath::TYPE_DIRECTORY);
     EXPECT_TRUE(path.SetPath(KString()));
-    EXPECT_EQ(Bytes(path), "");
+    EXPECT_EQ(TextOf(path), "");
 }
 
 TEST(KPathTest, SetTypeStoresAnyType) {
@@ -232,13 +225,13 @@ TEST(KPathTest, JoiningATextPutsASlashBetween) {
         KPath path = Typed(test.pszPath, KPath::TYPE_DIRECTORY);
         KPath& result = path += test.pszText;
         EXPECT_EQ(&result, &path);
-        EXPECT_EQ(Bytes(path), test.pszJoined);
+        EXPECT_EQ(TextOf(path), test.pszJoined);
         EXPECT_EQ(path.GetType(), KPath::TYPE_DIRECTORY);
 
         KPath other = Typed(test.pszPath, KPath::TYPE_LINK);
         KPath& otherResult = other += KString(test.pszText);
         EXPECT_EQ(&otherResult, &other);
-        EXPECT_EQ(Bytes(other), test.pszJoined);
+        EXPECT_EQ(TextOf(other), test.pszJoined);
         EXPECT_EQ(other.GetType(), KPath::TYPE_LINK);
     }
 }
@@ -246,7 +239,7 @@ TEST(KPathTest, JoiningATextPutsASlashBetween) {
 TEST(KPathTest, JoiningADirectoryThatEndsInASlashDoublesIt) {
     KPath path = Typed("/tmp/", KPath::TYPE_DIRECTORY);
     path += "file";
-    EXPECT_EQ(Bytes(path), "/tmp//file");
+    EXPECT_EQ(TextOf(path), "/tmp//file");
 }
 
 TEST(KPathTest, JoiningAPathPutsASlashInFrontEvenWhereThereWasNothing) {
@@ -264,7 +257,7 @@ TEST(KPathTest, JoiningAPathPutsASlashInFrontEvenWhereThereWasNothing) {
         KPath path = Typed(test.pszPath, KPath::TYPE_LINK);
         KPath& result = path += Typed(test.pszOther, KPath::TYPE_DIRECTORY);
         EXPECT_EQ(&result, &path);
-        EXPECT_EQ(Bytes(path), test.pszJoined);
+        EXPECT_EQ(TextOf(path), test.pszJoined);
         EXPECT_EQ(path.GetType(), KPath::TYPE_LINK);
 
         // The sum joins every right side as a path.
@@ -272,46 +265,46 @@ TEST(KPathTest, JoiningAPathPutsASlashInFrontEvenWhereThereWasNothing) {
         const KPath sums[] = {left + Typed(test.pszOther, KPath::TYPE_DIRECTORY), left + test.pszOther,
                               left + KString(test.pszOther)};
         for (const KPath& sum : sums) {
-            EXPECT_EQ(Bytes(sum), test.pszJoined);
+            EXPECT_EQ(TextOf(sum), test.pszJoined);
             EXPECT_EQ(sum.GetType(), KPath::TYPE_LINK);
         }
-        EXPECT_EQ(Bytes(left), Bytes(KPath(test.pszPath)));
+        EXPECT_EQ(TextOf(left), TextOf(KPath(test.pszPath)));
     }
 }
 
 TEST(KPathTest, AddingAPathKeepsTheBackslashesItHolds) {
     KPath path("a");
     path += AsItStands("b\\c");
-    EXPECT_EQ(Bytes(path), "a/b\\c");
+    EXPECT_EQ(TextOf(path), "a/b\\c");
 }
 
 TEST(KPathTest, JoiningNoTextAppendsASlash) {
     KPath path("a");
     path += kNull;
-    EXPECT_EQ(Bytes(path), "a/");
+    EXPECT_EQ(TextOf(path), "a/");
     KPath empty;
     empty += kNull;
-    EXPECT_EQ(Bytes(empty), "");
-    EXPECT_EQ(Bytes(KPath("a") + kNull), "a/");
+    EXPECT_EQ(TextOf(empty), "");
+    EXPECT_EQ(TextOf(KPath("a") + kNull), "a/");
 }
 
 TEST(KPathTest, JoiningAPathToItselfTakesItsTextAsItWas) {
     KPath path("a");
     const KPath& same = path;
     path += same;
-    EXPECT_EQ(Bytes(path), "a/a");
+    EXPECT_EQ(TextOf(path), "a/a");
     path += path.GetPath();
-    EXPECT_EQ(Bytes(path), "a/a/a/a");
+    EXPECT_EQ(TextOf(path), "a/a/a/a");
     path += path.GetPath().GetBuffer() + 4;
-    EXPECT_EQ(Bytes(path), "a/a/a/a/a/a");
+    EXPECT_EQ(TextOf(path), "a/a/a/a/a/a");
 
     KPath rooted("/a");
     const KPath& sameRooted = rooted;
     rooted += sameRooted;
-    EXPECT_EQ(Bytes(rooted), "/a/a");
+    EXPECT_EQ(TextOf(rooted), "/a/a");
     rooted += rooted.GetPath();
-    EXPECT_EQ(Bytes(rooted), "/a/a/a/a");
-    EXPECT_EQ(Bytes(rooted + rooted), "/a/a/a/a/a/a/a/a");
+    EXPECT_EQ(TextOf(rooted), "/a/a/a/a");
+    EXPECT_EQ(TextOf(rooted + rooted), "/a/a/a/a/a/a/a/a");
 }
 
 TEST(KPathTest, OnlyAPathThatIsNotConstCanBeAddedTo) {
@@ -370,29 +363,29 @@ TEST(KPathTest, SplitsPathsIntoTheirParts) {
     for (const Case& test : cases) {
         SCOPED_TRACE(testing::PrintToString(test.pszPath));
         KPath path = Typed(test.pszPath, KPath::TYPE_DIRECTORY);
-        EXPECT_EQ(Bytes(path.GetRootOnly()), test.pszRoot);
-        EXPECT_EQ(Bytes(path.GetNameOnly()), test.pszName);
-        EXPECT_EQ(Bytes(path.GetSubPath()), test.pszSubPath);
+        EXPECT_EQ(TextOf(path.GetRootOnly()), test.pszRoot);
+        EXPECT_EQ(TextOf(path.GetNameOnly()), test.pszName);
+        EXPECT_EQ(TextOf(path.GetSubPath()), test.pszSubPath);
         EXPECT_EQ(path.GetSubPath().GetType(), KPath::TYPE_NONE);
-        EXPECT_EQ(Bytes(path.GetExt()), test.pszExt);
-        EXPECT_EQ(Bytes(path), test.pszPath);
+        EXPECT_EQ(TextOf(path.GetExt()), test.pszExt);
+        EXPECT_EQ(TextOf(path), test.pszPath);
         EXPECT_TRUE(path.RemoveSubPath());
-        EXPECT_EQ(Bytes(path), test.pszWithoutSubPath);
+        EXPECT_EQ(TextOf(path), test.pszWithoutSubPath);
         EXPECT_EQ(path.GetType(), KPath::TYPE_DIRECTORY);
     }
 }
 
 TEST(KPathTest, TheSubPathIsMadeAsFromAText) {
-    EXPECT_EQ(Bytes(AsItStands("a/b\\c").GetSubPath()), "b/c");
-    EXPECT_EQ(Bytes(AsItStands("a\\b").GetSubPath()), "");
-    EXPECT_EQ(Bytes(AsItStands("a/b\\c").GetRootOnly()), "a");
+    EXPECT_EQ(TextOf(AsItStands("a/b\\c").GetSubPath()), "b/c");
+    EXPECT_EQ(TextOf(AsItStands("a\\b").GetSubPath()), "");
+    EXPECT_EQ(TextOf(AsItStands("a/b\\c").GetRootOnly()), "a");
 }
 
 TEST(KPathTest, RemovingSubPathsEndsAtTheFirstComponent) {
     KPath path("/a/b/c");
     for (const char* const pszExpected : {"/a/b", "/a", "/a"}) {
         EXPECT_TRUE(path.RemoveSubPath());
-        EXPECT_EQ(Bytes(path), pszExpected);
+        EXPECT_EQ(TextOf(path), pszExpected);
     }
 }
 
@@ -400,7 +393,7 @@ TEST(KPathTest, TheExtensionOfWhatIsLeftWithoutTheSubPathCanBeSet) {
     KPath path("/a/b.txt/c.txt");
     EXPECT_TRUE(path.RemoveSubPath());
     EXPECT_TRUE(path.SetExt(KString("log")));
-    EXPECT_EQ(Bytes(path), "/a/b.log");
+    EXPECT_EQ(TextOf(path), "/a/b.log");
 }
 
 TEST(KPathTest, SetExtSetsOrReplacesTheExtension) {
@@ -431,7 +424,7 @@ TEST(KPathTest, SetExtSetsOrReplacesTheExtension) {
     for (const Case& test : cases) {
         KPath path = Typed(test.pszPath, KPath::TYPE_FILE);
         EXPECT_TRUE(path.SetExt(KString(test.pszExt)));
-        EXPECT_EQ(Bytes(path), test.pszResult) << test.pszPath << " with " << test.pszExt;
+        EXPECT_EQ(TextOf(path), test.pszResult) << test.pszPath << " with " << test.pszExt;
         EXPECT_EQ(path.GetType(), KPath::TYPE_FILE);
     }
 }
@@ -439,10 +432,10 @@ TEST(KPathTest, SetExtSetsOrReplacesTheExtension) {
 TEST(KPathTest, ItsOwnTextCanBeTheExtension) {
     KPath path("a.b");
     EXPECT_TRUE(path.SetExt(path.GetPath()));
-    EXPECT_EQ(Bytes(path), "a.a.b");
+    EXPECT_EQ(TextOf(path), "a.a.b");
     KPath plain("a");
     EXPECT_TRUE(plain.SetExt(plain.GetPath()));
-    EXPECT_EQ(Bytes(plain), "a.a");
+    EXPECT_EQ(TextOf(plain), "a.a");
 }
 
 namespace {
@@ -509,20 +502,20 @@ TEST(KPathTest, RandomPathsAreSplitAndJoinedAsAModelDoes) {
         const std::string other = any(4);
         SCOPED_TRACE(testing::PrintToString(text) + " and " + testing::PrintToString(other));
         const KPath path(text.c_str());
-        ASSERT_EQ(Bytes(path.GetRootOnly()), RootOf(text));
-        ASSERT_EQ(Bytes(path.GetNameOnly()), NameOf(text));
-        ASSERT_EQ(Bytes(path.GetExt()), ExtOf(text));
+        ASSERT_EQ(TextOf(path.GetRootOnly()), RootOf(text));
+        ASSERT_EQ(TextOf(path.GetNameOnly()), NameOf(text));
+        ASSERT_EQ(TextOf(path.GetExt()), ExtOf(text));
         const int nSlash = LastOf(text, '/');
-        ASSERT_EQ(Bytes(path.GetSubPath()), nSlash < 0 ? "" : text.substr(static_cast<std::size_t>(nSlash) + 1));
+        ASSERT_EQ(TextOf(path.GetSubPath()), nSlash < 0 ? "" : text.substr(static_cast<std::size_t>(nSlash) + 1));
         KPath removed(path);
         ASSERT_TRUE(removed.RemoveSubPath());
-        ASSERT_EQ(Bytes(removed), nSlash < 0 ? text : Range(text, 0, nSlash));
+        ASSERT_EQ(TextOf(removed), nSlash < 0 ? text : Range(text, 0, nSlash));
         KPath joined(path);
         joined += KString(other.c_str());
-        ASSERT_EQ(Bytes(joined), text.empty() ? other : JoinedOf(text, other));
+        ASSERT_EQ(TextOf(joined), text.empty() ? other : JoinedOf(text, other));
         KPath added(path);
         added += KPath(other.c_str());
-        ASSERT_EQ(Bytes(added), JoinedOf(text, other));
+        ASSERT_EQ(TextOf(added), JoinedOf(text, other));
     }
 }
 
@@ -573,7 +566,7 @@ TEST(KPathTest, OnlyADirectoryGetsASeparator) {
 TEST(KPathTest, RenderingLeavesTheTextAlone) {
     KPath path = Typed("a/b", KPath::TYPE_DIRECTORY);
     path.GetSystemPath(KPath::CONV_BACKSLASH);
-    EXPECT_EQ(Bytes(path), "a/b");
+    EXPECT_EQ(TextOf(path), "a/b");
 }
 
 TEST(KPathTest, EveryCallRendersIntoTheObjectsOneBuffer) {
@@ -654,7 +647,7 @@ TEST(KPathTest, PathsInAListKeepTheirTypes) {
     list.Add(AsItStands("b\\c", KPath::TYPE_FILE));
     KPath out;
     EXPECT_TRUE(list.Get(out, 1));
-    EXPECT_EQ(Bytes(out), "b\\c");
+    EXPECT_EQ(TextOf(out), "b\\c");
     EXPECT_EQ(out.GetType(), KPath::TYPE_FILE);
     EXPECT_EQ(list[0]->GetType(), KPath::TYPE_DIRECTORY);
 }

@@ -23,6 +23,7 @@
 #include "support/LogLines.h"
 #include "support/MutexCalls.h"
 #include "support/Process.h"
+#include "support/Registry.h"
 #include "support/Support.h"
 #include "support/Threads.h"
 
@@ -35,10 +36,11 @@ using support::kLock;
 using support::kTryLock;
 using support::kUnlock;
 using support::LogOf;
+using support::ReportedSizes;
 using support::ScopedCalls;
 using support::ScopedChecks;
-using support::ScopedLevel;
 using support::ScopedNoMemory;
+using support::StartWithAnEmptyRegistry;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -95,25 +97,6 @@ std::vector<Buffer*> PopAllFree(Queue& queue) {
         buffers.push_back(pBuffer);
     }
     return buffers;
-}
-
-/// What the leak report says about blocks, in order: their sizes. The registry is gone afterwards.
-std::vector<std::size_t> ReportedSizes() {
-    const ScopedChecks checks(false);
-    const std::string report = LogOf([] { KMem::Deinit(); });
-    const std::string label = " Size:";
-    std::vector<std::size_t> sizes;
-    for (std::size_t n = report.find(label); n != std::string::npos; n = report.find(label, n + 1)) {
-        sizes.push_back(std::stoul(report.substr(n + label.size())));
-    }
-    return sizes;
-}
-
-/// Forgets what other tests left in the registry.
-void StartWithAnEmptyRegistry() {
-    const ScopedChecks checks(false);
-    const ScopedLevel level(3);
-    KMem::Deinit();
 }
 
 // ------------------------------------------------------------------------------------------------------ Data buffers

@@ -26,12 +26,14 @@
 #include "support/LittleMemory.h"
 #include "support/Sanitizers.h"
 #include "support/Support.h"
+#include "support/Texts.h"
 
 using namespace std::string_literals;
 using support::ScopedChecks;
 using support::ScopedLevel;
 using support::ScopedNoMalloc;
 using support::StderrOf;
+using support::TextOf;
 
 namespace {
 
@@ -59,11 +61,6 @@ namespace {
 
 constexpr const char* kNull = nullptr;
 
-/// All bytes of a string, NULs included.
-std::string Bytes(const KString& text) {
-    return std::string(text.GetBuffer(), static_cast<std::size_t>(text.Length()));
-}
-
 /// A string with exactly these bytes, NULs included.
 KString Of(const std::string& bytes) {
     return bytes.empty() ? KString() : KString(bytes.data(), static_cast<int>(bytes.size()));
@@ -83,7 +80,7 @@ std::vector<std::string> Fields(const KList<KString>& list) {
     std::vector<std::string> fields;
     KList<KString>::Reader reader(list);
     while (const KString* const pField = reader.Next()) {
-        fields.push_back(Bytes(*pField));
+        fields.push_back(TextOf(*pField));
     }
     return fields;
 }
@@ -237,12 +234,12 @@ TEST(KStringTest, TheDefaultIsEmptyWithoutABuffer) {
 TEST(KStringTest, IsMadeFromBytesAndALengthWithEmbeddedNuls) {
     const KString text("a\0b\xFF", 4);
     EXPECT_EQ(text.Length(), 4);
-    EXPECT_EQ(Bytes(text), "a\0b\xFF"s);
+    EXPECT_EQ(TextOf(text), "a\0b\xFF"s);
     EXPECT_EQ(text.GetBuffer()[4], '\0');
 }
 
 TEST(KStringTest, TakesOnlyAsManyBytesAsTheLengthSays) {
-    EXPECT_EQ(Bytes(KString("hello", 2)), "he");
+    EXPECT_EQ(TextOf(KString("hello", 2)), "he");
 }
 
 TEST(KStringTest, NoBytesOfATextMakeAnEmptyStringThatHasABuffer) {
@@ -269,7 +266,7 @@ TEST(KStringTest, ALengthThatCannotBeHeldMakesAnEmptyString) {
 
 TEST(KStringTest, IsMadeFromATextUpToItsNul) {
     const KString text("ab\0cd");
-    EXPECT_EQ(Bytes(text), "ab");
+    EXPECT_EQ(TextOf(text), "ab");
     EXPECT_TRUE(HasBuffer(text));
 }
 
@@ -283,10 +280,10 @@ TEST(KStringTest, AnEmptyTextLeavesTheBufferNull) {
 TEST(KStringTest, ACopyHasTheSameBytesAndABufferOfItsOwn) {
     const KString text("a\0b", 3);
     KString copy(text);
-    EXPECT_EQ(Bytes(copy), "a\0b"s);
+    EXPECT_EQ(TextOf(copy), "a\0b"s);
     EXPECT_NE(copy.GetBuffer(), text.GetBuffer());
     copy.Replace('a', 'z');
-    EXPECT_EQ(Bytes(text), "a\0b"s);
+    EXPECT_EQ(TextOf(text), "a\0b"s);
 }
 
 TEST(KStringTest, ACopyOfAnEmptyStringHasNoBuffer) {
@@ -300,14 +297,14 @@ TEST(KStringTest, AMovedStringIsLeftEmpty) {
     KString text("hello");
     const char* const pszBefore = text.GetBuffer();
     KString moved(static_cast<KString&&>(text));
-    EXPECT_EQ(Bytes(moved), "hello");
+    EXPECT_EQ(TextOf(moved), "hello");
     EXPECT_EQ(moved.GetBuffer(), pszBefore);
     EXPECT_EQ(text.Length(), 0);
     EXPECT_FALSE(HasBuffer(text));
 
     KString target("old");
     target = static_cast<KString&&>(moved);
-    EXPECT_EQ(Bytes(target), "hello");
+    EXPECT_EQ(TextOf(target), "hello");
     EXPECT_FALSE(HasBuffer(moved));
 }
 
@@ -323,7 +320,7 @@ TEST(KStringTest, MovingAStringToItselfKeepsIt) {
     KString text("hello");
     KString& same = text;
     text = static_cast<KString&&>(same);
-    EXPECT_EQ(Bytes(text), "hello");
+    EXPECT_EQ(TextOf(text), "hello");
 }
 
 TEST(KStringTest, AssignmentReplacesTheBytes) {
@@ -331,7 +328,7 @@ TEST(KStringTest, AssignmentReplacesTheBytes) {
     const KString source("a\0b", 3);
     KString& result = text = source;
     EXPECT_EQ(&result, &text);
-    EXPECT_EQ(Bytes(text), "a\0b"s);
+    EXPECT_EQ(TextOf(text), "a\0b"s);
     EXPECT_NE(text.GetBuffer(), source.GetBuffer());
 }
 
@@ -341,7 +338,7 @@ TEST(KStringTest, AssigningAStringToItselfDoesNothing) {
     const KString& same = text;
     text = same;
     EXPECT_EQ(text.GetBuffer(), pszBefore);
-    EXPECT_EQ(Bytes(text), "hello");
+    EXPECT_EQ(TextOf(text), "hello");
 
     KString buffered = EmptyWithBuffer();
     const KString& sameBuffered = buffered;
@@ -364,7 +361,7 @@ TEST(KStringTest, AssigningATextReplacesTheBytes) {
     KString text("old text");
     KString& result = text = "new";
     EXPECT_EQ(&result, &text);
-    EXPECT_EQ(Bytes(text), "new");
+    EXPECT_EQ(TextOf(text), "new");
     text = "";
     EXPECT_EQ(text.Length(), 0);
     EXPECT_FALSE(HasBuffer(text));
@@ -380,7 +377,7 @@ TEST(KStringTest, AssigningANullPointerEmptiesIt) {
 TEST(KStringTest, ATextOutOfItsOwnBufferCanBeAssigned) {
     KString text("hello");
     text = text.GetBuffer() + 2;
-    EXPECT_EQ(Bytes(text), "llo");
+    EXPECT_EQ(TextOf(text), "llo");
     text = text.GetBuffer() + 3;
     EXPECT_EQ(text.Length(), 0);
 }
@@ -389,17 +386,17 @@ TEST(KStringTest, AppendingJoinsBothByTheirLengths) {
     KString text("a\0b", 3);
     KString& result = text += KString("c\0d", 3);
     EXPECT_EQ(&result, &text);
-    EXPECT_EQ(Bytes(text), "a\0bc\0d"s);
+    EXPECT_EQ(TextOf(text), "a\0bc\0d"s);
     EXPECT_EQ(text.GetBuffer()[6], '\0');
 }
 
 TEST(KStringTest, AppendingToAnEmptyStringTakesTheText) {
     KString text;
     text += KString("abc");
-    EXPECT_EQ(Bytes(text), "abc");
+    EXPECT_EQ(TextOf(text), "abc");
     KString buffered = EmptyWithBuffer();
     buffered += "abc";
-    EXPECT_EQ(Bytes(buffered), "abc");
+    EXPECT_EQ(TextOf(buffered), "abc");
 }
 
 TEST(KStringTest, AppendingNothingChangesNothing) {
@@ -410,7 +407,7 @@ TEST(KStringTest, AppendingNothingChangesNothing) {
     text += "";
     text += kNull;
     EXPECT_EQ(text.GetBuffer(), pszBefore);
-    EXPECT_EQ(Bytes(text), "abc");
+    EXPECT_EQ(TextOf(text), "abc");
 
     KString empty;
     empty += EmptyWithBuffer();
@@ -420,7 +417,7 @@ TEST(KStringTest, AppendingNothingChangesNothing) {
 TEST(KStringTest, AppendingAStringToItselfDoublesIt) {
     KString text("ab\0c", 4);
     text += text;
-    EXPECT_EQ(Bytes(text), "ab\0cab\0c"s);
+    EXPECT_EQ(TextOf(text), "ab\0cab\0c"s);
     for (int i = 0; i < 8; ++i) {
         text += text;
     }
@@ -430,11 +427,11 @@ TEST(KStringTest, AppendingAStringToItselfDoublesIt) {
 TEST(KStringTest, ATextOutOfItsOwnBufferCanBeAppended) {
     KString text("hello");
     text += text.GetBuffer() + 3;
-    EXPECT_EQ(Bytes(text), "hellolo");
+    EXPECT_EQ(TextOf(text), "hellolo");
     text += text.GetBuffer();
-    EXPECT_EQ(Bytes(text), "hellolohellolo");
+    EXPECT_EQ(TextOf(text), "hellolohellolo");
     text += text.GetBuffer() + text.Length();
-    EXPECT_EQ(Bytes(text), "hellolohellolo");
+    EXPECT_EQ(TextOf(text), "hellolohellolo");
 }
 
 TEST(KStringTest, ItsOwnTextIsAppendedAlsoWhereTheBufferMoves) {
@@ -443,11 +440,11 @@ TEST(KStringTest, ItsOwnTextIsAppendedAlsoWhereTheBufferMoves) {
     std::vector<KString> texts(20, KString(once.c_str()));
     for (KString& text : texts) {
         text += text.GetBuffer();
-        EXPECT_EQ(Bytes(text), once + once);
+        EXPECT_EQ(TextOf(text), once + once);
     }
     for (KString& text : texts) {
         text += text;
-        EXPECT_EQ(Bytes(text), once + once + once + once);
+        EXPECT_EQ(TextOf(text), once + once + once + once);
     }
 }
 
@@ -470,22 +467,22 @@ TEST(KStringTest, WhatWouldMakeTheStringLongerThanALengthCanTellIsNotAppended) {
     }
     KString text("ab");
     text += endless.Text();
-    EXPECT_EQ(Bytes(text), "ab");
+    EXPECT_EQ(TextOf(text), "ab");
 }
 
 TEST(KStringTest, TheSumIsANewString) {
     const KString left("ab");
     const KString right("cd");
-    EXPECT_EQ(Bytes(left + right), "abcd");
-    EXPECT_EQ(Bytes(left + "ef"), "abef");
-    EXPECT_EQ(Bytes(left + left), "abab");
-    EXPECT_EQ(Bytes(left + kNull), "ab");
-    EXPECT_EQ(Bytes(KString() + right), "cd");
-    EXPECT_EQ(Bytes("ab" + right), "abcd");
+    EXPECT_EQ(TextOf(left + right), "abcd");
+    EXPECT_EQ(TextOf(left + "ef"), "abef");
+    EXPECT_EQ(TextOf(left + left), "abab");
+    EXPECT_EQ(TextOf(left + kNull), "ab");
+    EXPECT_EQ(TextOf(KString() + right), "cd");
+    EXPECT_EQ(TextOf("ab" + right), "abcd");
     EXPECT_FALSE(HasBuffer(KString() + KString()));
     EXPECT_FALSE(HasBuffer(EmptyWithBuffer() + EmptyWithBuffer()));
-    EXPECT_EQ(Bytes(left), "ab");
-    EXPECT_EQ(Bytes(right), "cd");
+    EXPECT_EQ(TextOf(left), "ab");
+    EXPECT_EQ(TextOf(right), "cd");
 }
 
 // ------------------------------------------------------------------------------------------------------------ Access
@@ -759,13 +756,13 @@ TEST(KStringTest, GetWideStringWithTheChecksOffConvertsNoMoreThanTheTargetHolds)
 }
 
 TEST(KStringTest, FromUTF8StringCopiesATextUpToItsNul) {
-    EXPECT_EQ(Bytes(KString::FromUTF8String("h\xC3\xA9\0x")), "h\xC3\xA9");
+    EXPECT_EQ(TextOf(KString::FromUTF8String("h\xC3\xA9\0x")), "h\xC3\xA9");
     EXPECT_FALSE(HasBuffer(KString::FromUTF8String("")));
     EXPECT_FALSE(HasBuffer(KString::FromUTF8String(nullptr)));
 }
 
 TEST(KStringTest, FromWideStringConvertsByTheLocale) {
-    EXPECT_EQ(Bytes(KString::FromWideString(L"hello")), "hello");
+    EXPECT_EQ(TextOf(KString::FromWideString(L"hello")), "hello");
     EXPECT_FALSE(HasBuffer(KString::FromWideString(L"")));
     EXPECT_FALSE(HasBuffer(KString::FromWideString(nullptr)));
 
@@ -773,8 +770,8 @@ TEST(KStringTest, FromWideStringConvertsByTheLocale) {
     if (!locale.IsSet()) {
         GTEST_SKIP() << "the locale C.UTF-8 is not installed";
     }
-    EXPECT_EQ(Bytes(KString::FromWideString(L"h\u00E9\u20AC")), "h\xC3\xA9\xE2\x82\xAC");
-    EXPECT_EQ(Bytes(KString::FromWideString(L"\U0001F600\U0001F601\U0001F602")),
+    EXPECT_EQ(TextOf(KString::FromWideString(L"h\u00E9\u20AC")), "h\xC3\xA9\xE2\x82\xAC");
+    EXPECT_EQ(TextOf(KString::FromWideString(L"\U0001F600\U0001F601\U0001F602")),
               "\xF0\x9F\x98\x80\xF0\x9F\x98\x81\xF0\x9F\x98\x82")
         << "four bytes for every character";
 }
@@ -793,14 +790,14 @@ TEST(KStringTest, FromWideStringHasRoomForWhateverTheLocaleMakesOfACharacter) {
         for (int i = 0; i < 3 && nBytes > 0; ++i) {
             expected.append(bytes, static_cast<std::size_t>(nBytes));
         }
-        EXPECT_EQ(Bytes(KString::FromWideString(text.c_str())), expected) << std::hex << nCharacter;
+        EXPECT_EQ(TextOf(KString::FromWideString(text.c_str())), expected) << std::hex << nCharacter;
     }
 }
 
 TEST(KStringTest, FromWideStringLeavesOutWhatTheLocaleCannotExpress) {
     const ScopedLocale locale("C");
     ASSERT_TRUE(locale.IsSet());
-    EXPECT_EQ(Bytes(KString::FromWideString(L"a\u20ACb\U0001F600")), "ab");
+    EXPECT_EQ(TextOf(KString::FromWideString(L"a\u20ACb\U0001F600")), "ab");
     EXPECT_FALSE(HasBuffer(KString::FromWideString(L"\u20AC")));
 }
 
@@ -809,7 +806,7 @@ TEST(KStringTest, FromWideStringLeavesOutWhatTheLocaleCannotExpress) {
 TEST(KStringTest, SprintfReplacesTheTextAndReturnsItsLength) {
     KString text("a longer text before");
     EXPECT_EQ(text.Sprintf("%s-%03d", "x", 7), 5);
-    EXPECT_EQ(Bytes(text), "x-007");
+    EXPECT_EQ(TextOf(text), "x-007");
 }
 
 TEST(KStringTest, ANulFollowsWhatSprintfMakes) {
@@ -828,7 +825,7 @@ TEST(KStringTest, SprintfWithoutMemoryReturnsZeroAndLeavesTheStringAsItWas) {
         nLength = text.Sprintf("%d", 7);
     }
     EXPECT_EQ(nLength, 0);
-    EXPECT_EQ(Bytes(text), "before");
+    EXPECT_EQ(TextOf(text), "before");
 }
 
 TEST(KStringTest, SprintfWithoutMemoryForTheTextAloneReturnsZeroAndLeavesTheStringAsItWas) {
@@ -840,27 +837,27 @@ TEST(KStringTest, SprintfWithoutMemoryForTheTextAloneReturnsZeroAndLeavesTheStri
             nLength = text.Sprintf("%s", pszText);
         }
         EXPECT_EQ(nLength, 0) << pszText;
-        EXPECT_EQ(Bytes(text), "before") << pszText;
+        EXPECT_EQ(TextOf(text), "before") << pszText;
     }
 }
 
 TEST(KStringTest, SprintfCanUseTheStringItChanges) {
     KString text("ab");
     EXPECT_EQ(text.Sprintf("[%s|%s]", text.GetBuffer(), text.GetBuffer()), 7);
-    EXPECT_EQ(Bytes(text), "[ab|ab]");
+    EXPECT_EQ(TextOf(text), "[ab|ab]");
 }
 
 TEST(KStringTest, SprintfKeepsANulThatItWrites) {
     KString text;
     EXPECT_EQ(text.Sprintf("a%cb", '\0'), 3);
-    EXPECT_EQ(Bytes(text), "a\0b"s);
+    EXPECT_EQ(TextOf(text), "a\0b"s);
 }
 
 TEST(KStringTest, SprintfOfAnEmptyTextLeavesTheStringAsItWas) {
     KString text("before");
     const char* const pszBefore = text.GetBuffer();
     EXPECT_EQ(text.Sprintf("%s", ""), 0);
-    EXPECT_EQ(Bytes(text), "before");
+    EXPECT_EQ(TextOf(text), "before");
     EXPECT_EQ(text.GetBuffer(), pszBefore);
 }
 
@@ -868,7 +865,7 @@ TEST(KStringTest, SprintfThatFailsReturnsTheFailureAndLeavesTheStringAsItWas) {
     const ScopedLocale locale("C");
     KString text("before");
     EXPECT_LT(text.Sprintf("%ls", L"\u20AC"), 0);
-    EXPECT_EQ(Bytes(text), "before");
+    EXPECT_EQ(TextOf(text), "before");
 }
 
 TEST(KStringTest, SprintfKeepsUpTo10240CharactersAndCutsMoreTo10239WhileTheLengthCountsThemAll) {
@@ -886,7 +883,7 @@ TEST(KStringTest, SprintfKeepsUpTo10240CharactersAndCutsMoreTo10239WhileTheLengt
         EXPECT_EQ(text.Sprintf("%s", output.c_str()), test.nOutput);
         EXPECT_EQ(text.Length(), test.nOutput);
         const std::size_t nKept = static_cast<std::size_t>(test.nKept);
-        EXPECT_EQ(Bytes(text), output.substr(0, nKept) + std::string(output.size() - nKept, '\0')) << test.nOutput;
+        EXPECT_EQ(TextOf(text), output.substr(0, nKept) + std::string(output.size() - nKept, '\0')) << test.nOutput;
         EXPECT_EQ(text.GetBuffer()[test.nOutput], '\0');
     }
 }
@@ -909,7 +906,7 @@ TEST(KStringTest, WhatWasCutByFormattingIsMemoryOfTheString) {
     EXPECT_EQ(copy.Find("x", kCutLength - 1), -1);
     EXPECT_EQ(copy.FindR("xx", 0), kCutText - 2);
     EXPECT_EQ(copy.Sub(kCutText - 1, kCutLength).Length(), kCutLength - kCutText + 1);
-    EXPECT_EQ(Bytes(copy.Insert(kCutLength, "y")), std::string(kCutText, 'x'));
+    EXPECT_EQ(TextOf(copy.Insert(kCutLength, "y")), std::string(kCutText, 'x'));
     EXPECT_EQ((copy + copy).Length(), 2 * kCutLength);
     EXPECT_FALSE(copy.IsHexStringWithOther(*std::make_unique<KString>()));
 
@@ -933,7 +930,7 @@ TEST(KStringTest, WhatWasCutByFormattingIsMemoryOfTheString) {
 
     KString replaced(cut);
     EXPECT_TRUE(replaced.Replace("xxx", "y"));
-    EXPECT_EQ(Bytes(replaced), std::string(kCutText / 3, 'y'));
+    EXPECT_EQ(TextOf(replaced), std::string(kCutText / 3, 'y'));
 }
 
 TEST(KStringTest, ScanfReadsFromTheStartGivenAndReturnsHowManyWereRead) {
@@ -1071,7 +1068,7 @@ TEST(KStringTest, IsHexStringWithOtherIsTrueWhenEveryByteIsAHexadecimalDigit) {
         EXPECT_FALSE(Of("1"s + ch).IsHexStringWithOther(ignored)) << ch;
     }
     EXPECT_FALSE(KString("g12").IsHexStringWithOther(ignored));
-    EXPECT_EQ(Bytes(ignored), "zz");
+    EXPECT_EQ(TextOf(ignored), "zz");
 }
 
 // ----------------------------------------------------------------------------------------------------- Text helpers
@@ -1550,21 +1547,21 @@ TEST(KStringTest, SearchesForTextsAgreeWithAPlainLoop) {
 TEST(KStringTest, ReplacesEveryByteWithinTheLength) {
     KString text("a-b\0-c", 6);
     EXPECT_TRUE(text.Replace('-', '+'));
-    EXPECT_EQ(Bytes(text), "a+b\0+c"s);
+    EXPECT_EQ(TextOf(text), "a+b\0+c"s);
     EXPECT_TRUE(text.Replace('x', 'y'));
-    EXPECT_EQ(Bytes(text), "a+b\0+c"s);
+    EXPECT_EQ(TextOf(text), "a+b\0+c"s);
     EXPECT_TRUE(text.Replace('\0', '.'));
-    EXPECT_EQ(Bytes(text), "a+b.+c");
+    EXPECT_EQ(TextOf(text), "a+b.+c");
     EXPECT_TRUE(text.Replace('c', 'a'));
-    EXPECT_EQ(Bytes(text), "a+b.+a") << "up to the last byte";
+    EXPECT_EQ(TextOf(text), "a+b.+a") << "up to the last byte";
     EXPECT_TRUE(text.Replace('a', 'a'));
-    EXPECT_EQ(Bytes(text), "a+b.+a");
+    EXPECT_EQ(TextOf(text), "a+b.+a");
     KString high("\xFF\xE9");
     EXPECT_TRUE(high.Replace('\xFF', 'y'));
-    EXPECT_EQ(Bytes(high), "y\xE9");
+    EXPECT_EQ(TextOf(high), "y\xE9");
     KString nuls("\0a\0\0", 4);
     EXPECT_TRUE(nuls.Replace('\0', '.'));
-    EXPECT_EQ(Bytes(nuls), ".a..") << "from the first byte on";
+    EXPECT_EQ(TextOf(nuls), ".a..") << "from the first byte on";
     EXPECT_STREQ(nuls.GetBuffer(), ".a..");
 }
 
@@ -1591,7 +1588,7 @@ TEST(KStringTest, ReplacesEveryOccurrenceOfATextFromTheLeft) {
     for (const Case& test : cases) {
         KString text = Of(test.text);
         EXPECT_TRUE(text.Replace(test.pszFrom, test.pszTo));
-        EXPECT_EQ(Bytes(text), test.result) << testing::PrintToString(test.text);
+        EXPECT_EQ(TextOf(text), test.result) << testing::PrintToString(test.text);
         EXPECT_EQ(HasBuffer(text), !test.result.empty()) << testing::PrintToString(test.text);
     }
 }
@@ -1613,7 +1610,7 @@ TEST(KStringTest, ReplacingATextIsFalseWhenThereIsNothingToLookForOrToPutIn) {
     EXPECT_FALSE(text.Replace("a", kNull));
     EXPECT_FALSE(text.Replace("", "x"));
     EXPECT_EQ(text.GetBuffer(), pszBefore);
-    EXPECT_EQ(Bytes(text), "banana");
+    EXPECT_EQ(TextOf(text), "banana");
 }
 
 TEST(KStringTest, ReplacingATextIsFalseWhenTheResultWouldBeLongerThanALengthCanTell) {
@@ -1622,10 +1619,10 @@ TEST(KStringTest, ReplacingATextIsFalseWhenTheResultWouldBeLongerThanALengthCanT
     KString text(source.c_str());
     // 4,294,967,296 bytes: more than an int holds, and 0 in an unsigned int.
     EXPECT_FALSE(text.Replace("x", std::string(kMebibyte, 'y').c_str()));
-    EXPECT_EQ(Bytes(text), source);
+    EXPECT_EQ(TextOf(text), source);
     // 2,147,483,648 bytes.
     EXPECT_FALSE(text.Replace("x", std::string(kMebibyte / 2, 'y').c_str()));
-    EXPECT_EQ(Bytes(text), source);
+    EXPECT_EQ(TextOf(text), source);
 }
 
 TEST(KStringTest, ReplacingATextInAnEmptyStringIsTrueAndLeavesItEmpty) {
@@ -1641,9 +1638,9 @@ TEST(KStringTest, ReplacingATextInAnEmptyStringIsTrueAndLeavesItEmpty) {
 TEST(KStringTest, PartsOfItsOwnTextCanBeReplacedByPartsOfIt) {
     KString text("abcab");
     EXPECT_TRUE(text.Replace(text.GetBuffer() + 3, text.GetBuffer()));
-    EXPECT_EQ(Bytes(text), "abcabcabcab");
+    EXPECT_EQ(TextOf(text), "abcabcabcab");
     EXPECT_TRUE(text.Replace(text.GetBuffer(), text.GetBuffer() + 8));
-    EXPECT_EQ(Bytes(text), "cab");
+    EXPECT_EQ(TextOf(text), "cab");
 }
 
 TEST(KStringTest, ReplacingTextsAgreesWithAPlainLoop) {
@@ -1662,35 +1659,35 @@ TEST(KStringTest, ReplacingTextsAgreesWithAPlainLoop) {
         expected += source.substr(nAt);
         KString string = Of(text);
         ASSERT_TRUE(string.Replace(from.c_str(), to.c_str()));
-        ASSERT_EQ(Bytes(string), expected) << testing::PrintToString(text) << ' ' << from << ' ' << to;
+        ASSERT_EQ(TextOf(string), expected) << testing::PrintToString(text) << ' ' << from << ' ' << to;
     }
 }
 
 TEST(KStringTest, InsertReturnsACopyWithTheTextPutIn) {
     const ScopedChecks checks(true);
     const KString text("hello");
-    EXPECT_EQ(Bytes(text.Insert(0, KString("ab"))), "abhello");
-    EXPECT_EQ(Bytes(text.Insert(2, "--")), "he--llo");
-    EXPECT_EQ(Bytes(text.Insert(5, "!")), "hello!");
-    EXPECT_EQ(Bytes(text.Insert(6, "!")), "hello!");
-    EXPECT_EQ(Bytes(text.Insert(INT_MAX, "!")), "hello!");
-    EXPECT_EQ(Bytes(text.Insert(2, "")), "hello");
-    EXPECT_EQ(Bytes(text.Insert(2, kNull)), "hello");
-    EXPECT_EQ(Bytes(text.Insert(2, text)), "hehellollo");
-    EXPECT_EQ(Bytes(text.Insert(2, text.GetBuffer() + 4)), "heollo");
-    EXPECT_EQ(Bytes(text), "hello");
+    EXPECT_EQ(TextOf(text.Insert(0, KString("ab"))), "abhello");
+    EXPECT_EQ(TextOf(text.Insert(2, "--")), "he--llo");
+    EXPECT_EQ(TextOf(text.Insert(5, "!")), "hello!");
+    EXPECT_EQ(TextOf(text.Insert(6, "!")), "hello!");
+    EXPECT_EQ(TextOf(text.Insert(INT_MAX, "!")), "hello!");
+    EXPECT_EQ(TextOf(text.Insert(2, "")), "hello");
+    EXPECT_EQ(TextOf(text.Insert(2, kNull)), "hello");
+    EXPECT_EQ(TextOf(text.Insert(2, text)), "hehellollo");
+    EXPECT_EQ(TextOf(text.Insert(2, text.GetBuffer() + 4)), "heollo");
+    EXPECT_EQ(TextOf(text), "hello");
 }
 
 TEST(KStringTest, WhatIsInsertedIntoAStringWithoutABufferIsNotInTheResult) {
     EXPECT_FALSE(HasBuffer(KString().Insert(0, KString("x"))));
     EXPECT_FALSE(HasBuffer(KString().Insert(3, "x")));
-    EXPECT_EQ(Bytes(EmptyWithBuffer().Insert(0, "x")), "x");
+    EXPECT_EQ(TextOf(EmptyWithBuffer().Insert(0, "x")), "x");
 }
 
 TEST(KStringTest, TheResultOfInsertEndsAtItsFirstNul) {
-    EXPECT_EQ(Bytes(KString("ab\0cd", 5).Insert(4, "x")), "ab");
-    EXPECT_EQ(Bytes(KString("ab\0cd", 5).Insert(1, "x")), "axb");
-    EXPECT_EQ(Bytes(KString("abcd").Insert(2, KString("x\0y", 3))), "abx");
+    EXPECT_EQ(TextOf(KString("ab\0cd", 5).Insert(4, "x")), "ab");
+    EXPECT_EQ(TextOf(KString("ab\0cd", 5).Insert(1, "x")), "axb");
+    EXPECT_EQ(TextOf(KString("abcd").Insert(2, KString("x\0y", 3))), "abx");
     EXPECT_FALSE(HasBuffer(KString("abcd").Insert(0, KString("\0y", 2))));
 }
 
@@ -1705,8 +1702,8 @@ TEST(KStringTest, InsertChecksThatTheStartIsNotNegative) {
 
 TEST(KStringTest, InsertAtANegativeStartWithTheChecksOffPutsTheTextInFront) {
     const ScopedChecks checks(false);
-    EXPECT_EQ(Bytes(KString("hello").Insert(-1, "x")), "xhello");
-    EXPECT_EQ(Bytes(KString("hello").Insert(INT_MIN, KString("x"))), "xhello");
+    EXPECT_EQ(TextOf(KString("hello").Insert(-1, "x")), "xhello");
+    EXPECT_EQ(TextOf(KString("hello").Insert(INT_MIN, KString("x"))), "xhello");
 }
 
 TEST(KStringTest, SubReturnsTheBytesFromTheStartUpToTheEnd) {
@@ -1725,7 +1722,7 @@ TEST(KStringTest, SubReturnsTheBytesFromTheStartUpToTheEnd) {
     };
     for (const Case& test : cases) {
         const KString result = Of(test.text).Sub(test.nStart, test.nEnd);
-        EXPECT_EQ(Bytes(result), test.result) << test.text << ' ' << test.nStart << ' ' << test.nEnd;
+        EXPECT_EQ(TextOf(result), test.result) << test.text << ' ' << test.nStart << ' ' << test.nEnd;
         EXPECT_EQ(result.GetBuffer()[result.Length()], '\0');
         EXPECT_EQ(HasBuffer(result), !test.result.empty());
     }
@@ -1737,12 +1734,12 @@ TEST(KStringTest, SubPastTheEndHasTheLengthAskedForWithTheTextThatWasThere) {
         const KString result = KString("hello").Sub(3, nEnd);
         EXPECT_EQ(result.Length(), nEnd - 3);
         EXPECT_STREQ(result.GetBuffer(), "lo");
-        const std::string bytes = Bytes(result);
+        const std::string bytes = TextOf(result);
         EXPECT_EQ(bytes, "lo" + std::string(bytes.size() - 2, '\0')) << "the rest is memory of the string";
         EXPECT_TRUE(KString(result) == result);
     }
-    EXPECT_EQ(Bytes(KString("hello").Sub(5, 8)), "\0\0\0"s);
-    EXPECT_EQ(Bytes(EmptyWithBuffer().Sub(0, 2)), "\0\0"s);
+    EXPECT_EQ(TextOf(KString("hello").Sub(5, 8)), "\0\0\0"s);
+    EXPECT_EQ(TextOf(EmptyWithBuffer().Sub(0, 2)), "\0\0"s);
 }
 
 TEST(KStringTest, SubUpToAnEndThatNoMemoryReachesIsEmpty) {
@@ -1766,15 +1763,15 @@ TEST(KStringTest, SubWithTheChecksOffStaysInsideTheText) {
     }
     EXPECT_FALSE(HasBuffer(KString("hello").Sub(6, 0)));
     EXPECT_FALSE(HasBuffer(KString("hello").Sub(INT_MAX, 0)));
-    EXPECT_EQ(Bytes(KString("hello").Sub(6, 8)), "\0\0"s);
+    EXPECT_EQ(TextOf(KString("hello").Sub(6, 8)), "\0\0"s);
 }
 
 TEST(KStringTest, ChangesTheCaseOfEveryByteWithinTheLength) {
     KString text("aB\0cD\xE9\xC9z", 8);
     text.ToUpper();
-    EXPECT_EQ(Bytes(text), "AB\0CD\xE9\xC9Z"s);
+    EXPECT_EQ(TextOf(text), "AB\0CD\xE9\xC9Z"s);
     text.ToLower();
-    EXPECT_EQ(Bytes(text), "ab\0cd\xE9\xC9z"s);
+    EXPECT_EQ(TextOf(text), "ab\0cd\xE9\xC9z"s);
     KString empty;
     empty.ToLower();
     empty.ToUpper();
@@ -1784,24 +1781,24 @@ TEST(KStringTest, ChangesTheCaseOfEveryByteWithinTheLength) {
 TEST(KStringTest, TrimROverwritesOneLastByteAndLeavesTheLength) {
     KString text("ab  ");
     text.TrimR(' ');
-    EXPECT_EQ(Bytes(text), "ab \0"s);
+    EXPECT_EQ(TextOf(text), "ab \0"s);
     text.TrimR(' ');
-    EXPECT_EQ(Bytes(text), "ab \0"s) << "the last byte is a NUL now";
+    EXPECT_EQ(TextOf(text), "ab \0"s) << "the last byte is a NUL now";
 
     KString set("ab\t ");
     set.TrimR(" \t");
-    EXPECT_EQ(Bytes(set), "ab\t\0"s);
+    EXPECT_EQ(TextOf(set), "ab\t\0"s);
 
     KString other("ab");
     other.TrimR('x');
     other.TrimR("xyz");
     other.TrimR("");
     other.TrimR(kNull);
-    EXPECT_EQ(Bytes(other), "ab");
+    EXPECT_EQ(TextOf(other), "ab");
 
     KString high("ab\xFF");
     high.TrimR("\xE9\xFF");
-    EXPECT_EQ(Bytes(high), "ab\0"s);
+    EXPECT_EQ(TextOf(high), "ab\0"s);
 }
 
 TEST(KStringTest, TrimLOfASetRemovesTheLeadingBytesOfTheSet) {
@@ -1818,12 +1815,12 @@ TEST(KStringTest, TrimLOfASetRemovesTheLeadingBytesOfTheSet) {
     for (const Case& test : cases) {
         KString text = Of(test.text);
         text.TrimL(test.pszSet);
-        EXPECT_EQ(Bytes(text), test.result) << testing::PrintToString(test.text);
+        EXPECT_EQ(TextOf(text), test.result) << testing::PrintToString(test.text);
         EXPECT_EQ(HasBuffer(text), !test.result.empty());
     }
     KString text("  ab");
     text.TrimL(kNull);
-    EXPECT_EQ(Bytes(text), "  ab");
+    EXPECT_EQ(TextOf(text), "  ab");
 }
 
 TEST(KStringTest, TrimLOfACharacterRemovesNothingButCorrectsTheLength) {
@@ -1837,12 +1834,12 @@ TEST(KStringTest, TrimLOfACharacterRemovesNothingButCorrectsTheLength) {
     for (const Case& test : cases) {
         KString text = Of(test.text);
         text.TrimL(' ');
-        EXPECT_EQ(Bytes(text), test.result) << testing::PrintToString(test.text);
+        EXPECT_EQ(TextOf(text), test.result) << testing::PrintToString(test.text);
         EXPECT_EQ(HasBuffer(text), !test.result.empty());
     }
     KString nuls("\0\0", 2);
     nuls.TrimL('\0');
-    EXPECT_EQ(Bytes(nuls), "\0\0"s) << "no byte differs";
+    EXPECT_EQ(TextOf(nuls), "\0\0"s) << "no byte differs";
 }
 
 TEST(KStringTest, TrimOfACharacterRemovesOneTrailingByteAndCorrectsTheLength) {
@@ -1857,7 +1854,7 @@ TEST(KStringTest, TrimOfACharacterRemovesOneTrailingByteAndCorrectsTheLength) {
     for (const Case& test : cases) {
         KString text = Of(test.text);
         text.Trim(' ');
-        EXPECT_EQ(Bytes(text), test.result) << testing::PrintToString(test.text);
+        EXPECT_EQ(TextOf(text), test.result) << testing::PrintToString(test.text);
     }
 }
 
@@ -1881,7 +1878,7 @@ TEST(KStringTest, TrimOfASetRemovesOneTrailingAndAllLeadingBytes) {
     for (const Case& test : cases) {
         KString text = Of(test.text);
         text.Trim(" \t");
-        EXPECT_EQ(Bytes(text), test.result) << testing::PrintToString(test.text);
+        EXPECT_EQ(TextOf(text), test.result) << testing::PrintToString(test.text);
     }
 }
 
@@ -2039,7 +2036,7 @@ TEST(KStringTest, RandomEditsKeepTheBytesOfAModelAndATerminatingNul) {
             string = string.Sub(0, 20);
             model = model.substr(0, 20);
         }
-        ASSERT_EQ(Bytes(string), model) << "after step " << i;
+        ASSERT_EQ(TextOf(string), model) << "after step " << i;
         ASSERT_EQ(string.GetBuffer()[string.Length()], '\0');
         ASSERT_EQ(HasBuffer(string), !model.empty());
     }
