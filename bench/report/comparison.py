@@ -7,7 +7,7 @@ import platform
 import re
 import statistics
 
-from shown import US, paragraph, plotter, read_runs, shown_bytes, shown_met, shown_size, shown_time, size_order, table
+from shown import US, items, paragraph, plotter, read_runs, shown_bytes, shown_met, shown_size, shown_time, size_order, table
 
 TITLE, MAKE = "Beside other libraries", "scripts/bench --compare"
 
@@ -347,25 +347,32 @@ def job_section(results, job, notes):
 def introduction(results):
     return paragraph(
         f"Made by `{MAKE}`; medians of {results.repetitions} interleaved repetitions on {platform.machine()},",
-        f"{results.context['num_cpus']} processors, {results.when()}{results.versions()}.",
-        "Times are of the processor, or of the wall clock where several threads or processes take part. Within a repetition all",
-        "columns of a row are measured one after the other. The figure in brackets is the column's time divided by the library's",
-        "time in the same repetition, as the median over the repetitions, and the goals are judged by it; where a goal names the",
-        "best of the others, the fastest in each repetition counts. \"Limit\" is what the bare calls take that it names; where no",
-        "calls of libc do the job, there is none. Below the times: the most memory that was allocated at once, with what the job",
-        "works on and 408 bytes of the measurement (GLib's by malloc alone, which its times are not). Where a program is started,",
-        "it is its resident memory, with by how much it grows between the first line of its main function and the end of the",
-        "start, and by how much until it was stopped and started again. Where blocks are registered, \"growth\" is what the registry",
-        "makes the process grow, which comes straight from the system. A size is the n of the job's name, or bytes. The log's level",
-        "is 3, except where lines are what is measured; what level 0 costs the library is below, and nobody else has it. What a",
-        "job frees stays with its process, and",
-        "where long texts are copied, libc does so without the processor's own instruction: without these two settings the same",
-        "row differs by a factor from one run to the next. The kernel's work of clearing fresh pages, 2 KB for each entry of a",
-        "directory, comes on top in a process with libc's own settings. From one run of all this to the next most rows differ by a",
-        "tenth, and those that depend on the caches by up to a half: a row that is near its goal meets it in one run and misses it in",
-        "the next. Where its repetitions do not agree, it says how many of them meet it. Whether a job grows as it is to is judged",
-        "by a test that counts instructions, not by these times. What was measured at no more than two sizes (paths, times, locks,",
-        "lines of the log, records, the start) has a table and no plot.")
+        f"{results.context['num_cpus']} processors, {results.when()}{results.versions()}.")
+
+
+# How to read the tables, and what the figures are of.
+LEGEND = (
+    "Times are of the processor, or of the wall clock where several threads or processes take part. Within a repetition all "
+    "columns of a row are measured one after the other. What was measured at no more than two sizes (paths, times, locks, "
+    "lines of the log, records, the start) has a table and no plot.",
+    "In brackets stands the column's time divided by the library's time in the same repetition, as the median over the "
+    "repetitions. The goals are judged by it; where a goal names the best of the others, the fastest in each repetition counts.",
+    "\"Limit\" is what the bare calls take that it names; where no calls of libc do the job, there is none.",
+    "Below the times stands the most memory that was allocated at once, with what the job works on and 408 bytes of the "
+    "measurement (GLib's by malloc alone, which its times are not). Where a program is started, it is its resident memory, "
+    "with by how much it grows between the first line of its main function and the end of the start, and by how much until it "
+    "was stopped and started again. Where blocks are registered, \"growth\" is what the registry makes the process grow, "
+    "which comes straight from the system.",
+    "A size is the n of the job's name, or bytes.",
+    "The log's level is 3, except where lines are what is measured; what level 0 costs the library is below, and nobody else "
+    "has it.",
+    "What a job frees stays with its process, and where long texts are copied, libc does so without the processor's own "
+    "instruction: without these two settings the same row differs by a factor from one run to the next. The kernel's work of "
+    "clearing fresh pages, 2 KB for each entry of a directory, comes on top in a process with libc's own settings.",
+    "From one run of all this to the next most rows differ by a tenth, and those that depend on the caches by up to a half: a "
+    "row that is near its goal meets it in one run and misses it in the next. Where its repetitions do not agree, it says how "
+    "many of them meet it.",
+    "Whether a job grows as it is to is judged by a test that counts instructions, not by these times.")
 
 
 def section(results, notes, plot):
@@ -395,7 +402,7 @@ def section(results, notes, plot):
         f"Missed, with the reasons below the tables: {'; '.join(missed)}." if missed else "None misses it.")
     if plot:
         lines += [f"![Cost against size]({plot})", ""]
-    return lines + sections
+    return lines + ["How to read the tables:", "", *items(*LEGEND), *sections]
 
 
 class Plot:

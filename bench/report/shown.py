@@ -51,6 +51,13 @@ def paragraph(*sentences):
     return [*textwrap.wrap(" ".join(sentences), 120, break_long_words=False, break_on_hyphens=False), ""]
 
 
+def items(*texts):
+    """A list."""
+    wrapped = [textwrap.wrap(text, 120, initial_indent="- ", subsequent_indent="  ", break_long_words=False,
+                             break_on_hyphens=False) for text in texts]  # fmt: skip
+    return [*(line for lines in wrapped for line in lines), ""]
+
+
 def table(columns, rows, alignment="---:"):
     """A table whose first column is on the left."""
     return ["| " + " | ".join(columns) + " |", "|---|" + f"{alignment}|" * (len(columns) - 1)] + \
