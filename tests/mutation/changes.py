@@ -157,8 +157,8 @@ def bodies_of(plain, constants=False):
         introduction = plain[head : match.start()].strip()
         head = place = match.end()
         if match.group() == "{" and re.search(r"(\)|\b(const|noexcept|override|final))$", introduction):
+            head = place = closing(plain, match.start(), "{}") + 1
             if constants or not re.search(r"\bconstexpr\b", introduction):
-                head = place = closing(plain, match.start(), "{}") + 1
                 found.append((match.start(), place))
 
 
