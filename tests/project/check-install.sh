@@ -74,8 +74,15 @@ read -r -a flags <<<"$(pkg --cflags --libs)"
     refuse "a program that uses pkg-config does not build"
 run "${scratch}/by-pkg-config"
 
-[[ -n $(find "${prefix}/share/gdb/auto-load" -name 'libkalvoren-sharedd.so.*-gdb.py' -size +0 2>/dev/null) ]] ||
-    refuse "gdb's printers are not installed"
+# gdb finds the printers beside the library, and loads them from a directory that is safe.
+[[ -s ${prefix}/lib/${name}-gdb.py ]] || refuse "gdb's printers are not installed"
+debugger=gdb
+[[ -z ${toolchain} ]] || debugger=gdb-multiarch
+if command -v "${debugger}" >/dev/null; then
+    "${debugger}" -nx -batch -iex "set auto-load safe-path ${prefix}/lib" "${prefix}/lib/${name}" -ex "info pretty-printer" \
+        >"${scratch}/log" 2>&1
+    grep -q '^ *kalvoren' "${scratch}/log" || { cat "${scratch}/log"; refuse "gdb does not load the printers"; }
+fi
 
 # The tools find the library beside them.
 if [[ -x ${build}/tools/kplist ]]; then
