@@ -284,6 +284,14 @@ TEST_F(KEntryTest, AfterInitTheLocaleIsEnglishWhereItIsInstalled) {
     EXPECT_STREQ(KLocale::GetSystemLocale(), "en_US.UTF-8");
 }
 
+TEST_F(KEntryTest, WithoutTheEnglishLocaleTheOneBeforeStaysWithoutAWord) {
+    const support::ScopedLocales none({});
+    setlocale(LC_ALL, "C");
+    EXPECT_EQ(TraceOf([] { Start(); }), kStartUp);
+    EXPECT_STREQ(KLocale::GetSystemLocale(), "C");
+    EXPECT_STREQ(KString::FromWideString(L"gr\u00FCn").GetBuffer(), "grn");
+}
+
 TEST_F(KEntryTest, AStepThatFailsDoesNotStopTheOthers) {
     ASSERT_TRUE(KMem::Init());  // There can be no second registry.
     EXPECT_EQ(TraceOf([] { Start(); }), kStartUp);
