@@ -29,11 +29,16 @@ install(
   DESTINATION ${KALVOREN_CMAKE_DIR}
   COMPONENT libkalvoren-dev)
 
-# gdb loads what lies here by itself when it meets the library of the same path.
-cmake_path(ABSOLUTE_PATH CMAKE_INSTALL_LIBDIR BASE_DIRECTORY "${CMAKE_INSTALL_PREFIX}" OUTPUT_VARIABLE KALVOREN_FULL_LIBDIR)
+# The system's gdb loads by itself what lies below its own auto-load directory, under the path of the library: that is for
+# the prefix /usr. With any other it looks beside the library, wherever that was installed or moved, and loads the file when
+# it was told that the directory is safe; else it says so, and how.
+set(KALVOREN_PRINTERS_DIR "${CMAKE_INSTALL_LIBDIR}")
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(KALVOREN_PRINTERS_DIR "${CMAKE_INSTALL_DATADIR}/gdb/auto-load${CMAKE_INSTALL_FULL_LIBDIR}")
+endif()
 install(
   FILES "${PROJECT_SOURCE_DIR}/tools/gdb/kalvoren_gdb.py"
-  DESTINATION "${CMAKE_INSTALL_DATADIR}/gdb/auto-load${KALVOREN_FULL_LIBDIR}"
+  DESTINATION "${KALVOREN_PRINTERS_DIR}"
   RENAME libkalvoren-sharedd.so.${PROJECT_VERSION}-gdb.py
   COMPONENT libkalvoren-dev)
 

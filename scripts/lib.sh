@@ -64,6 +64,11 @@ is_preset() {
     [[ " $(preset_names) " == *" $1 "* ]]
 }
 
+# The version, from the header that tells it to programs.
+library_version() {
+    sed -n 's/^#define KALVOREN_VERSION "\([0-9.]*\)"$/\1/p' "${ROOT}/inc/KTypes.h" | grep .
+}
+
 # packages_of PRESET: what it needs to be built and tested, in Debian packages.
 packages_of() {
     # What looks at the built library, at its packages and at the documentation.

@@ -383,6 +383,17 @@ TEST_F(KDirectoryTest, DestroyingOneThatWasNeverOpenedLogsAnError) {
     EXPECT_EQ(LogOf([] { const KDirectory directory; }), "Error****: Directory Close , Handle[0] is Empty \n");
 }
 
+TEST_F(KDirectoryTest, DestroyingOneThatWasClosedLogsAnError) {
+    const ScopedDirectory scratch;
+    EXPECT_EQ(LogOf([&] {
+                  KDirectory directory;
+                  EXPECT_TRUE(OpenQuietly(directory, scratch.Path()));
+                  EXPECT_TRUE(directory.Close());
+              }),
+              "Error****: Directory Close " + scratch.Path() + ", Handle[0] is Empty \n");
+    EXPECT_EQ(m_System->nClosed, 1);
+}
+
 TEST_F(KDirectoryTest, DestroyingAnOpenOneClosesIt) {
     const ScopedDirectory scratch;
     const ScopedLevel all(0);

@@ -37,6 +37,7 @@
 #include "support/Descriptors.h"
 #include "support/FailingNew.h"
 #include "support/HeapUse.h"
+#include "support/Interpose.h"
 #include "support/LeaveProcess.h"
 #include "support/LittleMemory.h"
 #include "support/Locales.h"
@@ -57,6 +58,9 @@ constexpr const char* kSource = "src/KEntry";
 /// Whether the calls of the modules are written to standard error, between the lines of the log.
 bool g_fgTrace = false;
 
+/// Whether libc has no locale for English.
+bool g_fgNoEnglish = false;
+
 void Trace(const std::string& call) {
     if (g_fgTrace) {
         std::fputs((call + "\n").c_str(), stderr);
@@ -71,6 +75,13 @@ Result TraceAndCall(const std::string& call, const char* pszSymbol, Arguments...
 }
 
 }  // namespace
+
+/// Stands in front of libc's setlocale.
+extern "C" char* setlocale(int nCategory, const char* pszLocale) noexcept {
+    static const auto pNext = support::NextFunction(&setlocale, "setlocale");
+    const bool fgMissing = g_fgNoEnglish && pszLocale != nullptr && std::strcmp(pszLocale, "en_US.UTF-8") == 0;
+    return pNext(nCategory, fgMissing ? "no_such_locale.NONE" : pszLocale);
+}
 
 // The functions by which start-up and shut-down are seen: those of a program are found before those of a shared library,
 // also by that library.
@@ -282,6 +293,15 @@ TEST_F(KEntryTest, AfterInitTheLocaleIsEnglishWhereItIsInstalled) {
     setlocale(LC_ALL, "C");
     Start();
     EXPECT_STREQ(KLocale::GetSystemLocale(), "en_US.UTF-8");
+}
+
+TEST_F(KEntryTest, WithoutTheEnglishLocaleTheOneBeforeStaysWithoutAWord) {
+    setlocale(LC_ALL, "C");
+    g_fgNoEnglish = true;
+    EXPECT_EQ(TraceOf([] { Start(); }), kStartUp);
+    g_fgNoEnglish = false;
+    EXPECT_STREQ(KLocale::GetSystemLocale(), "C");
+    EXPECT_STREQ(KString::FromWideString(L"gr\u00FCn").GetBuffer(), "grn");
 }
 
 TEST_F(KEntryTest, AStepThatFailsDoesNotStopTheOthers) {

@@ -4,7 +4,7 @@ import pathlib
 
 from shown import paragraph, shown_count, shown_met, table
 
-TITLE, MAKE = "On the target", "scripts/bench --instructions"
+TITLE, MAKE = "For the target, in the emulator", "scripts/bench --instructions"
 WORSE = 1.1  # how much more than here a job may grow there, or take of what the bare calls take
 
 

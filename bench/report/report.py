@@ -18,7 +18,8 @@ NOTES = "notes.md", "notes-target.md"  # why goals are missed, beside other libr
 INTRODUCTION = [
     "# Performance", "",
     "What jobs cost with the library, beside what its users would pick instead and beside the bare calls; what the log costs;",
-    "what the example camera costs with its clients; and what jobs cost on the target. Each section says which command made it.",
+    "what the example camera costs with its clients; and what jobs cost on 32-bit ARM, counted in the emulator. Each section",
+    "says which command made it.",
     ""]
 
 

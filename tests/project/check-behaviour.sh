@@ -1,13 +1,25 @@
 #!/usr/bin/env bash
 # check-behaviour.sh SOURCE-DIRECTORY
 #
-# docs/behaviour.md has a section for every class that has surprises, and every test it names is there.
+# docs/behaviour.md has a section for every public class, alone or with another, and none for what is none; every row names a
+# test, and every test it names is there.
 # The backquotes in the patterns are those of the document.
 # shellcheck disable=SC2016
 set -euo pipefail
 cd "$1"
 
 failures=0
+classes() {
+    sed -nE 's/^class KALVOREN_API (K[A-Za-z]+) .*/\1/p' inc/*.h | LC_ALL=C sort
+}
+sections() {
+    sed -n 's/^## //p' docs/behaviour.md | sed 's/ and /\n/g' | LC_ALL=C sort
+}
+if ! diff <(classes) <(sections); then
+    echo "docs/behaviour.md has other sections (>) than inc/ has classes (<)"
+    failures=$((failures + 1))
+fi
+
 while read -r name; do
     suite=${name%%.*}
     if ! grep -qE "^TEST(_F|_P)?\(${suite}, ${name#*.}\)" tests/*.cpp; then

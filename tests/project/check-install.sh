@@ -4,6 +4,8 @@
 # Installs the library into a scratch directory, moves it elsewhere, and builds and runs a small program against it out of
 # tree, once by find_package and once by pkg-config. Runs the installed tools.
 set -euo pipefail
+# shellcheck source=scripts/lib.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../../scripts/lib.sh"
 
 build=$1
 source=$2
@@ -12,6 +14,8 @@ toolchain=${4:-}
 emulator=("${@:5}")
 scratch=$(mktemp -d)
 trap 'rm -rf "${scratch}"' EXIT
+version=$(library_version)
+name=libkalvoren-sharedd.so.${version}
 
 refuse() {
     echo "$*"
@@ -29,11 +33,10 @@ diff <(cd "${source}/inc" && ls) <(cd "${prefix}/include/kalvoren" && ls) ||
 for file in cmake/Kalvoren/KalvorenConfig.cmake cmake/Kalvoren/KalvorenConfigVersion.cmake pkgconfig/kalvoren.pc; do
     [[ -s ${prefix}/lib/${file} ]] || refuse "lib/${file} is not installed"
 done
-[[ -f ${prefix}/lib/libkalvoren-sharedd.so.1.0.0 && ! -L ${prefix}/lib/libkalvoren-sharedd.so.1.0.0 ]] ||
-    refuse "libkalvoren-sharedd.so.1.0.0 is not installed"
+[[ -f ${prefix}/lib/${name} && ! -L ${prefix}/lib/${name} ]] || refuse "${name} is not installed"
 for link in libkalvoren-sharedd.so.1 libkalvoren-sharedd.so; do
     [[ -L ${prefix}/lib/${link} ]] || refuse "lib/${link} is not a link"
-    [[ $(realpath "${prefix}/lib/${link}") == */libkalvoren-sharedd.so.1.0.0 ]] || refuse "lib/${link} leads elsewhere"
+    [[ $(realpath "${prefix}/lib/${link}") == */"${name}" ]] || refuse "lib/${link} leads elsewhere"
 done
 [[ -s ${prefix}/share/doc/kalvoren/kalvoren.spdx.json ]] || refuse "the bill of materials is not installed"
 [[ ! -e ${prefix}/share/doc/libkalvoren1 ]] || refuse "what only the Debian packages have is installed"
@@ -65,14 +68,21 @@ command -v pkg-config >/dev/null || refuse "pkg-config is not installed"
 pkg() {
     PKG_CONFIG_LIBDIR="${prefix}/lib/pkgconfig" pkg-config "$@" kalvoren
 }
-[[ $(pkg --modversion) == 1.0.0 ]] || refuse "pkg-config reports version $(pkg --modversion)"
+[[ $(pkg --modversion) == "${version}" ]] || refuse "pkg-config reports version $(pkg --modversion)"
 read -r -a flags <<<"$(pkg --cflags --libs)"
 "${compiler}" -std=c++11 "${source}/tests/project/consumer/consumer.cpp" "${flags[@]}" -o "${scratch}/by-pkg-config" ||
     refuse "a program that uses pkg-config does not build"
 run "${scratch}/by-pkg-config"
 
-[[ -n $(find "${prefix}/share/gdb/auto-load" -name 'libkalvoren-sharedd.so.*-gdb.py' -size +0 2>/dev/null) ]] ||
-    refuse "gdb's printers are not installed"
+# gdb finds the printers beside the library, and loads them from a directory that is safe.
+[[ -s ${prefix}/lib/${name}-gdb.py ]] || refuse "gdb's printers are not installed"
+debugger=gdb
+[[ -z ${toolchain} ]] || debugger=gdb-multiarch
+if command -v "${debugger}" >/dev/null; then
+    "${debugger}" -nx -batch -iex "set auto-load safe-path ${prefix}/lib" "${prefix}/lib/${name}" -ex "info pretty-printer" \
+        >"${scratch}/log" 2>&1
+    grep -q '^ *kalvoren' "${scratch}/log" || { cat "${scratch}/log"; refuse "gdb does not load the printers"; }
+fi
 
 # The tools find the library beside them.
 if [[ -x ${build}/tools/kplist ]]; then

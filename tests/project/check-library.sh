@@ -14,6 +14,7 @@ refuse() {
     status=1
 }
 
+# The name is written out, unlike elsewhere: whoever changes it should have to say so here too.
 [[ $(basename "$(realpath "${library}")") == libkalvoren-sharedd.so.1.0.0 ]] || refuse "has another file name"
 
 dynamic=$("${readelf}" --dynamic --wide "${library}")

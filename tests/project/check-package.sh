@@ -4,6 +4,8 @@
 # Makes the Debian packages of an architecture (amd64, armhf), has lintian look at them, installs them into a root of their
 # own, and builds and runs a small program against what is there, once by find_package and once by pkg-config.
 set -euo pipefail
+# shellcheck source=scripts/lib.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../../scripts/lib.sh"
 
 source=$1
 architecture=$2
@@ -13,6 +15,7 @@ toolchain=${5:-}
 emulator=("${@:6}")
 scratch=$(mktemp -d)
 trap 'rm -rf "${scratch}"' EXIT
+version=$(library_version)
 
 refuse() {
     echo "$*"
@@ -46,6 +49,7 @@ case ${architecture} in
     armhf) triplet=arm-linux-gnueabihf protection=plain ;;
 esac
 libraries=${root}/usr/lib/${triplet}
+library=${libraries}/libkalvoren-sharedd.so.${version}
 
 # Each package explains itself, and the library says to dpkg what programs that use it need.
 for name in libkalvoren1 libkalvoren-dev kalvoren-tools; do
@@ -54,10 +58,10 @@ for name in libkalvoren1 libkalvoren-dev kalvoren-tools; do
     done
 done
 [[ -s ${root}/usr/share/man/man1/kplist.1.gz ]] || refuse "the manual page of kplist is not there"
-[[ -s ${root}/usr/share/gdb/auto-load/usr/lib/${triplet}/libkalvoren-sharedd.so.1.0.0-gdb.py ]] ||
+[[ -s ${root}/usr/share/gdb/auto-load/usr/lib/${triplet}/libkalvoren-sharedd.so.${version}-gdb.py ]] ||
     refuse "gdb would not find the printers"
 dpkg-deb --control "${source}"/build/packages/libkalvoren1_*_"${architecture}".deb "${scratch}/control"
-grep -qx 'libkalvoren-sharedd 1 libkalvoren1 (>= 1\.0\.0)' "${scratch}/control/shlibs" || refuse "the shlibs file is wrong"
+grep -qxF "libkalvoren-sharedd 1 libkalvoren1 (>= ${version})" "${scratch}/control/shlibs" || refuse "the shlibs file is wrong"
 grep -qx 'activate-noawait ldconfig' "${scratch}/control/triggers" || refuse "the loader's cache would not be renewed"
 
 # Nothing that the library needs of libc is newer than what the package asks for.
@@ -69,10 +73,10 @@ used=$("${readelf}" --version-info --wide "${libraries}/libkalvoren-sharedd.so.1
 
 # What is shipped is what was promised of the library, and as hard to misuse.
 nm=${readelf%readelf}nm
-"${source}/tests/project/check-library.sh" "${libraries}/libkalvoren-sharedd.so.1.0.0" "${readelf}" "${nm}" ||
+"${source}/tests/project/check-library.sh" "${library}" "${readelf}" "${nm}" ||
     refuse "the library is not as promised"
 "${source}/tests/project/check-flags.py" "${source}" "${source}/build/package/${architecture}" "${protection}" \
-    "${libraries}/libkalvoren-sharedd.so.1.0.0" "${readelf}" || refuse "what is shipped is not compiled as hard to misuse"
+    "${library}" "${readelf}" || refuse "what is shipped is not compiled as hard to misuse"
 "${source}/tests/project/check-hardening.sh" "${root}/usr/bin/kplist" "${readelf}" "${nm}" || refuse "kplist is not hardened"
 
 # The bill of materials names the library's files with their sums, and what the library needs.
@@ -105,7 +109,7 @@ if command -v "${debugger}" >/dev/null; then
     mkdir -p "${scratch}/auto-load$(dirname "${root}")"
     ln -s "${root}/usr/share/gdb/auto-load" "${scratch}/auto-load${root}"
     "${debugger}" -nx -batch -iex "set auto-load scripts-directory ${scratch}/auto-load" -iex "set auto-load safe-path /" \
-        "${libraries}/libkalvoren-sharedd.so.1.0.0" -ex "info pretty-printer" >"${scratch}/log" 2>&1
+        "${library}" -ex "info pretty-printer" >"${scratch}/log" 2>&1
     grep -q '^ *kalvoren' "${scratch}/log" || { cat "${scratch}/log"; refuse "gdb does not load the printers by itself"; }
 fi
 
@@ -134,4 +138,4 @@ read -r -a flags < <(PKG_CONFIG_LIBDIR="${libraries}/pkgconfig" PKG_CONFIG_SYSTE
     refuse "a program that uses pkg-config does not build"
 [[ $(run "${scratch}/by-pkg-config") == "one, two, three" ]] || refuse "the program by pkg-config prints something else"
 
-[[ $(run "${root}/usr/bin/kplist" --version) == *1.0.0* ]] || refuse "kplist does not run"
+[[ $(run "${root}/usr/bin/kplist" --version) == *" ${version}" ]] || refuse "kplist does not run"

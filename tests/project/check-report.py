@@ -166,7 +166,7 @@ class Document:
 def check_nothing_measured(directory):
     document = Document(directory / "nothing", directory / "nothing.md")
     for title, option in (("Beside other libraries", "compare"), ("What the log costs", "log"),
-                          ("The camera and its clients", "camera"), ("On the target", "instructions")):
+                          ("The camera and its clients", "camera"), ("For the target, in the emulator", "instructions")):
         document.expect(f"## {title}", f"Not measured yet; `scripts/bench --{option}` does it.")
 
 
@@ -263,7 +263,7 @@ def check_camera(directory, results):
 
 
 def check_instructions(document):
-    document.expect("## On the target", "`scripts/bench --instructions`, 2024-05-06, with qemu-user 1:7.2, g++ 4:12: the instructions",
+    document.expect("## For the target, in the emulator", "`scripts/bench --instructions`, 2024-05-06, with qemu-user 1:7.2, g++ 4:12: the instructions",
                     "| 100 | 50.0 | 70.0 | 1.40 | 1.00 | 1.00 | met |  |  |  |",
                     "| 100 | 50.0 | 140 | 2.80 | 1.00 | 2.00 | **missed** |  |  |  |",
                     "| 100 | 50.0 | 280 | 5.60 | 1.00 | 4.00 | met | 1.00 | 1.00 | met |",

@@ -1,8 +1,9 @@
 """Pretty-printers for gdb: Kalvoren's values as what they mean.
 
-Installed under the debugger's auto-load directory, gdb loads this file by itself with the library. By hand:
-`source kalvoren_gdb.py`. The printers read the objects' fields alone and call nothing in the program, so they work on core
-files and through remote stubs.
+The system's gdb loads this file by itself with the library of the Debian packages. A library with another prefix than /usr
+has it beside it, under the library's name and "-gdb.py"; gdb loads it from there once the directory is in its auto-load
+safe-path. By hand: `source kalvoren_gdb.py`. The printers read the objects' fields alone and call nothing in the program, so
+they work on core files and through remote stubs.
 """
 
 import datetime
