@@ -92,6 +92,14 @@ sanitized_start() {
     fi
 }
 
+# Whether a debugger may trace a program here. Where there is none to ask, it is not the machine that forbids it.
+may_trace() {
+    local said
+    command -v gdb >/dev/null || return 0
+    said=$(gdb -nx -q -batch -ex run --args true 2>&1) || true
+    [[ ${said} != *"ptrace: Operation not permitted"* && ${said} != *"Could not trace the inferior"* ]]
+}
+
 # configure_preset PRESET [CMAKE-OPTION...]
 configure_preset() {
     (cd "${ROOT}" && cmake --preset "$@" --log-level=WARNING >/dev/null)
