@@ -74,6 +74,7 @@ packages_of() {
         dev | release | clang)
             echo "libbenchmark-dev clang clang-format ${inspection} gdb doxygen valgrind ${CAMERA_PACKAGES[*]} ${BROWSER_PACKAGES[*]}"
             ;;
+        mutate) echo "clang clang-format ${inspection} gdb doxygen valgrind" ;;
         asan | tsan) echo "${CAMERA_PACKAGES[*]}" ;;
         ubsan) echo "clang ${CAMERA_PACKAGES[*]}" ;;
         coverage) echo "gcovr ${CAMERA_PACKAGES[*]}" ;;
