@@ -40,6 +40,7 @@ if [[ ${4:-} == keep ]]; then
     mkdir -p "${merged}"
     find "${corpus}" "${found[@]}" -exec cp -t "${directory}/corpus/${target}" {} +
     find "${corpus}" -type f ! \( "${found[@]}" \) -exec cp -t "${merged}" {} +
+    # The fuzzer starts itself through a shell and quotes nothing: the paths are those that were given, which may be relative.
     "${start[@]}" "${program}" -merge=1 -set_cover_merge=1 -timeout=25 -rss_limit_mb=2048 \
         "${merged}" "${directory}/corpus/${target}"
     # First what is new, so that there is never less than what all of them reach.
