@@ -43,6 +43,10 @@ if [[ ${4:-} == keep ]]; then
     # The fuzzer starts itself through a shell and quotes nothing: the paths are those that were given, which may be relative.
     "${start[@]}" "${program}" -merge=1 -set_cover_merge=1 -timeout=25 -rss_limit_mb=2048 \
         "${merged}" "${directory}/corpus/${target}"
+    # It may read nothing and say that all went well.
+    if [[ -z $(find "${merged}" "${found[@]}" -print -quit) && -n $(find "${directory}/corpus/${target}" -type f -print -quit) ]]; then
+        die "of what was found for ${target}, the merge chose nothing"
+    fi
     # First what is new, so that there is never less than what all of them reach.
     find "${merged}" "${found[@]}" -exec cp -t "${corpus}" {} +
     while read -r -d '' input; do
