@@ -31,11 +31,29 @@ if [[ -f ${source}/dictionaries/${target} ]]; then
 fi
 
 if [[ ${4:-} == keep ]]; then
+    corpus=${source}/corpus/${target}
+    merged=${directory}/merged/${target}
     # What was found has the SHA-1 of its bytes for a name.
-    find "${source}/corpus/${target}" -type f -regextype egrep -regex '.*/[0-9a-f]{40}' \
-        -exec mv -t "${directory}/corpus/${target}" {} +
-    exec "${start[@]}" "${program}" -merge=1 -set_cover_merge=1 -timeout=25 -rss_limit_mb=2048 \
-        "${source}/corpus/${target}" "${directory}/corpus/${target}"
+    found=(-type f -regextype egrep -regex '.*/[0-9a-f]{40}')
+    # In a directory of its own: a merge that fails, or is interrupted, leaves what was kept.
+    rm -rf "${merged}"
+    mkdir -p "${merged}"
+    find "${corpus}" "${found[@]}" -exec cp -t "${directory}/corpus/${target}" {} +
+    find "${corpus}" -type f ! \( "${found[@]}" \) -exec cp -t "${merged}" {} +
+    # The fuzzer starts itself through a shell and quotes nothing: the paths are those that were given, which may be relative.
+    "${start[@]}" "${program}" -merge=1 -set_cover_merge=1 -timeout=25 -rss_limit_mb=2048 \
+        "${merged}" "${directory}/corpus/${target}"
+    # It may read nothing and say that all went well.
+    if [[ -z $(find "${merged}" "${found[@]}" -print -quit) && -n $(find "${directory}/corpus/${target}" -type f -print -quit) ]]; then
+        die "of what was found for ${target}, the merge chose nothing"
+    fi
+    # First what is new, so that there is never less than what all of them reach.
+    find "${merged}" "${found[@]}" -exec cp -t "${corpus}" {} +
+    while read -r -d '' input; do
+        [[ -e ${merged}/$(basename "${input}") ]] || rm "${input}"
+    done < <(find "${corpus}" "${found[@]}" -print0)
+    rm -r "${merged}"
+    exit 0
 fi
 
 exec "${start[@]}" "${program}" -max_total_time="${KALVOREN_FUZZ_SECONDS:-10}" -timeout=25 -rss_limit_mb=2048 \

@@ -79,6 +79,7 @@ packages_of() {
         dev | release | clang)
             echo "libbenchmark-dev clang clang-format ${inspection} gdb doxygen valgrind ${CAMERA_PACKAGES[*]} ${BROWSER_PACKAGES[*]}"
             ;;
+        mutate) echo "clang clang-format ${inspection} gdb doxygen valgrind" ;;
         asan | tsan) echo "${CAMERA_PACKAGES[*]}" ;;
         ubsan) echo "clang ${CAMERA_PACKAGES[*]}" ;;
         coverage) echo "gcovr ${CAMERA_PACKAGES[*]}" ;;
@@ -95,6 +96,14 @@ sanitized_start() {
     if [[ ${bits} == unknown || ${bits} -gt 28 ]] && setarch -R true 2>/dev/null; then
         echo "setarch -R"
     fi
+}
+
+# Whether a debugger may trace a program here. Where there is none to ask, it is not the machine that forbids it.
+may_trace() {
+    local said
+    command -v gdb >/dev/null || return 0
+    said=$(gdb -nx -q -batch -ex run --args true 2>&1) || true
+    [[ ${said} != *"ptrace: Operation not permitted"* && ${said} != *"Could not trace the inferior"* ]]
 }
 
 # configure_preset PRESET [CMAKE-OPTION...]

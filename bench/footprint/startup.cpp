@@ -28,6 +28,7 @@ std::uintptr_t PageOf(const void* p) {
 /// The number of pages of a range that are in memory.
 std::size_t CountResident(std::uintptr_t nStart, std::uintptr_t nEnd) {
     std::vector<unsigned char> pages((nEnd - nStart) / kPage);
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): addresses are counted in pages.
     if (pages.empty() || mincore(reinterpret_cast<void*>(nStart), nEnd - nStart, pages.data()) != 0) {
         return 0;
     }
@@ -94,7 +95,7 @@ void Print(const char* pszWhen, const Memory& memory, bool fgEmulated) {
 #ifndef FOOTPRINT_BASELINE
 
 /// The registry's three tables of places; what finds a place lies behind them.
-constexpr std::size_t kRegistryTables = 3 * 102400 * sizeof(void*);
+constexpr std::size_t kRegistryTables = std::size_t{3} * 102400 * sizeof(void*);
 
 /// Prints how many pages of a block are in memory: the first, of libc's blocks, holds libc's note of the block's size, and of
 /// the registry that it is there.

@@ -6,24 +6,20 @@ nothing is wider than a phone, and nothing comes from elsewhere. With SCREENSHOT
 Chromium the test is skipped (exit status 77).
 """
 import base64
-import fcntl
 import json
 import os
-import re
 import select
 import shutil
-import socket
 import subprocess
 import sys
 import tempfile
 import time
 
+sys.dont_write_bytecode = True
+from camera_process import CameraProcess, fail  # noqa: E402
+
 PATIENCE = 60  # seconds for anything to happen
 SKIPPED = 77
-
-
-def fail(message):
-    sys.exit(f"check-camera-browser: {message}")
 
 
 class Browser:
@@ -101,44 +97,6 @@ class Browser:
         self.process.wait()
 
 
-LOCKS = []  # for as long as this program runs
-
-
-def open_directory(path):
-    descriptor = os.open(path, os.O_RDONLY | os.O_DIRECTORY)
-    fcntl.flock(descriptor, fcntl.LOCK_SH)
-    return descriptor
-
-
-def take_channel(number):
-    lock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-    try:
-        lock.bind(f"\0kalvoren-test-camera-{number}")
-    except OSError:
-        return False
-    LOCKS.append(lock)
-    return True
-
-
-def start_camera(camera, configuration, directory):
-    with open(configuration, encoding="utf-8") as file:
-        text = file.read()
-    # Tests that use channels lock their numbers so, and the one that clears all of them waits for this lock.
-    channel = 100 + os.getpid() % 800
-    LOCKS.append(open_directory("/dev/shm"))
-    while not take_channel(channel):
-        channel = 100 if channel == 999 else channel + 1
-    text = re.sub(r"(<key>Channel</key>\s*<integer>)\d+", rf"\g<1>{channel}", text)
-    text = re.sub(r"(<key>SegmentSeconds</key>\s*<integer>)\d+", r"\g<1>5", text)
-    with open(os.path.join(directory, "camera.plist"), "w", encoding="utf-8") as file:
-        file.write(text)
-    process = subprocess.Popen([camera, "--port", "0"], cwd=directory, stdout=subprocess.PIPE, text=True)
-    line = process.stdout.readline()
-    if not line.startswith("camera: http"):
-        fail("the camera does not start")
-    return process, line.split()[1]
-
-
 # The mean difference between two pictures of the stream, half a second apart.
 MOVEMENT = """(async () => {
   const image = document.getElementById("picture"), canvas = document.createElement("canvas");
@@ -200,17 +158,17 @@ def main():
     if program is None:
         print("chromium is not installed: the page is not looked at")
         sys.exit(SKIPPED)
-    with tempfile.TemporaryDirectory() as directory:
-        camera, url = start_camera(os.path.abspath(sys.argv[1]), sys.argv[2], directory)
-        browser = Browser(program, os.path.join(directory, "profile"))
+    camera = CameraProcess(os.path.dirname(sys.argv[1]), sys.argv[2], {"SegmentSeconds": 5})
+    with tempfile.TemporaryDirectory() as profile:
+        browser = Browser(program, profile)
         try:
-            look(browser, url, sys.argv[3] if len(sys.argv) > 3 else None)
+            look(browser, camera.url, sys.argv[3] if len(sys.argv) > 3 else None)
         finally:
             browser.end()
-            camera.terminate()
-            camera.wait()
-        if camera.returncode != 0:
-            fail(f"the camera ended with {camera.returncode}")
+            camera.process.terminate()
+            camera.process.wait()
+        if camera.process.returncode != 0:
+            fail(f"the camera ended with {camera.process.returncode}: {camera.read_log()}")
 
 
 main()

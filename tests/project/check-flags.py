@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """check-flags.py SOURCE-DIRECTORY BUILD-DIRECTORY strong|plain LIBRARY READELF
 
-Every source of the library and of the tools is compiled with level 2 of libc's checked calls and with the strong or the
-plain form of the stack protector, and those of the library are what the built file was made of.
+Every source of the library, of the tools and of the examples that are built is compiled with level 2 of libc's checked calls
+and with the strong or the plain form of the stack protector, and those of the library are what the built file was made of.
 
 A file shows only that one call is checked and one function protected. So the compiler is asked, by the command that compiles a
 source, what it makes of the flags: a later one undoes an earlier one, and without optimisation libc checks nothing. Where
@@ -20,11 +20,11 @@ FLAGS = {"strong": "-fstack-protector-strong", "plain": "-fstack-protector"}
 
 
 def commands(build):
-    """How the sources of the library and of the tools are compiled; tests and fuzz targets compile some of them too."""
+    """How the sources of the library, the tools and the examples are compiled; tests and fuzz targets compile some of them too."""
     found = {}
     for entry in json.loads(pathlib.Path(build, "compile_commands.json").read_text(encoding="utf-8")):
         command = shlex.split(entry["command"])
-        if re.match("CMakeFiles/kalvoren-sharedd.dir/|tools/", command[command.index("-o") + 1]):
+        if re.match("CMakeFiles/kalvoren-sharedd.dir/|tools/|examples/", command[command.index("-o") + 1]):
             found[pathlib.Path(entry["file"]).resolve()] = {"directory": entry["directory"], "command": command}
     return found
 
@@ -109,13 +109,14 @@ def main():
     entries = commands(build)
     own = {path.resolve() for path in pathlib.Path(root, "src").glob("**/*.cpp")}
     tools = {path.resolve() for path in pathlib.Path(root, "tools").glob("**/*.cpp")}
+    examples = {source for source in entries if source.is_relative_to(pathlib.Path(root, "examples").resolve())}
     found = {source: by for source, by in units(library, readelf).items() if source in own}
-    wrong = [*complaints(form, entries, own | tools), *complaints_of_units(form, found, own),
+    wrong = [*complaints(form, entries, own | tools | examples), *complaints_of_units(form, found, own),
              *control(form, entries, found, own)]
     if wrong or not own or not tools:
         print(*wrong or ["there are no sources"], sep="\n")
     else:
-        print(f"{len(own | tools)} sources, {len(found)} of them in debug information")
+        print(f"{len(own | tools | examples)} sources, {len(found)} of them in debug information")
     return 1 if wrong or not own or not tools else 0
 
 

@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# check-hardening.sh FILE READELF NM
+# check-hardening.sh READELF NM FILE...
 #
-# A library or program has canaries, everything resolved and made read-only before the program starts, no executable stack,
+# Each library or program has canaries, everything resolved and made read-only before the program starts, no executable stack,
 # and nothing both writable and executable; a program lies at another address each time.
 set -euo pipefail
 
-file=$1
-readelf=$2
-nm=$3
+readelf=$1
+nm=$2
+files=("${@:3}")
+[[ ${#files[@]} -gt 0 ]] || { echo "there are no files"; exit 1; }
 status=0
 
 refuse() {
@@ -15,13 +16,21 @@ refuse() {
     status=1
 }
 
-dynamic=$("${readelf}" --dynamic --wide "${file}")
-segments=$("${readelf}" --program-headers --wide "${file}")
-imports=$("${nm}" --dynamic --undefined-only --format=posix "${file}" | cut -d ' ' -f 1 | sed 's/@.*//')
-grep -qx '__stack_chk_fail' <<<"${imports}" || refuse "is compiled without stack protection"
-grep -qE '\(FLAGS\).*BIND_NOW|\(FLAGS_1\).*NOW' <<<"${dynamic}" || refuse "binds its calls late"
-grep -q 'GNU_RELRO' <<<"${segments}" || refuse "leaves its tables writable"
-grep -qE 'GNU_STACK.* RW ' <<<"${segments}" || refuse "asks for an executable stack"
-grep -qE 'LOAD.* RWE ' <<<"${segments}" && refuse "has memory that is writable and executable"
-grep -q '^Elf file type is DYN' <<<"$(sed '/^$/d' <<<"${segments}")" || refuse "has to lie at a fixed address"
+# check_file: looks at ${file}.
+check_file() {
+    local dynamic segments imports
+    dynamic=$("${readelf}" --dynamic --wide "${file}")
+    segments=$("${readelf}" --program-headers --wide "${file}")
+    imports=$("${nm}" --dynamic --undefined-only --format=posix "${file}" | cut -d ' ' -f 1 | sed 's/@.*//')
+    grep -qx '__stack_chk_fail' <<<"${imports}" || refuse "is compiled without stack protection"
+    grep -qE '\(FLAGS\).*BIND_NOW|\(FLAGS_1\).*NOW' <<<"${dynamic}" || refuse "binds its calls late"
+    grep -q 'GNU_RELRO' <<<"${segments}" || refuse "leaves its tables writable"
+    grep -qE 'GNU_STACK.* RW ' <<<"${segments}" || refuse "asks for an executable stack"
+    ! grep -qE 'LOAD.* RWE ' <<<"${segments}" || refuse "has memory that is writable and executable"
+    grep -q '^Elf file type is DYN' <<<"$(sed '/^$/d' <<<"${segments}")" || refuse "has to lie at a fixed address"
+}
+
+for file in "${files[@]}"; do
+    check_file
+done
 exit "${status}"

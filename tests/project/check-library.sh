@@ -34,7 +34,7 @@ symbols=$("${nm}" --dynamic --defined-only --format=posix "${library}" | cut -d 
 while read -r symbol; do
     refuse "exports $(c++filt "${symbol}"), which is not its own"
 done < <(grep -E '^_Z(T[VIST])?(N?K?(St|S[absiod]|9__gnu_cxx)|GVN?)' <<<"${symbols}")
-"$(dirname "${BASH_SOURCE[0]}")/check-hardening.sh" "${library}" "${readelf}" "${nm}" || status=1
+"$(dirname "${BASH_SOURCE[0]}")/check-hardening.sh" "${readelf}" "${nm}" "${library}" || status=1
 imports=$("${nm}" --dynamic --undefined-only --format=posix "${library}")
 grep -q '^__vsnprintf_chk' <<<"${imports}" || refuse "is compiled without checked calls"
 exit "${status}"

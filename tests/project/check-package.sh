@@ -77,7 +77,7 @@ nm=${readelf%readelf}nm
     refuse "the library is not as promised"
 "${source}/tests/project/check-flags.py" "${source}" "${source}/build/package/${architecture}" "${protection}" \
     "${library}" "${readelf}" || refuse "what is shipped is not compiled as hard to misuse"
-"${source}/tests/project/check-hardening.sh" "${root}/usr/bin/kplist" "${readelf}" "${nm}" || refuse "kplist is not hardened"
+"${source}/tests/project/check-hardening.sh" "${readelf}" "${nm}" "${root}/usr/bin/kplist" || refuse "kplist is not hardened"
 
 # The bill of materials names the library's files with their sums, and what the library needs.
 python3 - "${root}/usr/share/doc/libkalvoren1/kalvoren.spdx.json" "${source}" <<'END' || refuse "the bill of materials is wrong"

@@ -43,7 +43,10 @@ has_large() {
 has_devices() {
     [[ -c /dev/full && -c /dev/ptmx ]]
 }
-KNOWN=(root namespaces raw network descriptors large devices)
+has_ptrace() {
+    may_trace
+}
+KNOWN=(root namespaces raw network descriptors large devices ptrace)
 
 lacking=,
 if [[ $# -gt 3 ]]; then
@@ -60,27 +63,32 @@ complain() {
     failures=$((failures + 1))
 }
 
-# word_applies WORD: whether a word of the second column is about this run.
-word_applies() {
-    local need=${1#without }
-    if [[ ${need} == "$1" ]]; then
-        is_preset "$1" || complain "CONTRIBUTING.md names $1, which is no preset"
-        [[ $1 == "${preset}" ]]
-    else
-        [[ " ${KNOWN[*]} " == *" ${need} "* ]] || complain "CONTRIBUTING.md names ${need}, which nobody looks for"
-        [[ ${lacking} == *,"${need}",* ]]
+# entry_applies ENTRY: whether an entry of the second column is about this run: a preset, a lack, or a preset with one.
+entry_applies() {
+    local where=${1%%without *} need status=0
+    need=${1#"${where}"}
+    where=${where% }
+    need=${need#without }
+    if [[ -n ${where} ]]; then
+        is_preset "${where}" || complain "CONTRIBUTING.md names ${where}, which is no preset"
+        [[ ${where} == "${preset}" ]] || status=1
     fi
+    if [[ -n ${need} ]]; then
+        [[ " ${KNOWN[*]} " == *" ${need} "* ]] || complain "CONTRIBUTING.md names ${need}, which nobody looks for"
+        [[ ${lacking} == *,"${need}",* ]] || status=1
+    fi
+    return "${status}"
 }
 
-# row_applies WORDS: whether one of them is, or where they are exceptions, none.
+# row_applies ENTRIES: whether one of them is, or where they are exceptions, none.
 row_applies() {
-    local words=${1#all but } word found=no
-    while read -r word; do
-        if word_applies "${word}"; then
+    local entries=${1#all but } entry found=no
+    while read -r entry; do
+        if entry_applies "${entry}"; then
             found=yes
         fi
-    done < <(tr , '\n' <<<"${words}")
-    if [[ ${words} == "$1" ]]; then
+    done < <(tr , '\n' <<<"${entries}")
+    if [[ ${entries} == "$1" ]]; then
         [[ ${found} == yes ]]
     else
         [[ ${found} == no ]]

@@ -58,6 +58,11 @@ status=$(lint 'echo fourth; exit 1')
 expect "a part that fails" 1 fourth
 expect "a part that fails" 1 '(failed)'
 
+# What tells how it got there, and where, is not kept.
+status=$(lint 'echo "Test project /somewhere/build/dev"; echo "    Start  1: A.B"; echo " 1/12 Test  #1: A.B ... Passed"; echo sixth')
+expect "a part with tests" 0 sixth
+[[ $(grep -cE 'Test|Start' "${kept}" || true) -eq 0 ]] || { cat "${kept}"; echo "more is kept than how it ended"; exit 1; }
+
 # Of what is long the end is kept, but all figures of the classes.
 status=$(lint 'seq 300')
 expect "a part that prints much" 0 300

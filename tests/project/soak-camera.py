@@ -48,8 +48,8 @@ class Soak(CameraProcess):
     def __init__(self, programs, configuration, suppressions):
         suppressions = os.path.abspath(suppressions)
         super().__init__(programs, configuration, {"SegmentSeconds": 10, "LimitKilobytes": KEPT_KILOBYTES},
-                         dict(os.environ, LSAN_OPTIONS=f"print_suppressions=0:suppressions={suppressions}/lsan.supp",
-                              TSAN_OPTIONS=f"halt_on_error=1:suppressions={suppressions}/tsan.supp"))
+                         dict(os.environ, LSAN_OPTIONS=f"print_suppressions=0:suppressions='{suppressions}/lsan.supp'",
+                              TSAN_OPTIONS=f"halt_on_error=1:suppressions='{suppressions}/tsan.supp'"))
         self.tally, self.ending = Tally(), threading.Event()
         with open(f"/proc/{self.process.pid}/maps", encoding="utf-8") as file:
             self.sanitized = re.search(r"/lib[at]san\.so", file.read()) is not None
