@@ -3,6 +3,7 @@
 #define CAMERA_MOTION_H
 
 #include <array>
+#include <cstddef>
 
 namespace camera {
 
@@ -21,7 +22,7 @@ class Motion {
     int Look(const unsigned char* pRgb);
 
  private:
-    using Grid = std::array<int, kColumns * kRows>;
+    using Grid = std::array<int, std::size_t{kColumns} * kRows>;
 
     Grid Measure(const unsigned char* pRgb) const;
 

@@ -2,6 +2,8 @@
 #ifndef KALVOREN_TESTS_FAILINGMALLOC_H
 #define KALVOREN_TESTS_FAILINGMALLOC_H
 
+#include <malloc.h>  // all of malloc's declarations, ahead of its definition
+
 #include <cerrno>
 #include <climits>
 #include <cstddef>
@@ -49,6 +51,7 @@ class ScopedNoMalloc {
 }  // namespace support
 
 /// The sanitizers call this before code that they instrumented could run.
+// NOLINTNEXTLINE(misc-definitions-in-headers): one source of a program includes it.
 extern "C" __attribute__((no_sanitize("thread", "address", "undefined"))) void* malloc(std::size_t nSize) noexcept {
     const auto pNext = support::Next<&malloc>("malloc");
     if (!support::ScopedNoMalloc::Take()) {

@@ -50,6 +50,7 @@ class ScopedZone {
 
 }  // namespace support
 
+// NOLINTNEXTLINE(misc-definitions-in-headers): one source of a program includes it.
 extern "C" int gettimeofday(timeval* __restrict pNow, void* __restrict pZone) noexcept {
     const timeval* const pSet = support::ScopedClock::Now();
     if (pSet == nullptr) {
