@@ -129,7 +129,7 @@ class ModelReader {
         /// Elements hang under the parent itself, or the last of its keys.
         bool fgKey = false;
         std::size_t nKey = 0;
-        std::string value;  ///< The text of the element before.
+        std::string value{};  ///< The text of the element before.
         int nValues = 0;
 
         /// Children are added meanwhile: good until the next one.

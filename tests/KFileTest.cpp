@@ -1039,7 +1039,7 @@ TEST_F(KFileTest, BlocksAppendedByTwoThreadsAreAllThereAndWhole) {
     std::thread other(append, 'b');
     append('a');
     other.join();
-    EXPECT_EQ(file.GetSize(), 2 * kBlocks * kBlockSize);
+    EXPECT_EQ(file.GetSize(), 2 * kBlockSize * kBlocks);
     EXPECT_TRUE(file.Close());
     const std::string content = ContentOf(path);
     for (std::size_t i = 0; i < content.size(); i += kBlockSize) {

@@ -354,7 +354,7 @@ TEST_F(KMemTest, WithoutMemoryForTheRegistryNothingIsEnteredAndWithTheChecksOffA
         void* volatile pTaken = nullptr;
         for (std::size_t nSize = sizeof(WholeRegistry); nSize > 1000; nSize /= 2) {
             do {
-                pTaken = std::malloc(nSize);
+                pTaken = std::malloc(nSize);  // NOLINT(clang-analyzer-unix.Malloc): until the process ends
             } while (pTaken != nullptr);
         }
         std::free(pSmall);  // What is left of the heap may be less than even this.
@@ -849,6 +849,7 @@ TEST_F(KMemTest, AnObjectThatWasEnteredTwiceAndDestroyedIsReportedWithItsLastSiz
         mem->RemoveRBuffer(3);
         pObject = mem.get();
     }
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): its address alone.
     EXPECT_THAT(LeakReport(), ElementsAre(ReportLine(1, pObject, 4), ReportLine(2, pObject, 4)));
 }
 
@@ -859,6 +860,7 @@ TEST_F(KMemTest, AnEntryThatAnObjectLeftBehindCanBeRemovedAndItsSlotUsedAgain) {
         KMem::Add(mem.get());
         pGone = mem.get();
     }
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): its address alone.
     EXPECT_TRUE(KMem::Remove(AsObject(const_cast<void*>(pGone))));
     EXPECT_EQ(Registry()->nCount, 0);
     const KMem first(1);

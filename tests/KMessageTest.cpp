@@ -28,7 +28,6 @@ namespace {
 using support::InChildProcess;
 using support::kLock;
 using support::kUnlock;
-using support::LogOf;
 using support::ReportedSizes;
 using support::ScopedCalls;
 using support::ScopedChecks;
@@ -444,7 +443,7 @@ TEST(KMessageTest, ARegistrationWithoutMemoryAmongManyIsTrueAndLeavesNothing) {
     for (int i = 0; i < kRegistrations; ++i) {
         names.push_back(nameOf(i));
     }
-    std::vector<void*> small(8 * kRegistrations);
+    std::vector<void*> small(std::size_t{8} * kRegistrations);
     const int nStep = support::InLittleMemory([&] {
         // Small blocks are left, large ones are not: what is the largest is the first that cannot be had.
         for (void*& pBlock : small) {

@@ -23,7 +23,6 @@ using support::LogOf;
 using support::ScopedChecks;
 using support::ScopedLevel;
 using support::TextOf;
-using testing::HasSubstr;
 
 namespace {
 

@@ -925,10 +925,11 @@ TEST_P(RacesTest, ChildrenAreTakenOutOfANodeOneByOne) {
     constexpr int kOwn = 2;
     const support::ScopedChecks checks(false);
     const int nRounds = Rounds(16000);
-    std::vector<KPropertyNode> children(static_cast<std::size_t>(Threads() * (nRounds + kOwn)));
+    const auto nEach = static_cast<std::size_t>(nRounds + kOwn);
+    std::vector<KPropertyNode> children(static_cast<std::size_t>(Threads()) * nEach);
     KPropertyNode parent;
     Hammer(Threads(), [&](int nThread) {
-        KPropertyNode* pOwn = &children[static_cast<std::size_t>(nThread * (nRounds + kOwn))];
+        KPropertyNode* pOwn = &children[static_cast<std::size_t>(nThread) * nEach];
         for (int i = 0; i < kOwn; ++i) {
             EXPECT_TRUE(parent.AddNode(pOwn++));
         }

@@ -42,6 +42,7 @@ void* BlockFrom(New pNew, std::size_t nSize) {
 
 }  // namespace support
 
+// NOLINTBEGIN(misc-definitions-in-headers): one source of a program includes it.
 void* operator new(std::size_t nSize, const std::nothrow_t&) noexcept {
     return support::BlockFrom([](std::size_t n) { return ::operator new(n); }, nSize);
 }
@@ -49,5 +50,6 @@ void* operator new(std::size_t nSize, const std::nothrow_t&) noexcept {
 void* operator new[](std::size_t nSize, const std::nothrow_t&) noexcept {
     return support::BlockFrom([](std::size_t n) { return ::operator new[](n); }, nSize);
 }
+// NOLINTEND(misc-definitions-in-headers)
 
 #endif  // KALVOREN_TESTS_FAILINGNEW_H

@@ -11,7 +11,6 @@
 
 #include <csignal>
 #include <cstdio>
-#include <utility>
 
 #include "LeaveProcess.h"
 
@@ -26,11 +25,11 @@ class ChildProcess {
     static constexpr int kKilled = -1;
 
     template <typename Code>
-    explicit ChildProcess(Code&& code) : m_nProcess((std::fflush(nullptr), fork())) {
+    explicit ChildProcess(const Code& code) : m_nProcess((std::fflush(nullptr), fork())) {
         if (m_nProcess == 0) {
             // It must not outlive a test that was ended.
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            std::forward<Code>(code)();
+            code();
             std::fflush(nullptr);
             LeaveProcess(testing::Test::HasFailure() ? kFailed : kPassed);
         }
@@ -69,8 +68,8 @@ class ChildProcess {
 
 /// Runs a piece of code in a process of its own, so that what it does to the process ends with it.
 template <typename Code>
-void InChildProcess(Code&& code) {
-    ChildProcess child(std::forward<Code>(code));
+void InChildProcess(const Code& code) {
+    ChildProcess child(code);
     EXPECT_EQ(child.Wait(), ChildProcess::kPassed) << "see above for what failed in the child process";
 }
 

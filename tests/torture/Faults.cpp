@@ -712,7 +712,7 @@ int Ioctl(int nDescriptor, unsigned long nRequest, void* pArgument) {
 int Poll(pollfd* pPolls, nfds_t nPolls, int nTimeOut) {
     const int nError = ErrorFor(kPoll);
     if (nError == kSocketError || nError == kHangUp || nError == kNotOpen) {
-        pPolls[0].revents = nError == kHangUp ? POLLHUP : nError == kNotOpen ? POLLNVAL : POLLERR;
+        pPolls[0].revents = static_cast<short>(nError == kHangUp ? POLLHUP : nError == kNotOpen ? POLLNVAL : POLLERR);
         return 1;
     }
     errno = nError > 0 ? nError : errno;

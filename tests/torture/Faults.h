@@ -9,7 +9,6 @@
 #include <map>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace torture {
@@ -117,10 +116,10 @@ bool HasLackedMemory();
 class Step {
  public:
     template <typename Code>
-    explicit Step(Code&& code, const char* pszFile = __builtin_FILE(), int nLine = __builtin_LINE())
+    explicit Step(const Code& code, const char* pszFile = __builtin_FILE(), int nLine = __builtin_LINE())
         : m_fgBefore(HasFailed()), m_pszFile(pszFile), m_nLine(nLine) {
         Arm();
-        std::forward<Code>(code)();
+        code();
         Disarm();
     }
     ~Step();
