@@ -1057,7 +1057,7 @@ TEST(KQueueTest, SeveralProducersAndConsumersMoveEveryBufferOnce) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    std::vector<bool> seen(kThreads * kBuffers);
+    std::vector<bool> seen(std::size_t{kThreads} * kBuffers);
     for (const std::vector<unsigned int>& numbers : received) {
         std::vector<unsigned int> last(kThreads, 0);
         for (const unsigned int nNumber : numbers) {
