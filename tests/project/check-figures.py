@@ -2,8 +2,8 @@
 """check-figures.py SOURCE-DIRECTORY
 
 A figure of docs/reliability.md that also stands in what scripts/trust kept in docs/trust is the same there; one that can be
-counted in the sources is what they have. Of a part that nothing was kept of, the document may have figures, but not say that
-they were made by scripts/trust.
+counted in the sources is what they have. Where nothing was kept of a part, its row says so; and of a target or a class alone,
+the document may have figures, but not say that they were made by scripts/trust.
 """
 import pathlib
 import re
@@ -98,6 +98,13 @@ FIGURES = {"tests": figures_of_tests, "ubsan": figures_of_ubsan, "valgrind": fig
            "clang": figures_of_clang, "lint": figures_of_lint, "torture": figures_of_torture,
            "soak": figures_of_soak}  # fmt: skip
 
+# By which command the document has the row of a part, and what it says there where nothing was kept.
+COMMANDS = {"tests": "`.ci/run`", "ubsan": "`scripts/test ubsan`", "valgrind": "`scripts/valgrind`",
+            "coverage": "`scripts/coverage`", "repeat": "`scripts/repeat 20 dev tsan`",
+            "release": "`scripts/test release arm-release`", "clang": "`scripts/test clang`", "lint": "`scripts/lint`",
+            "torture": "`build/dev/tests/TortureTest`", "soak": "`scripts/soak 10 release`"}  # fmt: skip
+NOT_KEPT = "kept yet"
+
 
 def check_methods(document, kept):
     """A line of a table names the row, and has the figure."""
@@ -109,6 +116,9 @@ def check_methods(document, kept):
                     yield f"{part}.txt has '{figure}', the row of {row} has not"
         except (IndexError, TypeError, AttributeError):
             yield f"{part}.txt does not have the figures that are expected there"
+    for part, command in COMMANDS.items():
+        if any(command in line and NOT_KEPT in line for line in rows) == (part in kept):
+            yield f"of {part} {'a run' if part in kept else 'nothing'} is kept, the row of {command} says otherwise"
 
 
 def runs_of(kept, part):
@@ -305,9 +315,15 @@ def control():
         changed = SAMPLE_TEXTS[name].replace(old, new)
         if changed == SAMPLE_TEXTS[name] or not complaints(SAMPLE, SAMPLE_KEPT, {**SAMPLE_TEXTS, name: changed}):
             yield f"in the sample, '{new}' for '{old}' in {name} is not noticed"
-    for name in ("fuzz", "mutate-KQueue"):
-        if not complaints(SAMPLE, {other: text for other, text in SAMPLE_KEPT.items() if other != name}, SAMPLE_TEXTS):
+    for name in (*FIGURES, "fuzz", "mutate-KQueue"):
+        kept = {other: text for other, text in SAMPLE_KEPT.items() if other != name}
+        if not complaints(SAMPLE, kept, SAMPLE_TEXTS):
             yield f"in the sample, it is not noticed that {name} was not kept"
+        if name in FIGURES:
+            document = SAMPLE.replace(f" | {COMMANDS[name]}", f"; no run is {NOT_KEPT} | {COMMANDS[name]}")
+            yield from complaints(document, kept, SAMPLE_TEXTS)
+            if not complaints(document, SAMPLE_KEPT, SAMPLE_TEXTS):
+                yield f"in the sample, it is not noticed that {name} was kept though its row denies it"
 
 
 def main():
