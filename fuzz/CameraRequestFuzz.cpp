@@ -170,6 +170,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* pBytes, std::size_t nB
     fuzz::ExpectSame(static_cast<long long>(camera::EndOfHead(pData, nBytes)), static_cast<long long>(ModelEnd(text)),
                      "where the head ends");
     // A connection holds no more at once than its socket has room for, and the reader takes half of this.
-    CompareReads(text.substr(0, 2 * camera::kLargestHead));
+    CompareReads(text.substr(0, std::size_t{2} * camera::kLargestHead));
     return 0;
 }
