@@ -78,9 +78,8 @@ Result TraceAndCall(const std::string& call, const char* pszSymbol, Arguments...
 
 /// Stands in front of libc's setlocale.
 extern "C" char* setlocale(int nCategory, const char* pszLocale) noexcept {
-    static const auto pNext = support::NextFunction(&setlocale, "setlocale");
     const bool fgMissing = g_fgNoEnglish && pszLocale != nullptr && std::strcmp(pszLocale, "en_US.UTF-8") == 0;
-    return pNext(nCategory, fgMissing ? "no_such_locale.NONE" : pszLocale);
+    return support::Next<&setlocale>("setlocale")(nCategory, fgMissing ? "no_such_locale.NONE" : pszLocale);
 }
 
 // The functions by which start-up and shut-down are seen: those of a program are found before those of a shared library,

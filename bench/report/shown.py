@@ -46,16 +46,19 @@ def size_order(size):
     return [int(word) for word in size.replace(":", "/").split("/") if word.isdigit()]
 
 
+def wrapped(text, begin="", indent=""):
+    return textwrap.wrap(text, 120, initial_indent=begin, subsequent_indent=indent, break_long_words=False,
+                         break_on_hyphens=False)  # fmt: skip
+
+
 def paragraph(*sentences):
     """Lines of a document, and an empty one behind them."""
-    return [*textwrap.wrap(" ".join(sentences), 120, break_long_words=False, break_on_hyphens=False), ""]
+    return [*wrapped(" ".join(sentences)), ""]
 
 
 def items(*texts):
     """A list."""
-    wrapped = [textwrap.wrap(text, 120, initial_indent="- ", subsequent_indent="  ", break_long_words=False,
-                             break_on_hyphens=False) for text in texts]  # fmt: skip
-    return [*(line for lines in wrapped for line in lines), ""]
+    return [*(line for text in texts for line in wrapped(text, "- ", "  ")), ""]
 
 
 def table(columns, rows, alignment="---:"):

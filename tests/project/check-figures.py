@@ -18,6 +18,14 @@ CLASSES = {"queues": ["KQueue"], "property lists": ["KPropertyList"], "`KMutex`"
 MOST_MINUTES = 25
 
 
+# By which command the document has the row of a part, and what it says there where nothing was kept.
+COMMANDS = {"tests": "`.ci/run`", "ubsan": "`scripts/test ubsan`", "valgrind": "`scripts/valgrind`",
+            "coverage": "`scripts/coverage`", "repeat": "`scripts/repeat 20 dev tsan`",
+            "release": "`scripts/test release arm-release`", "clang": "`scripts/test clang`", "lint": "`scripts/lint`",
+            "torture": "`build/dev/tests/TortureTest`", "soak": "`scripts/soak 10 release`"}  # fmt: skip
+NOT_KEPT = "kept yet"
+
+
 def section(text, preset):
     """What scripts/test printed of a preset."""
     return re.search(rf"^=== {preset} ===$(.*?)(?=^=== |\Z)", text, re.MULTILINE | re.DOTALL)[1]
@@ -32,9 +40,9 @@ def counts(text, preset):
 
 def figures_of_tests(text):
     passed, failed, skipped = map(int, re.search(r"^(\d+) passed, (\d+) failed, (\d+) skipped", text, re.MULTILINE).groups())
-    yield "`.ci/run`", f"{passed:,} passed, {skipped:,} skipped{f', {failed:,} failed' if failed else ''};"
+    yield COMMANDS["tests"], f"{passed:,} passed, {skipped:,} skipped{f', {failed:,} failed' if failed else ''};"
     minutes = int(re.search(r"^This took (\d+) minutes", text, re.MULTILINE)[1])
-    yield "`.ci/run`", f"{minutes} minutes" if minutes <= MOST_MINUTES else f"no more than {MOST_MINUTES} minutes"
+    yield COMMANDS["tests"], f"{minutes} minutes" if minutes <= MOST_MINUTES else f"no more than {MOST_MINUTES} minutes"
     for preset in ("dev", "asan", "tsan", "arm"):
         total, broken, skipped = counts(text, preset)
         yield f"| `{preset}` |", f"{total:,} | {total - broken - skipped:,} | {skipped:,} |"
@@ -43,67 +51,60 @@ def figures_of_tests(text):
 
 def figures_of_release(text):
     passed, failed = map(int, re.search(r"^(\d+) passed, (\d+) failed", text, re.MULTILINE).groups())
-    yield "`scripts/test release arm-release`", f"{passed:,} passed{f', {failed:,} failed' if failed else ''}"
+    yield COMMANDS["release"], f"{passed:,} passed{f', {failed:,} failed' if failed else ''}"
 
 
 def figures_of_clang(text):
     failed, total = map(int, re.search(r"(\d+) tests failed out of (\d+)", text).groups())
-    yield "`scripts/test clang`", f"{total:,} tests, {failed or 'none'} failed"
+    yield COMMANDS["clang"], f"{total:,} tests, {failed or 'none'} failed"
 
 
 def figures_of_lint(text):
-    yield "`scripts/lint`", "there are findings" if re.search(r"^\(failed\)$", text, re.MULTILINE) else "nothing found"
+    yield COMMANDS["lint"], "there are findings" if re.search(r"^\(failed\)$", text, re.MULTILINE) else "nothing found"
 
 
 def figures_of_torture(text):
-    yield "`build/dev/tests/TortureTest`", f"{int(re.search(r'^([0-9]+) faults injected$', text, re.MULTILINE)[1]):,} failures"
+    yield COMMANDS["torture"], f"{int(re.search(r'^([0-9]+) faults injected$', text, re.MULTILINE)[1]):,} failures"
 
 
 def figures_of_ubsan(text):
     total, failed = re.search(r"(\d+) tests failed out of (\d+)", text).group(2, 1)
-    yield "`scripts/test ubsan`", f"{int(total):,} tests, {f'{failed} failed' if int(failed) else 'no report'}"
+    yield COMMANDS["ubsan"], f"{int(total):,} tests, {f'{failed} failed' if int(failed) else 'no report'}"
 
 
 def figures_of_valgrind(text):
     passed = len(re.findall(r"^\w+: .+, nothing reported$", text, re.MULTILINE))
     failed = len(re.findall(r"^\w+: failed$", text, re.MULTILINE))
-    yield "`scripts/valgrind`", f"{passed} of {passed + failed} programs"
+    yield COMMANDS["valgrind"], f"{passed} of {passed + failed} programs"
 
 
 def figures_of_coverage(text):
     for what in ("lines", "functions", "branches"):
         share, count = re.search(rf"^{what}: ([\d.]+)% \(\d+ out of (\d+)\)", text, re.MULTILINE).groups()
-        yield "`scripts/coverage`", f"{float(share):g} % of {int(count):,} {what}"
+        yield COMMANDS["coverage"], f"{float(share):g} % of {int(count):,} {what}"
 
 
 def figures_of_repeat(text):
     for preset in ("dev", "tsan"):
         last = re.findall(rf"^{preset}: run (\d+) of (\d+), \d+ programs, (\d+) runs with failures", text, re.MULTILINE)[-1]
-        yield "`scripts/repeat 20 dev tsan`", f"{int(last[0]) - int(last[2])} of {last[1]} without a failure"
+        yield COMMANDS["repeat"], f"{int(last[0]) - int(last[2])} of {last[1]} without a failure"
 
 
 def figures_of_soak(text):
     """Of the first of the runs, which is the long one."""
     def first(pattern):
         return re.search(pattern, text, re.MULTILINE)[1]
-    yield "`scripts/soak 10 release`", f"{int(first(r'^pictures +([0-9]+)$')):,} pictures"
-    yield "`scripts/soak 10 release`", f"{float(first(r'^pictures a second +([0-9.]+) ')):.1f} a second"
-    yield "`scripts/soak 10 release`", f"{float(first(r'^pictures dropped +([0-9.]+) ')):g} dropped"
-    yield "`scripts/soak 10 release`", f"{int(first(r'^visits +([0-9]+);')):,} visits"
-    yield "`scripts/soak 10 release`", f"{int(first(r'^KB more resident at the end +(-?[0-9]+) ')):,} KB more"
+    yield COMMANDS["soak"], f"{int(first(r'^pictures +([0-9]+)$')):,} pictures"
+    yield COMMANDS["soak"], f"{float(first(r'^pictures a second +([0-9.]+) ')):.1f} a second"
+    yield COMMANDS["soak"], f"{float(first(r'^pictures dropped +([0-9.]+) ')):g} dropped"
+    yield COMMANDS["soak"], f"{int(first(r'^visits +([0-9]+);')):,} visits"
+    yield COMMANDS["soak"], f"{int(first(r'^KB more resident at the end +(-?[0-9]+) ')):,} KB more"
 
 
 FIGURES = {"tests": figures_of_tests, "ubsan": figures_of_ubsan, "valgrind": figures_of_valgrind,
            "coverage": figures_of_coverage, "repeat": figures_of_repeat, "release": figures_of_release,
            "clang": figures_of_clang, "lint": figures_of_lint, "torture": figures_of_torture,
            "soak": figures_of_soak}  # fmt: skip
-
-# By which command the document has the row of a part, and what it says there where nothing was kept.
-COMMANDS = {"tests": "`.ci/run`", "ubsan": "`scripts/test ubsan`", "valgrind": "`scripts/valgrind`",
-            "coverage": "`scripts/coverage`", "repeat": "`scripts/repeat 20 dev tsan`",
-            "release": "`scripts/test release arm-release`", "clang": "`scripts/test clang`", "lint": "`scripts/lint`",
-            "torture": "`build/dev/tests/TortureTest`", "soak": "`scripts/soak 10 release`"}  # fmt: skip
-NOT_KEPT = "kept yet"
 
 
 def check_methods(document, kept):

@@ -3,7 +3,10 @@
 #
 # What has to name the version for itself names the one of inc/KTypes.h, and the change logs agree on whether it is released.
 set -euo pipefail
-cd "$1"
+# shellcheck source=scripts/lib.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../../scripts/lib.sh"
+ROOT=$(cd "$1" && pwd)
+cd "${ROOT}"
 failures=0
 
 # expect FILE WHAT EXPECTED FOUND
@@ -14,8 +17,7 @@ expect() {
     fi
 }
 
-version=$(sed -n 's/^#define KALVOREN_VERSION "\([0-9]*\.[0-9]*\.[0-9]*\)"$/\1/p' inc/KTypes.h)
-[[ -n ${version} ]] || { echo "inc/KTypes.h has no version"; exit 1; }
+version=$(library_version) || die "inc/KTypes.h has no version"
 library=libkalvoren-sharedd.so.${version}
 
 expect tools/kplist/kplist.1 version "${version}" \
