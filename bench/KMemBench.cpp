@@ -29,7 +29,8 @@ class Registry {
 
     /// An address that is kept and never looked behind.
     static void* Address(int nIndex) {
-        return reinterpret_cast<void*>(std::uintptr_t{0x10000} + 16 * static_cast<std::uintptr_t>(nIndex));
+        const std::uintptr_t nAddress = std::uintptr_t{0x10000} + 16 * static_cast<std::uintptr_t>(nIndex);
+        return reinterpret_cast<void*>(nAddress);  // NOLINT(performance-no-int-to-ptr): nothing is there
     }
 };
 

@@ -129,6 +129,7 @@ void SortByExchange(benchmark::State& state) {
     }
     for (auto _ : state) {
         std::vector<const char*> sorted;
+        sorted.reserve(names.size());
         for (const std::string& name : names) {
             sorted.push_back(name.c_str());
         }

@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 // libc's own, behind the names that are replaced here.
+// NOLINTBEGIN(bugprone-reserved-identifier): they are libc's to name
 extern "C" {
 void* __libc_malloc(std::size_t nSize);
 void* __libc_calloc(std::size_t nCount, std::size_t nSize);
@@ -16,6 +17,7 @@ void* __libc_realloc(void* pBlock, std::size_t nSize);
 void* __libc_memalign(std::size_t nAlignment, std::size_t nSize);
 void __libc_free(void* pBlock);
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

@@ -100,11 +100,11 @@ class KalvorenLocal {
     int ReceiveAnswer(char*, int nSize) { return m_Client.Read(m_Data) ? nSize : 0; }
 
  private:
+    alignas(Line) KIPC::IPCData m_Data = {};
     ScratchDirectory m_Directory;
     KIPC m_Server;
     KIPC m_Client;
     KIPC m_Peer;
-    alignas(Line) KIPC::IPCData m_Data = {};
 };
 
 ssize_t ReceiveBytes(int nSocket, void* pBytes, std::size_t nSize) {
@@ -136,14 +136,13 @@ class Bare {
     template <class Address>
     void Connect(const Address& address) {
         const int nServer = socket(AddressOf(address)->sa_family, SOCK_STREAM, 0);
-        bind(nServer, AddressOf(address), sizeof address);
-        listen(nServer, 1);
+        m_nClient = socket(AddressOf(address)->sa_family, SOCK_STREAM, 0);
         // The port is the system's choice.
         Address bound = {};
         socklen_t nSize = sizeof bound;
-        getsockname(nServer, reinterpret_cast<sockaddr*>(&bound), &nSize);
-        m_nClient = socket(AddressOf(bound)->sa_family, SOCK_STREAM, 0);
-        if (connect(m_nClient, AddressOf(bound), nSize) == 0) {
+        if (bind(nServer, AddressOf(address), sizeof address) == 0 && listen(nServer, 1) == 0 &&
+            getsockname(nServer, reinterpret_cast<sockaddr*>(&bound), &nSize) == 0 &&
+            connect(m_nClient, AddressOf(bound), nSize) == 0) {
             m_nPeer = accept(nServer, nullptr, nullptr);
         }
         close(nServer);

@@ -56,7 +56,7 @@ void ReadExpat(benchmark::State& state) {
     const std::string text = Configuration(state.range(0));
     for (auto _ : state) {
         Seen seen;
-        const XML_Parser parser = XML_ParserCreate(nullptr);
+        XML_ParserStruct* const parser = XML_ParserCreate(nullptr);
         XML_SetUserData(parser, &seen);
         XML_SetElementHandler(
             parser, [](void* pSeen, const XML_Char*, const XML_Char**) { ++static_cast<Seen*>(pSeen)->nElements; },

@@ -81,7 +81,7 @@ class Glib {
 
  private:
     static bool Move(GAsyncQueue* pFrom, GAsyncQueue* pTo) {
-        gpointer const pBuffer = g_async_queue_try_pop(pFrom);
+        void* const pBuffer = g_async_queue_try_pop(pFrom);
         if (pBuffer == nullptr) {
             return false;
         }
