@@ -13,6 +13,9 @@
 /// come in through constructors and assignments have every backslash replaced by '/'; SetPath() alone takes a text as it
 /// stands.
 ///
+/// A path for whose text, or a part of it, memory is lacking is empty and of TYPE_NONE, whatever was done to it: no
+/// operation of the system takes it, where a part of it could name something else.
+///
 /// Thread-safety: none. GetSystemPath() writes into the object, so that even threads that only render one object need a
 /// lock of their own.
 class KALVOREN_API KPath {
@@ -113,8 +116,7 @@ class KALVOREN_API KPath {
     KString GetExt() const;
 
     /// Sets the extension. A path without one gets a dot and @p ext. Otherwise the old extension's text is replaced
-    /// @b wherever @b it @b occurs in the path: "txtfile.txt" with "log" becomes "logfile.log". Where memory is lacking to
-    /// look at the old one, the path counts as without. Returns true.
+    /// @b wherever @b it @b occurs in the path: "txtfile.txt" with "log" becomes "logfile.log". Returns true.
     bool SetExt(const KString& ext);
 
     // ---------------------------------------------------------------------------------------------- Rendering
@@ -132,7 +134,11 @@ class KALVOREN_API KPath {
 
     static const int kBufferSize = 2048;
 
+    KALVOREN_LOCAL void EmptyUnlessWhole(unsigned int nLength) noexcept;
+    KALVOREN_LOCAL void Append(const char* pszSeparator, int nSeparator, const KString& text);
     KALVOREN_LOCAL void Join(const KString& text);
+    KALVOREN_LOCAL KPath Joined(const KPath& other, int nWhole) const;
+    KALVOREN_LOCAL int FindExt() const noexcept;
 
     Type m_eType;
     KString m_Path;

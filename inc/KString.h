@@ -154,12 +154,13 @@ class KALVOREN_API KString {
     /// Makes a copy of a text in memory from KMem::Malloc and stores its address in `*pp`; release it with
     /// FreeAllocedString(). With @p n -1 the text and its NUL are copied, else @p n @b + @b 1 bytes of it, which must be
     /// there: `AllocAndCopy(&p, "abcdef", 2)` makes "abc". Four bytes are allocated for each byte copied. Returns false,
-    /// with null in `*pp`, for any other negative @p n and when the memory is lacking.
+    /// with null in `*pp`, for any other negative @p n and when the memory is lacking; and for a null @p pp.
     static bool AllocAndCopy(char** pp, char* p, int n);
 
     /// Copies a text into a buffer of @p nDstLen bytes, as many bytes as AllocAndCopy() would; returns false, with
     /// nothing written, when they do not fit. @b Beware: a NUL is written @b behind the bytes copied, so the buffer
-    /// needs one byte @b more than @p nDstLen says: `Copy(buffer, 4, "abc", -1)` writes five bytes.
+    /// needs one byte @b more than @p nDstLen says: `Copy(buffer, 4, "abc", -1)` writes five bytes. The text must not be
+    /// part of the buffer (`memcpy`).
     static bool Copy(char* pDst, int nDstLen, char* p, int n);
 
     /// KMem::Free(). Returns true.
@@ -251,17 +252,23 @@ class KALVOREN_API KString {
  private:
     KALVOREN_LOCAL void Begin(tchar* pszString, std::size_t nLen);
     KALVOREN_LOCAL void Adopt(tchar* pszString, int nLen);
+    KALVOREN_LOCAL void AdoptText(tchar* pszString, std::size_t nLen);
     KALVOREN_LOCAL void AssignText(const char* p, std::size_t nLen);
     KALVOREN_LOCAL void Append(const char* p, int n);
+    KALVOREN_LOCAL void EmptyUnlessWhole(unsigned int nLen) noexcept;
+    KALVOREN_LOCAL KString Joined(const char* p, int n) const;
+    KALVOREN_LOCAL KString InsertText(int nStart, const char* p, int n) const;
     KALVOREN_LOCAL void Shorten(int nLen);
 
-    friend class KPath;  // shortens and assigns its text without a copy
+    friend class KPath;  // shortens, assigns and empties its text without a copy
+    friend KALVOREN_API KString operator+(const KString& left, const KString& right);
+    friend KALVOREN_API KString operator+(const KString& left, const char* right);
 
     int m_nLen;
     tchar* m_pszString;
 };
 
-/// Returns the left text with the right one appended.
+/// Returns the left text with the right one appended; empty where memory is lacking, or the sum would not fit an int.
 KALVOREN_API KString operator+(const KString& left, const KString& right);
 KALVOREN_API KString operator+(const KString& left, const char* right);
 

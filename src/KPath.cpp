@@ -14,6 +14,10 @@ constexpr Checks g_Checks("src/KPath");
 constexpr char kSlash = '/';
 constexpr char kBackslash = '\\';
 
+unsigned int LengthOf(const KString& text) {
+    return static_cast<unsigned int>(text.Length());
+}
+
 }  // namespace
 
 KPath::KPath() : m_eType(TYPE_NONE) {}
@@ -26,7 +30,9 @@ KPath::KPath(const KString& path) : m_eType(TYPE_NONE), m_Path(path) {
     m_Path.Replace(kBackslash, kSlash);
 }
 
-KPath::KPath(const KPath& other) : m_eType(other.m_eType), m_Path(other.m_Path) {}
+KPath::KPath(const KPath& other) : m_eType(other.m_eType), m_Path(other.m_Path) {
+    EmptyUnlessWhole(LengthOf(other.m_Path));
+}
 
 KPath::~KPath() = default;
 
@@ -48,12 +54,23 @@ KPath& KPath::operator=(const KPath& other) {
     if (this != &other) {
         m_Path = other.m_Path;
         m_eType = other.m_eType;
+        EmptyUnlessWhole(LengthOf(other.m_Path));
     }
     return *this;
 }
 
+/// Empties a path of which a part found no memory, which would name something else. It loses its type too: an empty
+/// directory path names the root.
+void KPath::EmptyUnlessWhole(unsigned int nLength) noexcept {
+    if (static_cast<unsigned int>(m_Path.Length()) != nLength) {
+        m_Path.Adopt(nullptr, 0);
+        m_eType = TYPE_NONE;
+    }
+}
+
 bool KPath::SetPath(const KString& path) {
     m_Path = path;
+    EmptyUnlessWhole(LengthOf(path));
     return true;
 }
 
@@ -70,23 +87,25 @@ bool KPath::operator!=(const KPath& other) const {
     return m_Path != other.m_Path;
 }
 
+/// Appends so many bytes of a separator, and a text, which may be the path's own.
+void KPath::Append(const char* pszSeparator, int nSeparator, const KString& text) {
+    const int nText = text.Length();
+    const unsigned int nLength =
+        LengthOf(m_Path) + static_cast<unsigned int>(nSeparator) + static_cast<unsigned int>(nText);
+    m_Path.Append(pszSeparator, nSeparator);
+    m_Path.Append(text.GetBuffer(), nText);
+    EmptyUnlessWhole(nLength);
+}
+
 /// Appends a text behind a separator. Whether the path ends in one already is not looked at: programs rely on the
 /// doubled slash.
 void KPath::Join(const KString& text) {
-    if (text[0] == kSlash) {
-        m_Path += text;
-    } else if (&text == &m_Path) {
-        // The separator must not be part of what follows it.
-        m_Path += KString("/") + text;
-    } else {
-        m_Path += "/";
-        m_Path += text;
-    }
+    Append("/", text[0] == kSlash ? 0 : 1, text);
 }
 
 KPath& KPath::operator+=(const KString& text) {
     if (m_Path.Length() == 0) {
-        m_Path = text;
+        SetPath(text);
     } else {
         Join(text);
     }
@@ -94,7 +113,13 @@ KPath& KPath::operator+=(const KString& text) {
 }
 
 KPath& KPath::operator+=(const char* pszText) {
-    return *this += KString(pszText);
+    const KString text(pszText);
+    if (text.Length() == KString::LengthOfString(pszText)) {
+        *this += text;
+    } else {
+        EmptyUnlessWhole(0);
+    }
+    return *this;
 }
 
 KPath& KPath::operator+=(const KPath& other) {
@@ -102,18 +127,28 @@ KPath& KPath::operator+=(const KPath& other) {
     return *this;
 }
 
-KPath KPath::operator+(const KPath& other) {
+/// This path and another behind it, which is whole at a length.
+KPath KPath::Joined(const KPath& other, int nWhole) const {
     KPath joined(*this);
-    joined += other;
+    if (joined.m_Path.Length() == m_Path.Length()) {
+        joined.Join(other.m_Path);
+    }
+    if (other.m_Path.Length() != nWhole) {
+        joined.EmptyUnlessWhole(0);
+    }
     return joined;
 }
 
+KPath KPath::operator+(const KPath& other) {
+    return Joined(other, other.m_Path.Length());
+}
+
 KPath KPath::operator+(const KString& text) {
-    return *this + KPath(text);
+    return Joined(KPath(text), text.Length());
 }
 
 KPath KPath::operator+(const char* pszText) {
-    return *this + KPath(pszText);
+    return Joined(KPath(pszText), KString::LengthOfString(pszText));
 }
 
 KString KPath::GetRootOnly() const {
@@ -149,22 +184,29 @@ bool KPath::RemoveSubPath() {
     return true;
 }
 
-KString KPath::GetExt() const {
+/// Where the extension begins; the length where there is none.
+[[gnu::noinline]] int KPath::FindExt() const noexcept {
     // An extension is short: to look at each byte takes less than two searches.
     for (int i = m_Path.Length() - 1; i > 0 && m_Path[i] != kSlash; --i) {
         if (m_Path[i] == '.') {
-            return m_Path.Sub(i + 1, m_Path.Length());
+            return i + 1;
         }
     }
-    return KString();
+    return m_Path.Length();
+}
+
+KString KPath::GetExt() const {
+    const int nExt = FindExt();
+    return nExt < m_Path.Length() ? m_Path.Sub(nExt, m_Path.Length()) : KString();
 }
 
 bool KPath::SetExt(const KString& ext) {
-    const KString old = GetExt();
-    if (old.Length() == 0) {
-        m_Path += KString(".") + ext;
-    } else {
-        m_Path.Replace(old.GetBuffer(), ext.GetBuffer());
+    const int nExt = FindExt();
+    const char* const pszOld = m_Path.GetBuffer() + nExt;
+    if (nExt == m_Path.Length()) {
+        Append(".", 1, ext);
+    } else if (*pszOld != '\0' && !m_Path.Replace(pszOld, ext.GetBuffer())) {
+        EmptyUnlessWhole(0);
     }
     return true;
 }

@@ -2,10 +2,12 @@
 
 #include <climits>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <type_traits>
 
+#include "support/LittleMemory.h"
 #include "support/Support.h"
 #include "support/Texts.h"
 
@@ -29,6 +31,11 @@ KPath Typed(const char* pszPath, KPath::Type eType) {
     KPath path(pszPath);
     path.SetType(eType);
     return path;
+}
+
+/// What a path is that names nothing.
+bool IsNothing(const KPath& path) {
+    return path.GetPath().Length() == 0 && path.GetType() == KPath::TYPE_NONE;
 }
 
 std::string Repeated(int nCount) {
@@ -650,4 +657,50 @@ TEST(KPathTest, PathsInAListKeepTheirTypes) {
     EXPECT_EQ(TextOf(out), "b\\c");
     EXPECT_EQ(out.GetType(), KPath::TYPE_FILE);
     EXPECT_EQ(list[0]->GetType(), KPath::TYPE_DIRECTORY);
+}
+
+// -------------------------------------------------------------------------------------------------- Lack of memory
+
+TEST(KPathTest, APathOfWhichAnyPartLacksMemoryIsEmptyAndOfNoType) {
+    KPath much = Typed(Repeated(support::kMuchMemory).c_str(), KPath::TYPE_DIRECTORY);
+    const KString& text = much.GetPath();
+    const KPath small = Typed("/small", KPath::TYPE_DIRECTORY);
+    // The steps' numbers are those of this list.
+    const std::function<void(KPath&)> ways[] = {
+        [&](KPath& path) { path = much; },
+        [&](KPath& path) { path = KPath(much); },
+        [&](KPath& path) { path.SetPath(text); },
+        [&](KPath& path) { path += much; },
+        [&](KPath& path) { path += text; },
+        [&](KPath& path) { path += text.GetBuffer(); },
+        [&](KPath& path) { path = path + much; },
+        [&](KPath& path) { path = path + text; },
+        [&](KPath& path) { path = path + text.GetBuffer(); },
+        [&](KPath& path) { path = much + path; },
+        [&](KPath& path) { path.SetExt(text); },
+        [&](KPath& path) {
+            path += "name.txt";
+            path.SetExt(text);
+        },
+        [&](KPath& path) {
+            path.SetPath(KString());
+            path += text;
+        },
+    };
+    const int nStep = support::InLittleMemory([&] {
+        int nWay = 0;
+        for (const auto& way : ways) {
+            ++nWay;
+            KPath path(small);
+            way(path);
+            if (!IsNothing(path)) {
+                return nWay;
+            }
+        }
+        return 0;
+    });
+    if (nStep == support::kMemoryCannotBeLimited) {
+        GTEST_SKIP() << "memory cannot be limited here";
+    }
+    EXPECT_EQ(nStep, 0);
 }

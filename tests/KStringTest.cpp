@@ -1121,6 +1121,11 @@ TEST(KStringTest, AllocAndCopyOfNoBytesOrOfMoreThanCanBeAllocatedIsFalseAndLeave
     EXPECT_EQ(pCopy, nullptr);
 }
 
+TEST(KStringTest, AllocAndCopyToNowhereIsFalse) {
+    char text[] = "abc";
+    EXPECT_FALSE(KString::AllocAndCopy(nullptr, text, -1));
+}
+
 TEST(KStringTest, AllocAndCopyAsksForMemoryUpToTheMostThatALengthCanTell) {
     const ScopedChecks checks(false);
     struct Case {
@@ -2092,6 +2097,7 @@ TEST(KStringTest, WhereMemoryIsLackingResultsAreEmptyAndChangesDoNotHappen) {
     const std::wstring wide(support::kMuchMemory, L'x');
     std::string copied = source;
     const KString much(source.c_str());
+    const KString small("small");
     KString grown(much);
     KString replaced(much);
     KString formatted("before");
@@ -2126,7 +2132,13 @@ TEST(KStringTest, WhereMemoryIsLackingResultsAreEmptyAndChangesDoNotHappen) {
         if (KString::AllocAndCopy(&pCopy, &copied[0], -1) || pCopy != nullptr) {
             return 8;
         }
-        return HasBuffer(KString::FromWideString(wide.c_str())) ? 9 : 0;
+        if (HasBuffer(KString::FromWideString(wide.c_str()))) {
+            return 9;
+        }
+        if (HasBuffer(small + much) || HasBuffer(small + source.c_str()) || HasBuffer(much + "x")) {
+            return 10;
+        }
+        return HasBuffer(small.Insert(1, much)) || HasBuffer(much.Insert(1, "x")) ? 11 : 0;
     });
     if (nStep == support::kMemoryCannotBeLimited) {
         GTEST_SKIP() << "memory cannot be limited here";

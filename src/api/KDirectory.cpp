@@ -111,9 +111,14 @@ bool KDirectory::Open(KPath& path) {
     while (const dirent* const pEntry = readdir(pInfo->mHandle)) {
         KDebug::Log("Directory Read %s, Handle[%x] is Alread Read %d", pEntry->d_name, LowWord(pInfo->mHandle),
                     g_nEntriesRead.fetch_add(1, std::memory_order_relaxed));
+        KString name = KString::FromUTF8String(pEntry->d_name);
+        // Without memory for its name an entry is left out: an empty directory path would name the root.
+        if (name.Length() == 0) {
+            continue;
+        }
         KList<KPath>::Appender appender(m_Entries, end);
         if (KPath* const pPath = appender.Add()) {
-            pPath->m_Path = KString::FromUTF8String(pEntry->d_name);
+            pPath->m_Path = static_cast<KString&&>(name);
             pPath->SetType(TypeOf(*pEntry));
         }
     }

@@ -140,9 +140,9 @@ const char* FindExact(const char* pszText, const char* pEnd, const char* pszSoug
     }
     const std::size_t nSought = std::strlen(pszSought);
     // What a miss takes at most, in bytes of text that could have been looked at instead; a few are free.
-    const std::ptrdiff_t nMissCost = 64 + static_cast<std::ptrdiff_t>(nSought);
+    const std::size_t nMissCost = 64 + nSought;
     const char* p = pszText;
-    for (std::ptrdiff_t nSpent = -2 * nMissCost; nSpent <= p - pszText; nSpent += nMissCost) {
+    for (std::size_t nSpent = 0; nSpent <= static_cast<std::size_t>(p - pszText) + 2 * nMissCost; nSpent += nMissCost) {
         p = std::strchr(p, pszSought[nRare]);
         if (p == nullptr) {
             return nullptr;
@@ -198,6 +198,15 @@ void KString::Adopt(tchar* pszString, int nLen) {
     m_nLen = pszString != nullptr ? nLen : 0;
 }
 
+/// Replaces the buffer by another; one of an empty text is given back.
+void KString::AdoptText(tchar* pszString, std::size_t nLen) {
+    if (nLen == 0) {
+        std::free(pszString);
+        pszString = nullptr;
+    }
+    Adopt(pszString, static_cast<int>(nLen));
+}
+
 /// Replaces the text by a copy of one that may be part of it.
 void KString::AssignText(const char* p, std::size_t nLen) {
     Adopt(nLen > 0 ? Duplicate(p, nLen) : nullptr, static_cast<int>(nLen));
@@ -206,10 +215,15 @@ void KString::AssignText(const char* p, std::size_t nLen) {
 namespace {
 
 /// A block of text that has room for so many bytes: the one that is there, or one that has an eighth more, so that text
-/// appended piece by piece asks for memory a few times and not for every piece. Null when the memory is lacking.
-tchar* WithRoom(tchar* pszBlock, std::size_t nSize) {
+/// appended piece by piece asks for memory a few times and not for every piece; or one that has just room. Null when the
+/// memory is lacking.
+tchar* WithRoom(tchar* pszBlock, std::size_t nSize) noexcept {
     const std::size_t nRoom = pszBlock != nullptr ? malloc_usable_size(pszBlock) : 0;
-    return nSize <= nRoom ? pszBlock : static_cast<tchar*>(std::realloc(pszBlock, nSize + nSize / 8));
+    if (nSize <= nRoom) {
+        return pszBlock;
+    }
+    void* const pWithSpare = std::realloc(pszBlock, nSize + nSize / 8);
+    return static_cast<tchar*>(pWithSpare != nullptr ? pWithSpare : std::realloc(pszBlock, nSize));
 }
 
 }  // namespace
@@ -317,16 +331,27 @@ KString& KString::operator+=(const char* p) {
     return *this;
 }
 
-KString operator+(const KString& left, const KString& right) {
-    KString sum(left);
-    sum += right;
+/// Empties a text of which a part found no memory: it would be another text.
+void KString::EmptyUnlessWhole(unsigned int nLen) noexcept {
+    if (static_cast<unsigned int>(m_nLen) != nLen) {
+        Adopt(nullptr, 0);
+    }
+}
+
+/// Not inlined: both sums call it.
+[[gnu::noinline]] KString KString::Joined(const char* p, int n) const {
+    KString sum(*this);
+    sum.Append(p, n);
+    sum.EmptyUnlessWhole(static_cast<unsigned int>(m_nLen) + static_cast<unsigned int>(n));
     return sum;
 }
 
+KString operator+(const KString& left, const KString& right) {
+    return left.Joined(right.m_pszString, right.m_nLen);
+}
+
 KString operator+(const KString& left, const char* right) {
-    KString sum(left);
-    sum += right;
-    return sum;
+    return left.Joined(right, KString::LengthOfString(right));
 }
 
 // -------------------------------------------------------------------------------------------------------- Comparing
@@ -540,6 +565,9 @@ int KString::LengthOfWideString(const wchar_t* p) {
 
 bool KString::AllocAndCopy(char** pp, char* p, int n) {
     constexpr long long kBytesForEach = 4;
+    if (pp == nullptr) {
+        return false;
+    }
     const long long nCount = CopyCount(p, n);
     *pp = nullptr;
     if (nCount < 1 || nCount > INT_MAX / kBytesForEach) {
@@ -700,30 +728,34 @@ bool KString::Replace(const char* pszFrom, const char* pszTo) {
         pIn = pHit + nFrom;
     }
     std::memcpy(pOut, pIn, std::strlen(pIn) + 1);
-    if (nLen > 0) {
-        Adopt(pszResult, static_cast<int>(nLen));
-    } else {
-        std::free(pszResult);
-        Adopt(nullptr, 0);
-    }
+    AdoptText(pszResult, static_cast<std::size_t>(nLen));
     return true;
 }
 
-KString KString::Insert(int nStart, const KString& text) const {
+KString KString::InsertText(int nStart, const char* p, int n) const {
     g_Checks.Hold(nStart >= 0, "nStart >= 0", "KString KString::Insert(int, const KString&) const");
     KString result;
     if (m_pszString == nullptr) {
         return result;
     }
-    const int nFirst = NotNegative(nStart) < m_nLen ? NotNegative(nStart) : m_nLen;
-    result.Append(m_pszString, nFirst);
-    result.Append(text.m_pszString, text.m_nLen);
-    result.Append(m_pszString + nFirst, m_nLen - nFirst);
-    return KString(result.GetBuffer());
+    const std::size_t nOwn = static_cast<std::size_t>(m_nLen);
+    const std::size_t nFirst = std::min(static_cast<std::size_t>(NotNegative(nStart)), nOwn);
+    const std::size_t nText = static_cast<std::size_t>(NotNegative(n));
+    tchar* const pszResult = nText < INT_MAX - nOwn ? Allocate(nOwn + nText) : nullptr;
+    if (pszResult != nullptr) {
+        char* const pRest = std::copy(p, p + nText, std::copy(m_pszString, m_pszString + nFirst, pszResult));
+        *std::copy(m_pszString + nFirst, m_pszString + nOwn, pRest) = '\0';
+        result.AdoptText(pszResult, std::strlen(pszResult));
+    }
+    return result;
+}
+
+KString KString::Insert(int nStart, const KString& text) const {
+    return InsertText(nStart, text.m_pszString, text.m_nLen);
 }
 
 KString KString::Insert(int nStart, const char* p) const {
-    return Insert(nStart, KString(p));
+    return InsertText(nStart, p, LengthOfString(p));
 }
 
 KString KString::Sub(int nStart, int nEnd) const {

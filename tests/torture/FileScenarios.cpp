@@ -246,7 +246,7 @@ Entries CopiedBy(const Step& step, Entries entries) {
         if (step.FailedCall() % 2 == 1) {
             entries.resize(nEntry);
         } else {
-            entries[nEntry].name = "";
+            entries[nEntry] = {"", KPath::TYPE_NONE};
         }
     }
     return entries;
@@ -297,14 +297,8 @@ struct Listing {
         }
         lines.push_back("Log: Directory Open " + strPath + ", Handle[" + Handle() + "]");
         if (open.Failed("malloc")) {
-            // The first one was for the path. Then an entry takes an element, without which it is missing, and its name.
-            const int nCall = open.FailedOfItsKind() - 2;
-            const auto pEntry = entries.begin() + nCall / 2;
-            if (nCall % 2 == 0) {
-                entries.erase(pEntry);
-            } else {
-                pEntry->name = "";
-            }
+            // The first one was for the path. Then an entry takes its name and an element, and is missing without either.
+            entries.erase(entries.begin() + (open.FailedOfItsKind() - 2) / 2);
         }
         // Without room for their addresses they keep the order of the system; without more room sorting is slow.
         if (!open.Failed("new[]") || open.FailedOfItsKind() != 1) {
