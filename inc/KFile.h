@@ -15,7 +15,8 @@
 /// @b emptied). A file opened for writing always starts empty.
 ///
 /// Failures are reported as false, with one line in the error log that names the path; a failed operation leaves the
-/// object as it was, except that a failed close still forgets the stream. A directory opens for reading and has an
+/// object as it was, except that a failed close still forgets the stream, and that a failed Open() has closed the file that
+/// was open and taken the new path. A directory opens for reading and has an
 /// absurd size: look at IsValid() and at the result of GetSize() before you allocate by it.
 ///
 /// @b The @b destructor @b does @b not @b close. A stream that is still open then is never closed by the library: call

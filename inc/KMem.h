@@ -69,7 +69,7 @@ class KALVOREN_API KMem {
     /// `realloc`, with the old block's entry removed before and the result entered after, even a null one. When the
     /// memory is lacking, the result is null and the old block still lives, without an entry. A null @p pBlock has no
     /// entry of its own to remove: the count of entries is lowered and raised again, and @b lies @b one @b too @b low
-    /// once the result is freed. Use Malloc() for a first block. A size of 0 frees the block and raises the count for
+    /// once the result is freed; before there is a registry, the check "0" fails instead. Use Malloc() for a first block. A size of 0 frees the block and raises the count for
     /// the null result.
     static void* Realloc(void* pBlock, std::size_t nSize);
 
@@ -77,7 +77,7 @@ class KALVOREN_API KMem {
     static void Free(void** ppBlock);
 
     /// Copies @p nSourceLen bytes. Checks "pTarget", "pSrc" and "nTargetLen >= nSourceLen". With the checks off it
-    /// copies the lesser of both lengths, and nothing where a pointer is null.
+    /// copies the lesser of both lengths, and nothing where a pointer is null. The blocks must not overlap (`memcpy`).
     static void Copy(void* pTarget, std::size_t nTargetLen, const void* pSrc, std::size_t nSourceLen);
 
     /// `memcmp`. Checks "pTarget" and "pSrc"; with the checks off a null pointer gives -1.

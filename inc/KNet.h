@@ -161,7 +161,7 @@ class KALVOREN_API KNet {
 
     /// Looks up the description's host (`gethostbyname`) and keeps its first address and family for the connects and for
     /// multicast. Waits for as long as the system's resolver does. On failure sets HOST_NOT_FOUND, keeps none, and returns
-    /// false.
+    /// false. Where memory for the host's text is lacking it does not look up: the host found before stays, and decides.
     bool GetHostName();
 
     /// Makes the socket (`socket`) in the host entry's family, or else in the description's, and for multicast or broadcast
@@ -243,7 +243,8 @@ class KALVOREN_API KNet {
     /// cannot. True without a test for RAW and UDP, whose socket is closed.
     ///
     /// @b Beware: any other protocol with multicast or broadcast is false with CASTING_NEEDS_UDP, and @b that @b socket
-    /// @b stays @b open.
+    /// @b stays @b open. So does that of a casting that is none of the three, which with the checks off is false with
+    /// BAD_CASTING.
     bool ConnectionTest(int nMilliseconds);
 
     /// Returns true, always.
@@ -299,6 +300,7 @@ class KALVOREN_API KNet {
     KALVOREN_LOCAL bool PrepareCasting();
     KALVOREN_LOCAL bool Connect();
     KALVOREN_LOCAL void SetNonBlocking();
+    KALVOREN_LOCAL int Send(const char* pBuffer, int nLen);
     KALVOREN_LOCAL int SendTo(const char* pBuffer, int nLen, const struct sockaddr_in& target);
 
     NetError m_eError;

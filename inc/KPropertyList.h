@@ -153,8 +153,8 @@ class KALVOREN_API KPropertyList {
     /// Destroys the process's property list, if there is one.
     static void Deinit();
 
-    /// Reads a file. One that cannot be opened or read, is a directory, or is too large gives an empty tree; KFile logs
-    /// why.
+    /// Reads a file. One that cannot be opened or read, is a directory, or is too large gives an empty tree. KFile logs why
+    /// where opening or reading failed; that a size is refused is not logged.
     explicit KPropertyList(const KPath& path);
 
     /// Reads a text.

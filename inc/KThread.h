@@ -145,6 +145,9 @@ class KALVOREN_API KThread {
     /// IsRunning() is false and a second Start() is accepted, which would run two bodies on one object: do not start
     /// twice. A Stop() in that time is not lost: the body then finds IsRunning() false.
     ///
+    /// @b Beware: a body that has ended by itself keeps its stack until it is waited for. Call Stop() or ReStart() then too;
+    /// after Start() alone nobody can wait for it any more.
+    ///
     /// The thread's exit value is the address of the text "Thread END".
     bool Start(int nSpeed, Priority ePriority, int nStackSize, Callback callback);
 
@@ -160,6 +163,9 @@ class KALVOREN_API KThread {
     /// waits until it has ended. Returns true; false when the record is missing. Cancelling a thread that was never
     /// started, or has been waited for already, is a failed cancel: check "nRet == 0". A failed wait fails the check
     /// "nRet == 0 || nRet == 3".
+    ///
+    /// @b Beware: a body that is cancelled within a destructor ends the process, as C++ has it (`std::terminate`): that of
+    /// another KThread, which waits, or of a KIPC, which closes, among them.
     virtual bool ForceStop();
 
     /// The body. This default sleeps in steps of GetSpeed() while the thread runs; while it is paused it polls without
@@ -187,7 +193,8 @@ class KALVOREN_API KThread {
     Status GetStatus() const;
 
     /// Stores how many milliseconds the default loop sleeps between two looks at the status. Checks "milSec >= 0"; with
-    /// the checks off a negative value is stored, and the default loop then sleeps for more than an hour.
+    /// the checks off a negative value is stored, and how long the default loop then sleeps is what is left of the microseconds in
+    /// 32 bits: -1 is more than an hour, -4294967 is 296 microseconds.
     void SetSpeed(int nMilliseconds);
 
     /// Returns the speed in milliseconds.

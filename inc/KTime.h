@@ -60,6 +60,9 @@ KALVOREN_API bool IsLeapYear(short year);
 /// Nothing is validated. A year before 1970 counts as 1970, but for its own 29 February; a month below 1 counts as 1, one
 /// above 13 as 13 (the January after); the other fields add their value, so that day 0 is the last day of the month before
 /// and hour 24 the first of the next day. `mkgmtime(2000, 3, 1, 0, 0, 0)` is 951868800.
+///
+/// On 32 bits the result is as wide as `time_t` is where the library is built: a program that is built with another
+/// `_TIME_BITS` than the library takes KTime::MakeUnixTime() instead.
 KALVOREN_API std::time_t mkgmtime(short year, short month, short day, short hour, short minute, short second);
 
 /// The library's time value: an instant in whole seconds and microseconds since 1970-01-01 00:00:00 UTC, labelled with

@@ -149,6 +149,19 @@ class KFileTest : public testing::Test {
         return *m_Directory;
     }
 
+    /// A directory in it whose path has this length.
+    std::string DirectoryOfLength(std::size_t nLength) {
+        constexpr std::size_t kLongestName = 200;
+        std::string path = Directory().Path();
+        while (path.size() < nLength) {
+            const std::size_t nLeft = nLength - path.size();
+            // Never so long that a slash alone would be left.
+            path += "/" + std::string(nLeft <= kLongestName ? nLeft - 1 : kLongestName / 2, 'x');
+        }
+        std::filesystem::create_directories(path);
+        return path;
+    }
+
  private:
     std::optional<ScopedDirectory> m_Directory;
 };
@@ -975,17 +988,20 @@ TEST_F(KFileTest, ATemporaryNameThatLibcCannotMakeIsEmpty) {
 }
 
 TEST_F(KFileTest, ATemporaryNameThatIsTooLongIsNotMade) {
-    constexpr std::size_t kRoom = 2048 - sizeof("/KalvorenXXXXXX");
-    const std::string longest(kRoom, 'x');
+    constexpr std::size_t kLongest = 2046 - (sizeof("/KalvorenXXXXXX") - 1);
+    const std::string directory = DirectoryOfLength(kLongest);
     KPath path("before");
     {
-        const ScopedEnvironment temporary("TMPDIR", (longest + "x").c_str());
+        const ScopedEnvironment temporary("TMPDIR", (directory + "/").c_str());
         EXPECT_FALSE(KFile::CreateTempFileName(path));
         EXPECT_EQ(TextOf(path), "before");
     }
-    const ScopedEnvironment temporary("TMPDIR", longest.c_str());
+    // The longest that is made can be used with the checks on.
+    const ScopedEnvironment temporary("TMPDIR", directory.c_str());
     EXPECT_TRUE(KFile::CreateTempFileName(path));
-    EXPECT_NE(TextOf(path), "before");
+    EXPECT_EQ(TextOf(path).size(), 2046u);
+    EXPECT_TRUE(KFile::Create(path, false));
+    EXPECT_TRUE(KFile::Delete(path));
 }
 
 TEST_F(KFileTest, ALinkThatTookATemporaryNameIsFollowedAndWhatItLeadsToIsEmptiedOrMade) {

@@ -982,6 +982,17 @@ TEST(KIPCTest, ASocketFileNameIsCutTo107Characters) {
     EXPECT_EQ(access(longName.substr(0, 107).c_str(), F_OK), 0);
 }
 
+TEST(KIPCTest, WithTheChecksOffAPathThatIsTooLongToBeRenderedIsCutLikeAnyOther) {
+    const ScopedChecks checks(false);
+    const ScopedDirectory directory;
+    const std::string longName = directory.Entry(std::string(3000, 'x'));
+    SocketChannel channel(directory);
+    channel.SetPath(KPath(longName.c_str()));
+    EXPECT_TRUE(channel.Create(true, KIPC::LOCAL_SOCKET));
+    EXPECT_EQ(std::string(t_Given.address.sun_path, kFileNameSize), longName.substr(0, 107) + '\0');
+    EXPECT_EQ(access(longName.substr(0, 107).c_str(), F_OK), 0);
+}
+
 TEST(KIPCTest, TheNumberStandsBehindThePathInDecimal) {
     for (const int nIndex : {0, 999, -3, INT_MAX, INT_MIN}) {
         const ScopedDirectory directory;

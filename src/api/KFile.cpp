@@ -234,7 +234,7 @@ KFile::FileCanHandle KFile::CanHandle(KPath& path, bool bWrite, bool bRead) {
 }
 
 bool KFile::CreateTempFileName(KPath& out) {
-    constexpr std::size_t kNameSize = 2048;
+    constexpr std::size_t kNameSize = 2047;  // the longest text that a path renders, and its NUL
     const char* pszDirectory = std::getenv("TMPDIR");
     if (pszDirectory == nullptr || *pszDirectory == '\0') {
         pszDirectory = "/tmp";

@@ -231,10 +231,14 @@ bool KIPC::CreateSocket() {
         return false;
     }
     KDebug::Log("Create IPC %d", m_pInternal->nSocket);
+    const char* pszPath = m_Path.GetSystemPath(KPath::CONV_SLASH);
+    if (*pszPath == '\0') {
+        // Only the text itself is left of a path that is too long to be rendered.
+        pszPath = m_Path.GetPath().GetBuffer();
+    }
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    const int nLen = std::snprintf(address.sun_path, sizeof(address.sun_path), kNameFormat,
-                                   m_Path.GetSystemPath(KPath::CONV_SLASH), m_nIndex);
+    const int nLen = std::snprintf(address.sun_path, sizeof(address.sun_path), kNameFormat, pszPath, m_nIndex);
     static_cast<void>(nLen);  // A longer name is cut.
     m_pInternal->address = address;
     m_fgCreated = true;

@@ -106,12 +106,12 @@ bool KNetInfo::SetPort(int nPort) {
 }
 
 const char* KNetInfo::RawAddress() {
-    constexpr int kSpare = 20;
+    constexpr std::size_t kSpare = 20;
     const int nLen = m_Address.Length() + 1;
     char* const pRawAddress = new (std::nothrow) char[static_cast<std::size_t>(nLen) + kSpare];
     if (pRawAddress != nullptr) {
-        // The capacity counts one byte that is not there; the text needs none of the spare ones.
-        m_Address.GetUTF8String(pRawAddress, nLen + kSpare + 1);
+        // The text needs none of the spare bytes.
+        m_Address.GetUTF8String(pRawAddress, nLen);
     }
     delete[] m_pRawAddress;
     m_pRawAddress = pRawAddress;
@@ -673,7 +673,16 @@ int KNet::ReadWithClientInfo(char* pBuffer, int nLen, KString& ip, int& nPort, b
     return static_cast<int>(nReceived);
 }
 
-/// Sends to an address. A negative length is a failure before the system is asked.
+/// Sends to the other end. A negative length is a failure before the system is asked.
+int KNet::Send(const char* pBuffer, int nLen) {
+    if (nLen < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    return static_cast<int>(send(pInfo->nSocket, pBuffer, static_cast<std::size_t>(nLen), 0));
+}
+
+/// Sends to an address. A negative length is a failure here too.
 int KNet::SendTo(const char* pBuffer, int nLen, const sockaddr_in& target) {
     if (nLen < 0) {
         return -1;
@@ -692,12 +701,11 @@ int KNet::Write(const char* pBuffer, int nLen) {
     }
     switch (m_ConInfo.GetCasting()) {
         case KNetInfo::UNICAST: {
-            errno = EINVAL;
-            const ssize_t nSent = nLen < 0 ? -1 : send(pInfo->nSocket, pBuffer, static_cast<std::size_t>(nLen), 0);
+            const int nSent = Send(pBuffer, nLen);
             if (nSent < 0) {
                 KDebug::Log("KNet Write Error: %d", errno);
             }
-            return static_cast<int>(nSent);
+            return nSent;
         }
         case KNetInfo::MULTICAST:
         case KNetInfo::BROADCAST:
