@@ -257,7 +257,7 @@ class KALVOREN_API KString {
     KALVOREN_LOCAL void Append(const char* p, int n);
     KALVOREN_LOCAL void EmptyUnlessWhole(unsigned int nLen) noexcept;
     KALVOREN_LOCAL KString Joined(const char* p, int n) const;
-    KALVOREN_LOCAL KString InsertText(int nStart, const char* p, int n) const;
+    KALVOREN_LOCAL KString InsertText(int nStart, const char* p, std::size_t nText) const;
     KALVOREN_LOCAL void Shorten(int nLen);
 
     friend class KPath;  // shortens, assigns and empties its text without a copy

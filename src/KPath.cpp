@@ -1,6 +1,7 @@
 #include "KPath.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 #include "Checks.h"
@@ -13,6 +14,7 @@ constexpr Checks g_Checks("src/KPath");
 
 constexpr char kSlash = '/';
 constexpr char kBackslash = '\\';
+constexpr unsigned int kNoLength = UINT_MAX;  // which no text has
 
 unsigned int LengthOf(const KString& text) {
     return static_cast<unsigned int>(text.Length());
@@ -117,7 +119,7 @@ KPath& KPath::operator+=(const char* pszText) {
     if (text.Length() == KString::LengthOfString(pszText)) {
         *this += text;
     } else {
-        EmptyUnlessWhole(0);
+        EmptyUnlessWhole(kNoLength);
     }
     return *this;
 }
@@ -134,7 +136,7 @@ KPath KPath::Joined(const KPath& other, int nWhole) const {
         joined.Join(other.m_Path);
     }
     if (other.m_Path.Length() != nWhole) {
-        joined.EmptyUnlessWhole(0);
+        joined.EmptyUnlessWhole(kNoLength);
     }
     return joined;
 }
@@ -185,7 +187,7 @@ bool KPath::RemoveSubPath() {
 }
 
 /// Where the extension begins; the length where there is none.
-[[gnu::noinline]] int KPath::FindExt() const noexcept {
+int KPath::FindExt() const noexcept {
     // An extension is short: to look at each byte takes less than two searches.
     for (int i = m_Path.Length() - 1; i > 0 && m_Path[i] != kSlash; --i) {
         if (m_Path[i] == '.') {
@@ -206,7 +208,7 @@ bool KPath::SetExt(const KString& ext) {
     if (nExt == m_Path.Length()) {
         Append(".", 1, ext);
     } else if (*pszOld != '\0' && !m_Path.Replace(pszOld, ext.GetBuffer())) {
-        EmptyUnlessWhole(0);
+        EmptyUnlessWhole(kNoLength);
     }
     return true;
 }

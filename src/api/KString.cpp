@@ -732,7 +732,7 @@ bool KString::Replace(const char* pszFrom, const char* pszTo) {
     return true;
 }
 
-KString KString::InsertText(int nStart, const char* p, int n) const {
+KString KString::InsertText(int nStart, const char* p, std::size_t nText) const {
     g_Checks.Hold(nStart >= 0, "nStart >= 0", "KString KString::Insert(int, const KString&) const");
     KString result;
     if (m_pszString == nullptr) {
@@ -740,22 +740,24 @@ KString KString::InsertText(int nStart, const char* p, int n) const {
     }
     const std::size_t nOwn = static_cast<std::size_t>(m_nLen);
     const std::size_t nFirst = std::min(static_cast<std::size_t>(NotNegative(nStart)), nOwn);
-    const std::size_t nText = static_cast<std::size_t>(NotNegative(n));
     tchar* const pszResult = nText < INT_MAX - nOwn ? Allocate(nOwn + nText) : nullptr;
     if (pszResult != nullptr) {
-        char* const pRest = std::copy(p, p + nText, std::copy(m_pszString, m_pszString + nFirst, pszResult));
-        *std::copy(m_pszString + nFirst, m_pszString + nOwn, pRest) = '\0';
+        std::memcpy(pszResult, m_pszString, nFirst);
+        if (nText > 0) {
+            std::memcpy(pszResult + nFirst, p, nText);
+        }
+        std::memcpy(pszResult + nFirst + nText, m_pszString + nFirst, nOwn - nFirst + 1);
         result.AdoptText(pszResult, std::strlen(pszResult));
     }
     return result;
 }
 
 KString KString::Insert(int nStart, const KString& text) const {
-    return InsertText(nStart, text.m_pszString, text.m_nLen);
+    return InsertText(nStart, text.m_pszString, static_cast<std::size_t>(text.m_nLen));
 }
 
 KString KString::Insert(int nStart, const char* p) const {
-    return InsertText(nStart, p, LengthOfString(p));
+    return InsertText(nStart, p, static_cast<std::size_t>(LengthOfString(p)));
 }
 
 KString KString::Sub(int nStart, int nEnd) const {
