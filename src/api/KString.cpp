@@ -740,7 +740,7 @@ KString KString::InsertText(int nStart, const char* p, std::size_t nText) const 
     }
     const std::size_t nOwn = static_cast<std::size_t>(m_nLen);
     const std::size_t nFirst = std::min(static_cast<std::size_t>(NotNegative(nStart)), nOwn);
-    tchar* const pszResult = nText < INT_MAX - nOwn ? Allocate(nOwn + nText) : nullptr;
+    tchar* const pszResult = Allocate(nOwn + nText);
     if (pszResult != nullptr) {
         std::memcpy(pszResult, m_pszString, nFirst);
         if (nText > 0) {
@@ -757,7 +757,7 @@ KString KString::Insert(int nStart, const KString& text) const {
 }
 
 KString KString::Insert(int nStart, const char* p) const {
-    return InsertText(nStart, p, static_cast<std::size_t>(LengthOfString(p)));
+    return InsertText(nStart, p, p != nullptr ? std::strlen(p) : 0);
 }
 
 KString KString::Sub(int nStart, int nEnd) const {
