@@ -198,8 +198,7 @@ int KPath::FindExt() const noexcept {
 }
 
 KString KPath::GetExt() const {
-    const int nExt = FindExt();
-    return nExt < m_Path.Length() ? m_Path.Sub(nExt, m_Path.Length()) : KString();
+    return m_Path.Sub(FindExt(), m_Path.Length());
 }
 
 bool KPath::SetExt(const KString& ext) {

@@ -393,6 +393,7 @@ TEST(KPathTest, RemovingSubPathsEndsAtTheFirstComponent) {
     for (const char* const pszExpected : {"/a/b", "/a", "/a"}) {
         EXPECT_TRUE(path.RemoveSubPath());
         EXPECT_EQ(TextOf(path), pszExpected);
+        EXPECT_STREQ(path.GetPath().GetBuffer(), pszExpected);
     }
 }
 
@@ -434,6 +435,12 @@ TEST(KPathTest, SetExtSetsOrReplacesTheExtension) {
         EXPECT_EQ(TextOf(path), test.pszResult) << test.pszPath << " with " << test.pszExt;
         EXPECT_EQ(path.GetType(), KPath::TYPE_FILE);
     }
+}
+
+TEST(KPathTest, AnExtensionThatBeginsWithANulIsNotReplaced) {
+    KPath path = AsItStands("a.\0b"s);
+    EXPECT_TRUE(path.SetExt(KString("c")));
+    EXPECT_EQ(TextOf(path), "a.\0b"s);
 }
 
 TEST(KPathTest, ItsOwnTextCanBeTheExtension) {
