@@ -69,8 +69,8 @@ class KALVOREN_API KMem {
     /// `realloc`, with the old block's entry removed before and the result entered after, even a null one. When the
     /// memory is lacking, the result is null and the old block still lives, without an entry. A null @p pBlock has no
     /// entry of its own to remove: the count of entries is lowered and raised again, and @b lies @b one @b too @b low
-    /// once the result is freed; before there is a registry, the check "0" fails instead. Use Malloc() for a first block. A size of 0 frees the block and raises the count for
-    /// the null result.
+    /// once the result is freed; before there is a registry, the check "0" fails instead. Use Malloc() for a first block.
+    /// A size of 0 frees the block and raises the count for the null result.
     static void* Realloc(void* pBlock, std::size_t nSize);
 
     /// Removes the entry of `*ppBlock`, frees it and sets `*ppBlock` to null. A null `*ppBlock` is left alone.

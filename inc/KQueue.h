@@ -123,8 +123,8 @@ class KALVOREN_API KManagedDynamicDataQueue {
     /// Takes a free buffer from the pool; null when there is none.
     KDynamicDataBuffer* PopWrite();
 
-    /// Puts a filled buffer at the end of the queue. A null one is queued too. Returns true, also when
-    /// memory for its place is lacking: the buffer is then lost to the queue.
+    /// Puts a filled buffer at the end of the queue. A null one is queued too. Returns true, also when memory for its
+    /// place is lacking: the buffer is then lost to the queue.
     bool PushWrite(KDynamicDataBuffer* pBuffer);
 
     /// Takes the oldest buffer from the queue; null when there is none.

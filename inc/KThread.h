@@ -193,7 +193,7 @@ class KALVOREN_API KThread {
     Status GetStatus() const;
 
     /// Stores how many milliseconds the default loop sleeps between two looks at the status. Checks "milSec >= 0"; with
-    /// the checks off a negative value is stored, and how long the default loop then sleeps is what is left of the microseconds in
+    /// the checks off a negative value is stored, and the default loop then sleeps for what is left of the microseconds in
     /// 32 bits: -1 is more than an hour, -4294967 is 296 microseconds.
     void SetSpeed(int nMilliseconds);
 
