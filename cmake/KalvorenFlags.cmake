@@ -56,7 +56,7 @@ function(kalvoren_harden target)
   # The strong form looks after every function whose locals have an address that is taken; the plain one, after those
   # with an array of characters.
   target_compile_options(${target} PRIVATE $<IF:$<BOOL:${KALVOREN_SMALL}>,-fstack-protector,-fstack-protector-strong>)
-  # They need an optimising compiler, and warn without one.
+  # The checked calls need an optimising compiler, and warn without one.
   string(TOUPPER "${CMAKE_BUILD_TYPE}" config)
   if("${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${config}}" MATCHES "-O([1-3sgz]|fast)")
     target_compile_options(${target} PRIVATE -D_FORTIFY_SOURCE=2)

@@ -69,7 +69,8 @@ class KALVOREN_API KDirectory {
     /// still open, which logs the error "Directory Read %s, Handle[%x] is Read". The object's path is @p path in any case.
     ///
     /// Logs "Directory Read %s, Handle[%x] is Alread Read %d" for each entry, with its name and a number that counts the
-    /// entries read in this process, and "Directory Open %s, Handle[%x]" at the end.
+    /// entries read in this process, and "Directory Open %s, Handle[%x]" at the end. An entry for which memory is lacking is
+    /// left out of the list, and the result is true all the same.
     ///
     /// The time grows with n log n of the number of entries.
     bool Open(KPath& path);

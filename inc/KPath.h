@@ -13,9 +13,9 @@
 /// come in through constructors and assignments have every backslash replaced by '/'; SetPath() alone takes a text as it
 /// stands.
 ///
-/// A path for whose text, or a part of it, memory is lacking is empty and of TYPE_NONE, whatever was done to it: no
-/// operation of the system takes it, where a part of it could name something else. What is joined on to it makes a path
-/// of it again, so look at the length between two joins where that matters.
+/// A path for whose text, or a part of it, memory is lacking is empty and of TYPE_NONE, whatever was done to it: a part
+/// of it could name something else. Files and directories cannot be opened, made or deleted by an empty path. Joined to
+/// another path, or another to it, it makes a path again: look at its length before where that matters.
 ///
 /// Thread-safety: none. GetSystemPath() writes into the object, so that even threads that only render one object need a
 /// lock of their own.

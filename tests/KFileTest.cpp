@@ -151,7 +151,7 @@ class KFileTest : public testing::Test {
 
     /// A directory in it whose path has this length.
     std::string DirectoryOfLength(std::size_t nLength) {
-        constexpr std::size_t kLongestName = 200;
+        constexpr std::size_t kLongestName = 120;
         std::string path = Directory().Path();
         while (path.size() < nLength) {
             const std::size_t nLeft = nLength - path.size();

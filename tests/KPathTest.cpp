@@ -699,6 +699,9 @@ TEST(KPathTest, APathOfWhichAnyPartLacksMemoryIsEmptyAndOfNoType) {
         for (const auto& way : ways) {
             ++nWay;
             KPath path(small);
+            if (path.GetType() != KPath::TYPE_DIRECTORY) {
+                return support::kMemoryCannotBeLimited;
+            }
             way(path);
             if (!IsNothing(path)) {
                 return nWay;

@@ -29,7 +29,7 @@ bool KLib::Load(const KPath& path) {
     m_Path = path.GetRootOnly();
     m_Path += fileName;
     const char* const pszSystemPath = m_Path.GetSystemPath(KPath::CONV_SLASH);
-    // Only a path that is too long renders as an empty one, which dlopen would take for the program itself.
+    // A path that is too long, or lacked memory, renders as an empty one, which dlopen would take for the program itself.
     m_pHandle = *pszSystemPath != '\0' ? dlopen(pszSystemPath, RTLD_LAZY) : nullptr;
     return m_pHandle != nullptr;
 }

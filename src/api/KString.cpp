@@ -305,13 +305,8 @@ KString& KString::operator=(KString&& other) noexcept {
         const int nLen = other.m_nLen;
         other.m_pszString = nullptr;
         other.m_nLen = 0;
-        if (nLen > 0) {
-            Adopt(pszString, nLen);
-        } else {
-            // As a copy would be: an empty string that is assigned has no buffer.
-            std::free(pszString);
-            Adopt(nullptr, 0);
-        }
+        // As a copy would be: an empty string that is assigned has no buffer.
+        AdoptText(pszString, static_cast<std::size_t>(nLen));
     }
     return *this;
 }

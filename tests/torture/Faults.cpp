@@ -74,7 +74,6 @@ thread_local void (*t_pWhileSleeping)() = nullptr;
 
 Fault g_Fault = {0, 0};
 int g_nCalls = 0;
-std::size_t g_nFailedSize = 0;
 Holdings g_Left = {};
 int g_nLastSocket = -1;
 const void* g_pLastDirectory = nullptr;
@@ -253,23 +252,16 @@ void* Unexpected(void* pBlock, std::size_t nSize) {
     return pBlock != nullptr && !s_fgLeave ? std::memset(pBlock, 0xA5, nSize) : pBlock;
 }
 
-/// The same for allocations.
-bool IsLacking(const Spec& spec, std::size_t nSize, const void* pReturn = __builtin_return_address(0)) {
-    const bool fgFails = Fails(spec, pReturn);
-    g_nFailedSize = fgFails ? nSize : g_nFailedSize;
-    return fgFails;
-}
-
 void* Malloc(std::size_t nSize) {
-    return IsLacking(kMalloc, nSize) ? nullptr : Hold(Unexpected(std::malloc(nSize), nSize), nSize);
+    return Fails(kMalloc) ? nullptr : Hold(Unexpected(std::malloc(nSize), nSize), nSize);
 }
 
 void* Calloc(std::size_t nCount, std::size_t nSize) {
-    return IsLacking(kCalloc, nCount * nSize) ? nullptr : Hold(std::calloc(nCount, nSize), nCount * nSize);
+    return Fails(kCalloc) ? nullptr : Hold(std::calloc(nCount, nSize), nCount * nSize);
 }
 
 void* Realloc(void* pBlock, std::size_t nSize) {
-    if (IsLacking(kRealloc, nSize)) {
+    if (Fails(kRealloc)) {
         return nullptr;
     }
     // Before: as soon as libc has moved the block, its place may be another thread's.
@@ -288,11 +280,11 @@ void Free(void* pBlock) {
 }
 
 void* New(std::size_t nSize, const std::nothrow_t& tag) {
-    return IsLacking(kNew, nSize) ? nullptr : Hold(Unexpected(::operator new(nSize, tag), nSize), nSize);
+    return Fails(kNew) ? nullptr : Hold(Unexpected(::operator new(nSize, tag), nSize), nSize);
 }
 
 void* NewArray(std::size_t nSize, const std::nothrow_t& tag) {
-    return IsLacking(kNewArray, nSize) ? nullptr : Hold(Unexpected(::operator new[](nSize, tag), nSize), nSize);
+    return Fails(kNewArray) ? nullptr : Hold(Unexpected(::operator new[](nSize, tag), nSize), nSize);
 }
 
 void Delete(void* pBlock) {
@@ -1560,7 +1552,6 @@ void Step::Disarm() {
     m_Calls = g_Calls;
     if (m_fgFailed) {
         m_CallsBefore = g_CallsBefore;
-        m_nFailedSize = g_nFailedSize;
     }
     const std::lock_guard<std::mutex> lock(g_Guard);
     for (const Piece& piece : g_Log) {

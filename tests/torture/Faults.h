@@ -144,8 +144,6 @@ class Step {
     int CallsBefore(const std::string& function) const;
     /// How often the step called a function in all.
     int Calls(const std::string& function) const;
-    /// How many bytes the failed allocation was to have.
-    std::size_t FailedSize() const { return m_nFailedSize; }
 
     /// Says what the library has to have logged, message by message: "Error****: ", "Debug: " or "Log: " (for a stamp) and
     /// the message. What could not be written counts as logged: it was to be. A message that could not be rendered is an
@@ -164,7 +162,6 @@ class Step {
     std::string m_Function;
     std::map<std::string, int> m_CallsBefore;
     std::map<std::string, int> m_Calls;
-    std::size_t m_nFailedSize = 0;
     std::string m_Log;
     std::string m_Meant;     ///< With what could not be written.
     int m_nUnrendered = -1;  ///< The number of the write whose message could not be rendered.
