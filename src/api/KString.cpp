@@ -215,15 +215,10 @@ void KString::AssignText(const char* p, std::size_t nLen) {
 namespace {
 
 /// A block of text that has room for so many bytes: the one that is there, or one that has an eighth more, so that text
-/// appended piece by piece asks for memory a few times and not for every piece; or one that has just room. Null when the
-/// memory is lacking.
-tchar* WithRoom(tchar* pszBlock, std::size_t nSize) noexcept {
+/// appended piece by piece asks for memory a few times and not for every piece. Null when the memory is lacking.
+tchar* WithRoom(tchar* pszBlock, std::size_t nSize) {
     const std::size_t nRoom = pszBlock != nullptr ? malloc_usable_size(pszBlock) : 0;
-    if (nSize <= nRoom) {
-        return pszBlock;
-    }
-    void* const pWithSpare = std::realloc(pszBlock, nSize + nSize / 8);
-    return static_cast<tchar*>(pWithSpare != nullptr ? pWithSpare : std::realloc(pszBlock, nSize));
+    return nSize <= nRoom ? pszBlock : static_cast<tchar*>(std::realloc(pszBlock, nSize + nSize / 8));
 }
 
 }  // namespace
