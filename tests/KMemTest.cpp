@@ -350,12 +350,13 @@ TEST_F(KMemTest, EveryFirstEntryMakesTheRegistry) {
 TEST_F(KMemTest, WithoutMemoryForTheRegistryNothingIsEnteredAndWithTheChecksOffAllElseWorks) {
     const int nStep = support::InLittleMemory([] {
         void* volatile pSmall = std::malloc(3);
-        // The heap may still hold enough.
-        void* volatile pTaken = nullptr;
+        // The heap may still hold enough. What is taken of it, until the process ends, is a chain.
+        static void* s_pTaken = nullptr;
         for (std::size_t nSize = sizeof(WholeRegistry); nSize > 1000; nSize /= 2) {
-            do {
-                pTaken = std::malloc(nSize);  // NOLINT(clang-analyzer-unix.Malloc): until the process ends
-            } while (pTaken != nullptr);
+            while (void* const pBlock = std::malloc(nSize)) {
+                *static_cast<void**>(pBlock) = s_pTaken;
+                s_pTaken = pBlock;
+            }
         }
         std::free(pSmall);  // What is left of the heap may be less than even this.
         if (KMem::Init() || KMem::Add(AsObject(Address(1))) || KMem::AddForNonClass(Address(1), 1)) {

@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -2737,7 +2738,7 @@ TEST(KNetTest, HostsSpeakWithEachOtherByName) {
                 EXPECT_TRUE(pServer->Accept(accepted));
                 char buffer[kIpcSize] = {};
                 EXPECT_EQ(accepted.Read(buffer, kIpcSize, false), -1);
-                std::strcpy(buffer, accepted.GetConnectionInfo().GetAddress().GetBuffer());
+                std::snprintf(buffer, sizeof(buffer), "%s", accepted.GetConnectionInfo().GetAddress().GetBuffer());
                 EXPECT_EQ(accepted.Write(buffer, kIpcSize), kIpcSize);
             });
             EXPECT_EQ(answer.get(), peer.second);

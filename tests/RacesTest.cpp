@@ -925,7 +925,7 @@ TEST_P(RacesTest, ChildrenAreTakenOutOfANodeOneByOne) {
     constexpr int kOwn = 2;
     const support::ScopedChecks checks(false);
     const int nRounds = Rounds(16000);
-    const auto nEach = static_cast<std::size_t>(nRounds + kOwn);
+    const auto nEach = static_cast<std::size_t>(nRounds) + kOwn;
     std::vector<KPropertyNode> children(static_cast<std::size_t>(Threads()) * nEach);
     KPropertyNode parent;
     Hammer(Threads(), [&](int nThread) {

@@ -134,8 +134,8 @@ class TortureTest : public testing::TestWithParam<Scenario> {
         s_nFaults = 0;
     }
 
-    /// How much was made to fail, by all runs of this process. It varies a little: with the memory that libc hands out, and
-    /// with what the system does at once.
+    /// How much was made to fail, by all runs of this process. It varies a little: with what the system does at once, and
+    /// with the lengths of the paths.
     static void TearDownTestSuite() {
         RecordProperty("faults", s_nFaults);
         std::cout << s_nFaults << " faults injected\n";

@@ -8,6 +8,7 @@
 #include <elf.h>
 #include <fcntl.h>
 #include <link.h>
+#include <malloc.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -272,6 +273,14 @@ void* Realloc(void* pBlock, std::size_t nSize) {
         return nullptr;
     }
     return Hold(pResult, nSize);
+}
+
+/// What was asked for, and not what libc had: that varies with what other blocks left, and with it whether a text that grows
+/// asks for memory.
+std::size_t UsableSize(void* pBlock) {
+    const std::lock_guard<std::mutex> lock(g_Guard);
+    const auto held = g_Blocks.find(pBlock);
+    return held != g_Blocks.end() ? held->second : malloc_usable_size(pBlock);
 }
 
 void Free(void* pBlock) {
@@ -940,6 +949,7 @@ const Hook g_Hooks[] = {
     {"calloc", Address(&Calloc), &kCalloc},
     {"realloc", Address(&Realloc), &kRealloc},
     {"free", Address(&Free), nullptr},
+    {"malloc_usable_size", Address(&UsableSize), nullptr},
     {"_ZnwmRKSt9nothrow_t", Address(&New), &kNew},
     {"_ZnwjRKSt9nothrow_t", Address(&New), &kNew},
     {"_ZnamRKSt9nothrow_t", Address(&NewArray), &kNewArray},
@@ -1041,9 +1051,8 @@ const std::set<std::string> g_CannotFail = {
     // Refuses only numbers that are no signal's.
     "signal",
     // Looks at its arguments.
-    "strcasecmp", "strcasestr", "strchr", "strcmp", "strlen", "malloc_usable_size", "strncasecmp", "strnlen", "strstr",
-    "strcspn", "strspn", "strrchr", "tolower", "toupper", "wcslen", "bcmp", "memchr", "memcmp", "memcpy", "memmove",
-    "memrchr", "memset",
+    "strcasecmp", "strcasestr", "strchr", "strcmp", "strlen", "strncasecmp", "strnlen", "strstr", "strcspn", "strspn",
+    "strrchr", "tolower", "toupper", "wcslen", "bcmp", "memchr", "memcmp", "memcpy", "memmove", "memrchr", "memset",
     // Ends the process for a target that is too small, or a descriptor that no set has room for: the library looks first.
     "__memcpy_chk", "__fdelt_chk",
     // Looks at the process.
