@@ -8,7 +8,6 @@
 #include <cctype>
 #include <memory>
 #include <ostream>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -19,12 +18,15 @@
 #include "support/HeapUse.h"
 #include "support/LogLines.h"
 #include "support/PropertyTree.h"
+#include "support/RandomPropertyTexts.h"
 #include "support/Support.h"
 #include "support/Texts.h"
 
 using support::DestroyChildren;
 using support::LogOf;
+using support::RandomPropertyTexts;
 using support::ReadList;
+using support::Repeated;
 using support::ScopedChecks;
 using support::ScopedDirectory;
 using support::ScopedLevel;
@@ -37,15 +39,6 @@ constexpr int kNoLines = 3;
 
 KString StringOf(const std::string& text) {
     return KString(text.data(), static_cast<int>(text.size()));
-}
-
-std::string Repeated(const std::string& text, std::size_t nTimes) {
-    std::string repeated;
-    repeated.reserve(text.size() * nTimes);
-    for (std::size_t i = 0; i < nTimes; ++i) {
-        repeated += text;
-    }
-    return repeated;
 }
 
 /// The tree that the reader makes of a text.
@@ -712,76 +705,11 @@ class Model {
     bool m_fgEnded;
 };
 
-/// Texts made of pieces: mostly of such as a configuration has, so that reads go deep before they end.
-class Texts {
- public:
-    explicit Texts(unsigned int nSeed) : m_Random(nSeed) {}
-
-    std::string Next() {
-        static const std::vector<std::string> usual = {"<plist>",
-                                                       "<dict>",
-                                                       "</dict>",
-                                                       "<array>",
-                                                       "</array>",
-                                                       "<key>a</key>",
-                                                       "<key>b</key>",
-                                                       "\n",
-                                                       "\r\n\t\t",
-                                                       "<true/>",
-                                                       "<string>x</string>",
-                                                       "<FALSE/>",
-                                                       "<data>\nA\n</data>",
-                                                       "</PLIST>",
-                                                       "<dict>",
-                                                       "<Array>",
-                                                       "<key></key>",
-                                                       "<string></string>",
-                                                       "</DICT>",
-                                                       "<date></date>",
-                                                       "<key>c</KEY>"};
-        static const std::vector<std::string> rare = {" ",
-                                                      "<",
-                                                      ">",
-                                                      "<>",
-                                                      "/",
-                                                      "x",
-                                                      "<key>",
-                                                      "</key>",
-                                                      "<string>",
-                                                      "<real>",
-                                                      "</real>",
-                                                      "</string>",
-                                                      "<integer>",
-                                                      "</integer>",
-                                                      "<dict/>",
-                                                      "<!-- true/ -->",
-                                                      "<!-- -->",
-                                                      "<?xml",
-                                                      "?>",
-                                                      "<?xml?>",
-                                                      "<!DOCTYPE plist>",
-                                                      "<string a>y</string a>",
-                                                      "<true />",
-                                                      "&lt;"};
-        std::string text;
-        for (std::size_t nPieces = Below(60); nPieces > 0; --nPieces) {
-            const auto& pieces = Below(25) == 0 ? rare : usual;
-            text += pieces[Below(pieces.size())];
-        }
-        return text;
-    }
-
- private:
-    std::size_t Below(std::size_t n) { return std::uniform_int_distribution<std::size_t>(0, n - 1)(m_Random); }
-
-    std::mt19937 m_Random;
-};
-
 }  // namespace
 
 TEST(KPropertyListTest, AgreesWithAPlainModelOnRandomTexts) {
     const ScopedLevel level(kNoLines);
-    Texts texts(5150);
+    RandomPropertyTexts texts(5150);
     for (int i = 0; i < 5000; ++i) {
         const std::string text = texts.Next();
         Model model(text);
@@ -797,7 +725,7 @@ TEST(KPropertyListTest, AgreesWithAPlainModelOnRandomTexts) {
 }
 
 TEST(KPropertyListTest, AgreesWithAPlainModelOnTheLog) {
-    Texts texts(1984);
+    RandomPropertyTexts texts(1984);
     for (int i = 0; i < 200; ++i) {
         const std::string text = texts.Next();
         Model model(text);
@@ -889,14 +817,8 @@ TEST(KPropertyListTest, ReadsManyHeaders) {
 }
 
 TEST(KPropertyListTest, ReadsAnyBytes) {
-    std::mt19937 random(77);
-    // Mostly the bytes that mean something.
-    const std::string meaning = "<>/?!\n\t\r tTrRuUeEfFaAlLsSkKyYdDiIcC";
+    RandomPropertyTexts texts(77);
     for (int i = 0; i < 2000; ++i) {
-        std::string text = "<dict>";
-        for (int nLen = 0; nLen < 300; ++nLen) {
-            text += random() % 8 == 0 ? static_cast<char>(random()) : meaning[random() % meaning.size()];
-        }
-        CountNodes(text);
+        CountNodes("<dict>" + texts.NextBytes(300));
     }
 }

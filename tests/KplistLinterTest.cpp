@@ -9,11 +9,15 @@
 #include "KPropertyList.h"
 #include "kplist/Linter.h"
 #include "support/PropertyTree.h"
+#include "support/RandomPropertyTexts.h"
 #include "support/Support.h"
+#include "support/Texts.h"
 
 using kplist::Finding;
 using kplist::Lint;
 using kplist::Severity;
+using support::RandomPropertyTexts;
+using support::Repeated;
 using support::ScopedLevel;
 using support::Tree;
 
@@ -504,48 +508,9 @@ TEST(KplistLinterTest, FindsWhateverIsBrokenInAFile) {
 }
 
 TEST(KplistLinterTest, SaysOfRandomTextsWhereTheReaderStops) {
-    static const std::vector<std::string> usual = {
-        "<plist>",      "<dict>", "</dict>",     "<array>",      "</array>",           "<key>a</key>",
-        "<key>b</key>", "\n",     "\r\n\t",      "<true/>",      "<string>x</string>", "<string></string>",
-        "</plist>",     "<DICT>", "<key></KEY>", "<date></date>"};
-    static const std::vector<std::string> rare = {" ",
-                                                  "<",
-                                                  ">",
-                                                  "<>",
-                                                  "/",
-                                                  "x",
-                                                  "<key>",
-                                                  "</key>",
-                                                  "<string>",
-                                                  "<real>",
-                                                  "</real>",
-                                                  "</string>",
-                                                  "<integer>",
-                                                  "</integer>",
-                                                  "<dict/>",
-                                                  "<!-- true/ -->",
-                                                  "<!--",
-                                                  "-->",
-                                                  "<?xml",
-                                                  "?>",
-                                                  "<?xml?>",
-                                                  "<!DOCTYPE plist>",
-                                                  "<string a>y</string a>",
-                                                  "<true />",
-                                                  "&lt;",
-                                                  "<![CDATA[",
-                                                  "]]>",
-                                                  "<a true/>",
-                                                  "<keys>",
-                                                  "</dictator>",
-                                                  "&#x;"};
-    std::mt19937 random(1618);
+    RandomPropertyTexts texts(1618);
     for (int i = 0; i < 5000; ++i) {
-        std::string text;
-        for (std::size_t nPieces = random() % 50; nPieces > 0; --nPieces) {
-            const auto& pieces = random() % 20 == 0 ? rare : usual;
-            text += pieces[random() % pieces.size()];
-        }
+        const std::string text = texts.Next();
         const kplist::Report report = Lint(text);
         ASSERT_EQ(report.nEnd, Reading(text).End()) << Lines(report.findings) << text;
         const bool fgRest = text.find_first_not_of(" \t\r\n", report.nEnd) != std::string::npos;
@@ -554,13 +519,9 @@ TEST(KplistLinterTest, SaysOfRandomTextsWhereTheReaderStops) {
 }
 
 TEST(KplistLinterTest, TakesAnyBytes) {
-    std::mt19937 random(577);
-    const std::string meaning = "<>/?!&;#\n\t \"tTrRuUeEkKyYdDiIcC-";
+    RandomPropertyTexts texts(577);
     for (int i = 0; i < 2000; ++i) {
-        std::string text = "<plist>";
-        for (int nLen = 0; nLen < 200; ++nLen) {
-            text += random() % 8 == 0 ? static_cast<char>(random()) : meaning[random() % meaning.size()];
-        }
+        const std::string text = "<plist>" + texts.NextBytes(200);
         ASSERT_EQ(Lint(text).nEnd, Reading(text).End()) << text;
     }
 }
@@ -570,14 +531,6 @@ TEST(KplistLinterTest, TakesAnyBytes) {
 namespace {
 
 constexpr std::size_t kMany = 100000;
-
-std::string Repeated(const std::string& piece, std::size_t nTimes) {
-    std::string text;
-    for (std::size_t i = 0; i < nTimes; ++i) {
-        text += piece;
-    }
-    return text;
-}
 
 }  // namespace
 

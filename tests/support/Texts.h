@@ -28,6 +28,15 @@ inline int CountOf(const std::string& text, const std::string& sought) {
     return nCount;
 }
 
+inline std::string Repeated(const std::string& text, std::size_t nTimes) {
+    std::string repeated;
+    repeated.reserve(text.size() * nTimes);
+    for (std::size_t i = 0; i < nTimes; ++i) {
+        repeated += text;
+    }
+    return repeated;
+}
+
 }  // namespace support
 
 #endif  // KALVOREN_TESTS_TEXTS_H
