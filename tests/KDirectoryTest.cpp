@@ -713,6 +713,28 @@ TEST_F(KDirectoryTest, AFailedOpenKeepsTheEntriesOfTheOneBefore) {
     EXPECT_THAT(EntriesOf(directory), ElementsAre(".", ".."));
 }
 
+TEST_F(KDirectoryTest, AnEntryWhoseNameFindsNoMemoryIsLeftOut) {
+    const ScopedDirectory scratch;
+    scratch.File("name", "");
+    m_System->read.reserve(1000);  // What is noted here takes no memory meanwhile.
+    KPath path = PathOf(scratch.Path());
+    int nIncomplete = 0;
+    for (int nStillWorks = 0, nRefused = 1; nRefused > 0; ++nStillWorks) {
+        ASSERT_LT(nStillWorks, 100);
+        KDirectory directory;
+        bool fgOpened = false;
+        {
+            const ScopedNoMalloc noMemory(nStillWorks, 1);
+            fgOpened = directory.Open(path);
+            nRefused = noMemory.Refused();
+        }
+        const std::vector<std::string> entries = EntriesOf(directory);
+        EXPECT_THAT(entries, testing::Each(testing::AnyOf(".", "..", "name"))) << nStillWorks;
+        nIncomplete += fgOpened && entries.size() == 2 ? 1 : 0;
+    }
+    EXPECT_GE(nIncomplete, 3) << "each entry was to be left out once";
+}
+
 TEST_F(KDirectoryTest, NoHandleIsLeftOpen) {
     const ScopedDirectory scratch;
     for (int i = 0; i < 1100; ++i) {  // More than the files that a process usually may have open.
